@@ -1,0 +1,175 @@
+#include "ubusd_broker.h"
+
+#include <algorithm>
+#include <sys/random.h>
+
+namespace {
+
+bool flag(blob_attr *attr)
+{
+    return attr && blob_get_u8(attr);
+}
+
+} // namespace
+
+uint32_t broker::unused_id() const
+{
+    for (;;) {
+        uint32_t id = 0;
+        if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id))
+            continue; // interrupted
+        if (id > UBUS_SYSTEM_OBJECT_MAX && !clients.contains(id) && !objects.contains(id) && !types.contains(id))
+            return id;
+    }
+}
+
+bus_client &broker::add_client(message_sink &sink, std::string user, std::string group)
+{
+    auto client = std::make_unique<bus_client>();
+    client->id = unused_id();
+    client->sink = &sink;
+    client->user = std::move(user);
+    client->group = std::move(group);
+    bus_client &added = *client;
+    clients[added.id] = std::move(client);
+    blob_builder nothing;
+    sink.send(make_message({0, UBUS_MSG_HELLO, 0, added.id}, nothing.bytes()));
+    return added;
+}
+
+void broker::remove_client(bus_client &client)
+{
+    const std::set<uint32_t> gone = std::move(client.objects);
+    client.objects.clear();
+    const uint32_t id = client.id;
+    std::vector<std::pair<uint32_t, std::string>> named;
+    for (uint32_t object : gone) {
+        bus_object &entry = objects.at(object);
+        if (!entry.path.empty())
+            named.emplace_back(object, entry.path);
+        forget_object(entry);
+    }
+    clients.erase(id);
+    end_calls(gone, UBUS_STATUS_CONNECTION_FAILED);
+    for (auto &[object, path] : named)
+        send_object_event("ubus.object.remove", object, path);
+}
+
+void broker::receive(bus_client &client, bus_message &message)
+{
+    blob_attr *tb[UBUS_ATTR_MAX];
+    parse_message(message.attr(), message.blob.size(), tb);
+    if (message.header.type == UBUS_MSG_STATUS || message.header.type == UBUS_MSG_DATA) {
+        pass_answer(client, message, tb);
+        return;
+    }
+    int status = handle_request(client, message, tb);
+    bool wanted = message.header.type != UBUS_MSG_INVOKE || !flag(tb[UBUS_ATTR_NO_REPLY]);
+    if (status != no_status && wanted)
+        send_status(client, message.header.seq, message.header.peer, status);
+}
+
+int broker::handle_request(bus_client &client, bus_message &message, blob_attr **tb)
+{
+    message_header header = message.header;
+    switch (header.type) {
+    case UBUS_MSG_PING:
+        header.type = UBUS_MSG_DATA;
+        client.sink->send(make_message(header, message.blob));
+        return UBUS_STATUS_OK;
+    case UBUS_MSG_LOOKUP:
+        return handle_lookup(client, header, tb);
+    case UBUS_MSG_INVOKE:
+        return handle_invoke(client, header, tb);
+    case UBUS_MSG_ADD_OBJECT:
+        return handle_add_object(client, header, tb);
+    case UBUS_MSG_REMOVE_OBJECT:
+        return handle_remove_object(client, header, tb);
+    case UBUS_MSG_SUBSCRIBE:
+    case UBUS_MSG_UNSUBSCRIBE:
+    case UBUS_MSG_NOTIFY:
+    case UBUS_MSG_MONITOR:
+        return UBUS_STATUS_NOT_SUPPORTED;
+    default:
+        return UBUS_STATUS_INVALID_COMMAND;
+    }
+}
+
+int broker::handle_invoke(bus_client &client, const message_header &header, blob_attr **tb)
+{
+    if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_METHOD])
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    const uint32_t id = blob_get_u32(tb[UBUS_ATTR_OBJID]);
+    const char *method = blob_get_string(tb[UBUS_ATTR_METHOD]);
+    if (id == UBUS_SYSTEM_OBJECT_EVENT)
+        return handle_event_call(client, method, tb[UBUS_ATTR_DATA]);
+    auto found = objects.find(id);
+    if (found == objects.end())
+        return UBUS_STATUS_NOT_FOUND;
+
+    blob_builder call;
+    call.put_u32(UBUS_ATTR_OBJID, id).put_string(UBUS_ATTR_METHOD, method);
+    call.put_string(UBUS_ATTR_USER, client.user.c_str()).put_string(UBUS_ATTR_GROUP, client.group.c_str());
+    if (tb[UBUS_ATTR_DATA])
+        call.put(UBUS_ATTR_DATA, blob_data(tb[UBUS_ATTR_DATA]), blob_len(tb[UBUS_ATTR_DATA]));
+    const bool no_reply = flag(tb[UBUS_ATTR_NO_REPLY]);
+    if (no_reply)
+        call.put(UBUS_ATTR_NO_REPLY, "\1", 1);
+    if (call.bytes().empty())
+        return UBUS_STATUS_INVALID_ARGUMENT; // with what the broker adds it is larger than its owner takes
+    message_sink &owner = *found->second.owner->sink;
+    if (owner.queued() + call.bytes().size() > owner_backlog_max)
+        return UBUS_STATUS_NO_MEMORY;
+    if (!no_reply)
+        remember_call(client, header.seq, id);
+    owner.send(make_message({0, UBUS_MSG_INVOKE, header.seq, client.id}, call.bytes()));
+    return no_status;
+}
+
+void broker::remember_call(bus_client &client, uint16_t seq, uint32_t object)
+{
+    if (client.calls.size() == calls_per_client_max) {
+        call_in_progress oldest = client.calls.front();
+        client.calls.pop_front();
+        send_status(client, oldest.seq, oldest.object, UBUS_STATUS_TIMEOUT);
+    }
+    client.calls.push_back({seq, object});
+}
+
+void broker::pass_answer(bus_client &client, bus_message &message, blob_attr **tb)
+{
+    auto caller = clients.find(message.header.peer);
+    if (caller == clients.end() || !tb[UBUS_ATTR_OBJID])
+        return;
+    const uint32_t id = blob_get_u32(tb[UBUS_ATTR_OBJID]);
+    if (!client.objects.contains(id))
+        return;
+    auto &calls = caller->second->calls;
+    auto call = std::find_if(calls.begin(), calls.end(),
+                             [&](const call_in_progress &c) { return c.seq == message.header.seq && c.object == id; });
+    if (call == calls.end())
+        return;
+    if (message.header.type == UBUS_MSG_STATUS)
+        calls.erase(call);
+    caller->second->sink->send(make_message({0, message.header.type, message.header.seq, id}, message.blob));
+}
+
+void broker::end_calls(const std::set<uint32_t> &gone, ubus_msg_status status)
+{
+    if (gone.empty())
+        return;
+    for (auto &[id, client] : clients) {
+        for (const call_in_progress &call : client->calls) {
+            if (gone.contains(call.object))
+                send_status(*client, call.seq, call.object, status);
+        }
+        std::erase_if(client->calls, [&](const call_in_progress &call) { return gone.contains(call.object); });
+    }
+}
+
+void broker::send_status(bus_client &client, uint16_t seq, uint32_t peer, int status)
+{
+    blob_builder blob;
+    blob.put_u32(UBUS_ATTR_STATUS, static_cast<uint32_t>(status));
+    client.sink->send(make_message({0, UBUS_MSG_STATUS, seq, peer}, blob.bytes()));
+}
