@@ -1,0 +1,30 @@
+// Takes the place of the system log in a private root: a datagram socket whose lines the test can look at.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class SyslogSink {
+public:
+    // Binds `folder`/log, in place of what is there; folder is the root's dev folder. Throws std::system_error.
+    explicit SyslogSink(const std::string &folder);
+    ~SyslogSink();
+    SyslogSink(const SyslogSink &) = delete;
+    SyslogSink &operator=(const SyslogSink &) = delete;
+
+    // The messages so far, in order, as sent: "<priority>date tag: text".
+    std::vector<std::string> lines() const;
+    bool contains(const std::string &text) const;
+
+private:
+    // A sender blocks once a few messages wait, so they are taken off the socket by a thread.
+    void collect();
+
+    int socket_ = -1;
+    int stop_pipe_[2] = {-1, -1};
+    mutable std::mutex mutex_; // protects lines_
+    std::vector<std::string> lines_;
+    std::thread collector_;
+};
