@@ -1,0 +1,193 @@
+#include "modemsim/sms_deliver.h"
+#include "test_modemsim_rig.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+
+namespace {
+
+using modemsim::Deliver;
+using modemsim::deliver_pdus;
+
+/// A PDU of the corpus with its time zone octet set to 0, as the simulated network sends it.
+std::string without_zone(std::string pdu, size_t digits)
+{
+    // Centre 9 octets, then first octet, the sender's length, type and digits, PID, DCS and six octets of time.
+    size_t zone = (9 + 3 + digits / 2 + 2 + 6) * 2;
+    return pdu.replace(zone, 2, "00");
+}
+
+TEST(SmsDeliver, EncodesAsTheCorpusDoes)
+{
+    std::ifstream file(TEST_DATA_DIR "/pdu-vectors.jsonl");
+    int compared = 0;
+    for (std::string line; std::getline(file, line);) {
+        auto vector = nlohmann::json::parse(line);
+        if (vector["kind"] != "deliver" || !vector["text"].is_string() || !vector["udh"].is_null())
+            continue;
+        std::string pdu = vector["pdu"];
+        // Only the plain form: centre and sender of 12 digits, no flags, default alphabet or UCS-2.
+        std::string id = vector["id"];
+        bool hostile = id.starts_with("esc") || id.starts_with("fmt");
+        std::string coding = pdu.size() < 40 ? "" : pdu.substr(36, 4);
+        if (hostile || !pdu.starts_with("0891947122575555F0040C91947110325476") ||
+            (coding != "0000" && coding != "0008"))
+            continue;
+        Deliver message;
+        message.centre = "+" + vector["smsc"].get<std::string>();
+        message.from = "+" + vector["sender"].get<std::string>();
+        message.time = vector["date"].get<std::string>() + " " + vector["time"].get<std::string>();
+        message.text = vector["text"];
+        message.ucs2 = coding == "0008";
+        EXPECT_EQ(deliver_pdus(message), std::vector{without_zone(pdu, 12)}) << id;
+        compared++;
+    }
+    EXPECT_GE(compared, 10);
+}
+
+TEST(SmsDeliver, CutsLongTextsBetweenCharacters)
+{
+    struct Row {
+        const char *what;
+        std::string text;
+        bool wide;
+        std::vector<size_t> lengths; ///< of the parts' user data, in septets or octets
+    };
+    std::string smile = "\xF0\x9F\x98\x80";
+    std::string smiles;
+    for (int i = 0; i < 36; i++)
+        smiles += smile;
+    const Row rows[] = {
+        {"160 fit into one", std::string(160, 'a'), false, {160}},
+        {"161 need two", std::string(161, 'a'), false, {160, 15}},
+        {"with a wide reference", std::string(161, 'a'), true, {160, 17}},
+        {"no escape at a part's end", std::string(152, 'a') + "\xE2\x82\xAC" + std::string(10, 'b'), false, {159, 19}},
+        {"no half surrogate pair at a part's end", smiles, false, {6 + 132, 6 + 12}},
+    };
+    for (const Row &row : rows) {
+        Deliver message{.from = "+49", .text = row.text, .wide_reference = row.wide, .reference = 300};
+        std::vector<size_t> lengths;
+        for (const std::string &pdu : deliver_pdus(message)) {
+            ASSERT_TRUE(modemsim::is_deliver_pdu(pdu));
+            size_t length = (9 + 1 + 3 + 2 + 7) * 2; // behind centre, first octet, sender, PID, DCS and time
+            lengths.push_back(std::stoul(pdu.substr(length, 2), nullptr, 16));
+        }
+        EXPECT_EQ(lengths, row.lengths) << row.what;
+    }
+}
+
+TEST(SmsDeliver, RefusesWhatIsNoMessage)
+{
+    EXPECT_THROW(deliver_pdus({.from = "", .text = "x"}), std::invalid_argument);
+    EXPECT_THROW(deliver_pdus({.from = "twelve chars", .text = "x"}), std::invalid_argument);
+    EXPECT_THROW(deliver_pdus({.from = "+1", .text = "x", .time = "yesterday"}), std::invalid_argument);
+    EXPECT_THROW(deliver_pdus({.from = "+1", .text = std::string(153 * 255 + 1, 'a')}), std::invalid_argument);
+}
+
+TEST(ModemsimSms, AnnouncesListsReadsAndDeletes)
+{
+    Rig rig;
+    std::string pdu = rig.ctl("sms +491701234567 Hello")["pdus"][0];
+    EXPECT_EQ(rig.out, "\r\n+CMTI: \"SM\",1\r\n");
+    rig.ctl("sms +491701234567 World");
+    EXPECT_EQ(rig.at("AT+CMGL=0").substr(0, 22 + pdu.size()), "\r\n+CMGL: 1,0,,24\r\n" + pdu + "\r\n+C");
+    EXPECT_EQ(rig.at("AT+CMGL=0"), ok);
+    EXPECT_EQ(rig.at("AT+CMGR=1"), answer("+CMGR: 1,,24\r\n" + pdu));
+    EXPECT_EQ(rig.at("AT+CMGD=1"), ok);
+    EXPECT_EQ(rig.at("AT+CMGR=1"), "\r\n+CMS ERROR: 321\r\n");
+    EXPECT_EQ(rig.at("AT+CPMS?"), answer("+CPMS: \"SM\",1,20,\"SM\",1,20,\"SM\",1,20"));
+    EXPECT_EQ(rig.at("AT+CPMS=\"ME\",\"ME\",\"SM\""), answer("+CPMS: 0,20,0,20,1,20"));
+    auto first = rig.state("/messages/history/0");
+    EXPECT_EQ(first["reads"], 2);
+    EXPECT_EQ(first["handed_over"], 2);
+    EXPECT_EQ(first["deleted"], true);
+    EXPECT_EQ(rig.state("/messages/handed_over"), 2);
+}
+
+TEST(ModemsimSms, DeletesByFlag)
+{
+    const std::pair<int, int> rows[] = {
+        {1, 3}, {2, 2}, {3, 1}, {4, 0}}; // flag, what is left of read, sent, unsent, unread
+    for (auto [flag, left] : rows) {
+        Rig rig;
+        auto &store = rig.engine.modem.messages;
+        for (auto status : {modemsim::MessageStatus::read, modemsim::MessageStatus::sent,
+                            modemsim::MessageStatus::unsent, modemsim::MessageStatus::unread})
+            store.write("SM", "00", status);
+        EXPECT_EQ(rig.at("AT+CMGD=0," + std::to_string(flag)), ok);
+        EXPECT_EQ(store.used("SM"), left) << flag;
+    }
+}
+
+TEST(ModemsimSms, HoldsBackWhatDoesNotFit)
+{
+    Rig rig(R"({"modem":{"behaviour":{"sms_capacity":3}}})");
+    rig.ctl("fill leave=1");
+    rig.ctl("sms +49 one");
+    EXPECT_EQ(rig.out, "\r\n+CMTI: \"SM\",3\r\n");
+    rig.ctl("sms +49 two");
+    EXPECT_EQ(rig.state("/messages/waiting"), 1);
+    EXPECT_EQ(rig.at("AT+CMGD=2"), ok + "\r\n+CMTI: \"SM\",2\r\n");
+    EXPECT_EQ(rig.state("/messages/waiting"), 0);
+}
+
+TEST(ModemsimSms, DeliversDirectlyWhereAsked)
+{
+    Rig rig;
+    rig.at("AT+CNMI=2,2");
+    rig.out.clear();
+    std::string pdu = rig.ctl("sms +491701234567 Hello")["pdus"][0];
+    EXPECT_EQ(rig.out, "\r\n+CMT: ,24\r\n" + pdu + "\r\n");
+    EXPECT_EQ(rig.at("AT+CNMA"), ok);
+    EXPECT_EQ(rig.state("/messages/used/SM"), 0);
+}
+
+TEST(ModemsimSms, SendsPartsInTheOrderAsked)
+{
+    Rig rig;
+    auto sent = rig.ctl("sms +49 " + std::string(400, 'x') + " order=3,1,3 ref=7");
+    ASSERT_EQ(sent["parts"], 3);
+    EXPECT_EQ(rig.state("/messages/history/0/pdu"), sent["pdus"][2]);
+    EXPECT_EQ(rig.state("/messages/history/1/pdu"), sent["pdus"][0]);
+    EXPECT_EQ(rig.state("/messages/history/2/pdu"), sent["pdus"][2]);
+    EXPECT_EQ(rig.ctl("sms +49 short order=2")["ok"], false);
+}
+
+TEST(ModemsimSms, SubmitsAfterThePrompt)
+{
+    const std::string pdu = "0001000B911346610089F60000046B7B5A0E"; // 17 octets behind the empty centre
+    struct Row {
+        const char *command, *data, *answer;
+        int submissions;
+    };
+    const Row rows[] = {
+        {"AT+CMGS=17", "\x1a", "\r\n+CMGS: 1\r\n\r\nOK\r\n", 1},
+        {"AT+CMGS=16", "\x1a", "\r\n+CMS ERROR: 304\r\n", 1},
+        {"AT+CMGS=17", "0\x1a", "\r\n+CMS ERROR: 304\r\n", 1},
+        {"AT+CMGS=17", "\x1b", "\r\nOK\r\n", 0},
+    };
+    for (const Row &row : rows) {
+        Rig rig;
+        EXPECT_EQ(rig.at(row.command), "\r\n> ");
+        EXPECT_EQ(rig.send(pdu), "");
+        EXPECT_EQ(rig.send(row.data), row.answer) << row.command;
+        EXPECT_EQ(rig.state("/submissions").size(), row.submissions);
+        EXPECT_EQ(rig.at("AT"), ok);
+    }
+    Rig nowhere(R"({"modem":{"network":{"cell":"none"}}})");
+    nowhere.at("AT+CMGS=17");
+    EXPECT_EQ(nowhere.send(pdu + "\x1a"), "\r\n+CMS ERROR: 331\r\n");
+    EXPECT_EQ(nowhere.at("AT+CMGS=x"), "\r\n+CMS ERROR: 304\r\n");
+}
+
+TEST(ModemsimSms, HoldsUnsolicitedLinesBackWhileATextIsTaken)
+{
+    Rig rig;
+    rig.at("AT+CMGS=17");
+    rig.out.clear();
+    rig.ctl("sms +49 hi");
+    EXPECT_EQ(rig.out, "");
+    EXPECT_EQ(rig.send("\x1b"), ok + "\r\n+CMTI: \"SM\",1\r\n");
+}
+
+} // namespace
