@@ -1,0 +1,206 @@
+#include "data_methods.h"
+
+#include "at_misc.h"
+#include "at_packet.h"
+#include "requester.h"
+#include "uci_access.h"
+#include "wanmd.h"
+
+int handle_wanmd_enable(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "wanmd_enable", "wanmd_enable");
+    begin_connect_watch();
+    return reply_result(ctx, req, static_cast<uint32_t>(wanmd_control(1)));
+}
+
+int handle_wanmd_disable(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "wanmd_disable", "wanmd_disable");
+    return reply_result(ctx, req, static_cast<uint32_t>(wanmd_control(0)));
+}
+
+int handle_get_autoconnect(HANDLER_ARGUMENTS)
+{
+    uint8_t enabled = 1;
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_autoconnect", "get_autoconnect");
+    int result = uci_get_autoconnect(&enabled);
+    reply_begin();
+    reply_add_u32("result", static_cast<uint32_t>(result));
+    if (result == 0)
+        reply_add_u32("autoconnect", enabled);
+    return reply_send(ctx, req);
+}
+
+// Setters that take one number as a switch: anything but 0 is on.
+static int handle_switch(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg,
+                         const struct blobmsg_policy *policy, result_t (*set)(uint8_t))
+{
+    struct blob_attr *field;
+    parse_arguments(policy, 1, msg, &field);
+    if (!field)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    return reply_result(ctx, req, set(blobmsg_get_u32(field) != 0));
+}
+
+const struct blobmsg_policy policy_set_autoconnect[] = {{"state", BLOBMSG_TYPE_INT32}};
+
+int handle_set_autoconnect(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_autoconnect", "set_autoconnect");
+    return handle_switch(ctx, req, msg, policy_set_autoconnect,
+                         [](uint8_t on) { return static_cast<result_t>(uci_set_autoconnect(on)); });
+}
+
+enum { ACTIVATION_STATE, ACTIVATION_CID, ACTIVATION_FIELDS };
+
+const struct blobmsg_policy policy_set_pdp_context_activation[] = {
+    {"state", BLOBMSG_TYPE_INT32},
+    {"cid", BLOBMSG_TYPE_INT32},
+};
+
+int handle_set_pdp_context_activation(HANDLER_ARGUMENTS)
+{
+    struct blob_attr *fields[ACTIVATION_FIELDS];
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_pdp_context_activation", "set_pdp_context_activation");
+    parse_arguments(policy_set_pdp_context_activation, ACTIVATION_FIELDS, msg, fields);
+    if (!fields[ACTIVATION_STATE] || !fields[ACTIVATION_CID])
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    return reply_result(ctx, req,
+                        at_set_pdp_context_activation(static_cast<int32_t>(blobmsg_get_u32(fields[ACTIVATION_CID])),
+                                                      blobmsg_get_u32(fields[ACTIVATION_STATE]) != 0));
+}
+
+enum { CALL_ACTION, CALL_IP_TYPE, CALL_PDP_INDEX, CALL_CDMA_PROFILE, CALL_APN, CALL_FIELDS };
+
+const struct blobmsg_policy policy_rmnet_call[] = {
+    {"action", BLOBMSG_TYPE_INT32},           {"ip type", BLOBMSG_TYPE_INT32}, {"pdp index", BLOBMSG_TYPE_INT32},
+    {"cdma profile num", BLOBMSG_TYPE_INT32}, {"apn", BLOBMSG_TYPE_STRING},
+};
+
+static void optional_number(struct blob_attr *field, uint8_t *given, int32_t *value)
+{
+    *given = field != nullptr;
+    *value = field ? static_cast<int32_t>(blobmsg_get_u32(field)) : 0;
+}
+
+int handle_rmnet_call(HANDLER_ARGUMENTS)
+{
+    struct blob_attr *fields[CALL_FIELDS];
+    CELMUX_LOG(LOG_INFO, "%s enter", "rmnet_call", "rmnet_call");
+    parse_arguments(policy_rmnet_call, CALL_FIELDS, msg, fields);
+    if (!fields[CALL_ACTION])
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    RmnetCallRequest call = {};
+    call.action = blobmsg_get_u32(fields[CALL_ACTION]) != 0;
+    optional_number(fields[CALL_IP_TYPE], &call.has_ip_type, &call.ip_type);
+    optional_number(fields[CALL_PDP_INDEX], &call.has_pdp_index, &call.pdp_index);
+    optional_number(fields[CALL_CDMA_PROFILE], &call.has_cdma_profile, &call.cdma_profile);
+    if (fields[CALL_APN]) {
+        call.has_apn = 1;
+        call.apn = blobmsg_get_string(fields[CALL_APN]);
+    }
+    return reply_result(ctx, req, at_rmnet_call(&call));
+}
+
+const struct blobmsg_policy policy_set_5gsa[] = {{"enable", BLOBMSG_TYPE_INT32}};
+
+int handle_set_5gsa(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_5gsa", "set_5gsa");
+    return handle_switch(ctx, req, msg, policy_set_5gsa, at_set_5gsa);
+}
+
+const struct blobmsg_policy policy_set_roaming_enable[] = {{"state", BLOBMSG_TYPE_INT32}};
+
+int handle_set_roaming_enable(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_roaming_enable", "set_roaming_enable");
+    return handle_switch(ctx, req, msg, policy_set_roaming_enable, at_set_roaming_enable);
+}
+
+const struct blobmsg_policy policy_set_sms_message_format[] = {{"format", BLOBMSG_TYPE_INT32}};
+
+int handle_set_sms_message_format(HANDLER_ARGUMENTS)
+{
+    constexpr uint32_t FORMAT_MAX = 1;
+    struct blob_attr *format;
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_sms_message_format", "set_sms_message_format");
+    parse_arguments(policy_set_sms_message_format, 1, msg, &format);
+    if (!format || blobmsg_get_u32(format) > FORMAT_MAX)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    return reply_result(ctx, req, at_set_sms_message_format(blobmsg_get_u32(format)));
+}
+
+const struct blobmsg_policy policy_set_pcm_loopback_state[] = {{"state", BLOBMSG_TYPE_STRING}};
+
+int handle_set_pcm_loopback_state(HANDLER_ARGUMENTS)
+{
+    struct blob_attr *state;
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_pcm_loopback_state", "set_pcm_loopback_state");
+    parse_arguments(policy_set_pcm_loopback_state, 1, msg, &state);
+    if (!state)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    return reply_result(ctx, req, at_set_pcm_loopback_state(blobmsg_get_string(state)));
+}
+
+const struct blobmsg_policy policy_set_fm160_usb_lock[] = {{"locked", BLOBMSG_TYPE_INT32}};
+
+int handle_set_fm160_usb_lock(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "set_fm160_usb_lock", "set_fm160_usb_lock");
+    return handle_switch(ctx, req, msg, policy_set_fm160_usb_lock, at_set_fm160_usb_lock);
+}
+
+int handle_hangup_call(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "hangup_call", "hangup_call");
+    return reply_result(ctx, req, at_hangup_call());
+}
+
+static int reply_apn(struct ubus_context *ctx, struct ubus_request_data *req, int32_t cid, const char *no_family)
+{
+    char apn[64] = "";
+    int32_t family = -1;
+    result_t result = at_get_current_apn(cid, apn, &family);
+    reply_begin();
+    reply_add_u32("result", result);
+    if (result == RESULT_OK) {
+        reply_add_string("apn", apn);
+        reply_add_string("ip", family == 0 ? "IPV4" : family == 2 ? "IPV6" : family == 3 ? "IPV4V6" : no_family);
+    }
+    return reply_send(ctx, req);
+}
+
+int handle_get_current_apn(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_apn", "get_current_apn");
+    return reply_apn(ctx, req, 1, "Unavailable");
+}
+
+int handle_get_current_ims_apn(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_ims_apn", "get_current_ims_apn");
+    return reply_apn(ctx, req, 2, "");
+}
+
+int handle_check_connectivity(HANDLER_ARGUMENTS)
+{
+    uint8_t connected = 0;
+    CELMUX_LOG(LOG_INFO, "%s enter", "check_connectivity", "check_connectivity");
+    result_t result = at_check_connectivity(&connected);
+    reply_begin();
+    reply_add_u32("result", result);
+    reply_add_bool("connected", result == RESULT_OK && connected);
+    return reply_send(ctx, req);
+}
+
+int handle_get_pcm_loopback_state(HANDLER_ARGUMENTS)
+{
+    uint8_t enabled = 0;
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_pcm_loopback_state", "get_pcm_loopback_state");
+    result_t result = at_get_pcm_loopback_state(&enabled);
+    reply_begin();
+    reply_add_u32("result", result);
+    reply_add_bool("enabled", enabled);
+    return reply_send(ctx, req);
+}

@@ -1,0 +1,43 @@
+// SMS PDUs as the modem shows them, taken apart by the PDU library.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include <sms.h>
+
+// A received message before it is stored. Heap memory with `length` bytes of user data behind it.
+struct DecodedMessage {
+    int alphabet; // as the library reports it
+    char sender[SMS_SENDER_SIZE];
+    char date[SMS_DATE_SIZE];
+    char time[SMS_TIME_SIZE];
+    char smsc[SMS_SMSC_SIZE];
+    char type_of_address[SMS_TYPE_OF_ADDRESS_SIZE];
+    bool is_part; // one of `total` parts of a long message, `index` from 1 on
+    uint16_t csms_ref;
+    uint8_t total;
+    uint8_t index;
+    uint32_t length;
+};
+
+inline const uint8_t *user_data_of(const DecodedMessage *message)
+{
+    return reinterpret_cast<const uint8_t *>(message + 1);
+}
+
+struct Concatenation {
+    uint16_t csms_ref;
+    uint8_t total;
+    uint8_t index;
+};
+
+// Finds the concatenation element (3GPP TS 23.040 9.2.3.24.1 and .8) in a user-data header given as "05 00 03 2A 03
+// 01"; the last valid one counts. False when there is none with a part number from 1 to the total.
+bool parse_concatenation(std::string_view header, Concatenation *found);
+
+// Takes one PDU line apart. 0 with *message to be freed by the caller, -1 when the line is no PDU, -2 without memory.
+int decode_message(std::string_view line, DecodedMessage **message);
+
+// The message as JSON text, indented or compact; heap text to be freed, null without memory.
+char *message_json(const DecodedMessage *message, bool indented);

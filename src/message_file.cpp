@@ -1,0 +1,291 @@
+// A file is only ever extended by whole records or replaced by a complete one (temporary file, sync, rename), so that a
+// power cut leaves the old or the new content.
+
+#include "message_file.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+
+#include "log.h"
+#include "message_json.h"
+#include "message_reader.h"
+
+constexpr size_t WRITE_SIZE = 4096;
+constexpr const char *OPEN_FAILED = "open message data file failed: %d, %s\n";
+constexpr const char *WRITE_FAILED = "write message data file failed: %d, %s\n";
+
+static std::string_view bounded_text(const uint8_t *bytes, size_t size)
+{
+    const char *text = reinterpret_cast<const char *>(bytes);
+    return {text, strnlen(text, size)};
+}
+
+// Sizes of the pieces of a record at the reader's position, as far as they are known.
+static bool whole_record(MessageReader *reader, size_t *size)
+{
+    if (!reader_need(reader, RECORD_HEADER_SIZE))
+        return false;
+    const uint8_t *header = reader_bytes(reader);
+    unsigned parts = header[RECORD_LONG] ? header[RECORD_PART_COUNT] : 1;
+    size_t end = RECORD_HEADER_SIZE + read_u16(header + RECORD_SMSC_LENGTH) + read_u16(header + RECORD_SENDER_LENGTH);
+    for (; parts > 0; parts--) {
+        if (!reader_need(reader, end + PART_HEADER_SIZE))
+            return false;
+        end += PART_HEADER_SIZE + read_u16(reader_bytes(reader) + end + PART_CONTENT_LENGTH);
+    }
+    *size = end;
+    return reader_need(reader, end);
+}
+
+// A power cut can leave zeros where an appended record was to stand; no record has texts of length 0.
+static bool is_hole(const uint8_t *record)
+{
+    static constexpr uint8_t zeros[RECORD_HEADER_SIZE] = {};
+    return memcmp(record, zeros, sizeof zeros) == 0;
+}
+
+static StoredMessage *message_from_record(const uint8_t *record)
+{
+    size_t smsc_length = read_u16(record + RECORD_SMSC_LENGTH);
+    size_t sender_length = read_u16(record + RECORD_SENDER_LENGTH);
+    const uint8_t *smsc = record + RECORD_HEADER_SIZE;
+    const uint8_t *next = smsc + smsc_length + sender_length;
+    MessageFields fields = {
+        .alphabet = static_cast<int8_t>(record[RECORD_ALPHABET]),
+        .read = record[RECORD_READ] != 0,
+        .is_long = record[RECORD_LONG] != 0,
+        .international = record[RECORD_INTERNATIONAL] == 1,
+        .csms_ref = read_u16(record + RECORD_CSMS_REF),
+        .total = record[RECORD_TOTAL],
+        .date = bounded_text(record + RECORD_DATE, STAMP_SIZE - 1),
+        .time = bounded_text(record + RECORD_TIME, STAMP_SIZE - 1),
+        .smsc = bounded_text(smsc, smsc_length),
+        .sender = bounded_text(smsc + smsc_length, sender_length),
+    };
+    MessagePart parts[MOST_PARTS];
+    unsigned count = fields.is_long ? record[RECORD_PART_COUNT] : 1;
+    PartWalk walk = {next, count};
+    for (unsigned i = 0; i < count; i++)
+        (void)next_part(&walk, &parts[i]);
+    StoredMessage *message = message_new(fields, {parts, count});
+    if (message)
+        message->all_parts_present = fields.is_long && count == fields.total;
+    return message;
+}
+
+// Returns false when the array could not take all messages. `same` tells whether a rewrite would give the bytes of the
+// file.
+static bool read_records(MessageReader *reader, MessageArray *array, bool *same)
+{
+    size_t size;
+    while (whole_record(reader, &size) && !is_hole(reader_bytes(reader))) {
+        StoredMessage *message = message_from_record(reader_bytes(reader));
+        if (!message || array_append(array, message) != 0) {
+            free(message);
+            return false;
+        }
+        *same = *same && message->size == size && memcmp(record_of(message), reader_bytes(reader), size) == 0;
+        reader_skip(reader, size);
+    }
+    *same = *same && reader->at_end && reader_available(reader) == 0;
+    return !reader->failed;
+}
+
+// The file is about to be replaced by one that holds less: what did not fit is kept under another name.
+static void set_aside(const char *path)
+{
+    char kept[PATH_MAX];
+    snprintf(kept, sizeof kept, "%s.full", path);
+    (void)file_unlink(kept); // usually there is none
+    int result = file_link(path, kept);
+    print_out("message data file not read completely, %s as %s\n", result == 0 ? "kept" : "could not be kept", kept);
+}
+
+static int read_open_file(int fd, const char *path, MessageArray *array)
+{
+    FileIdentity identity;
+    if (file_identity(fd, &identity) < 0) {
+        print_out("load message data file failed.\n");
+        return -1;
+    }
+    bool was_empty = array->count == 0;
+    if (identity.size == 0 || identity.size == sizeof MESSAGE_FILE_MAGIC)
+        print_out("message data file empty.\n");
+
+    MessageReader reader;
+    reader_start(&reader, fd);
+    bool complete = true;
+    int result = 0;
+    if (reader_need(&reader, sizeof MESSAGE_FILE_MAGIC) &&
+        memcmp(reader_bytes(&reader), MESSAGE_FILE_MAGIC, sizeof MESSAGE_FILE_MAGIC) == 0) {
+        array->present = true;
+        reader_skip(&reader, sizeof MESSAGE_FILE_MAGIC);
+        bool same = was_empty;
+        complete = read_records(&reader, array, &same);
+        array->file = {same && complete, array->count, identity};
+    } else if (identity.size == 0 || identity.size == sizeof MESSAGE_FILE_MAGIC) {
+        array->present = true;
+        array->file.current = false;
+    } else if (!reader.failed && read_message_json(&reader, array, &complete)) {
+        array->file.current = false;
+        result = 1;
+    } else {
+        print_out("load message data file failed.\n");
+        result = -1;
+    }
+    reader_free(&reader);
+    if (!complete)
+        set_aside(path);
+    return result;
+}
+
+int read_message_file(const char *path, MessageArray *array)
+{
+    int fd = file_open(path, O_RDONLY | O_NONBLOCK); // a pipe of that name must not hold the start up
+    if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) {
+        print_out("message data file not exist.\n");
+        array->present = true;
+        array->file.current = false;
+        return 0;
+    }
+    if (fd < 0) {
+        print_out(OPEN_FAILED, errno, strerror(errno));
+        return -1;
+    }
+    int result = read_open_file(fd, path, array);
+    (void)file_close(fd); // nothing was written through it
+    return result;
+}
+
+struct RecordWriter {
+    int fd;
+    bool failed;
+    size_t used;
+    uint64_t written;
+    uint8_t buffer[WRITE_SIZE];
+};
+
+static void flush_records(RecordWriter *writer)
+{
+    if (!writer->failed && writer->used > 0)
+        writer->failed = file_write(writer->fd, writer->buffer, writer->used) < 0;
+    writer->used = 0;
+}
+
+static void put_bytes(RecordWriter *writer, const uint8_t *bytes, size_t size)
+{
+    writer->written += size;
+    while (size > 0) {
+        size_t part = WRITE_SIZE - writer->used < size ? WRITE_SIZE - writer->used : size;
+        memcpy(writer->buffer + writer->used, bytes, part);
+        writer->used += part;
+        bytes += part;
+        size -= part;
+        if (writer->used == WRITE_SIZE)
+            flush_records(writer);
+    }
+}
+
+// Writes the messages from the given position on and syncs them. 0 or -1 with errno.
+static int write_records(RecordWriter *writer, const MessageArray *array, uint32_t from)
+{
+    for (uint32_t i = from; i < array->count; i++)
+        put_bytes(writer, record_of(array->items[i]), array->items[i]->size);
+    flush_records(writer);
+    return writer->failed ? -1 : file_sync(writer->fd);
+}
+
+static bool same_file(const FileIdentity &a, const FileIdentity &b)
+{
+    return a.device == b.device && a.inode == b.inode && a.size == b.size;
+}
+
+// 0 when the file holds the array afterwards; -1 when it has to be replaced.
+static int append_to_file(const char *path, MessageArray *array)
+{
+    MessageFileState *state = &array->file;
+    RecordWriter writer;
+    FileIdentity identity;
+    writer.fd = file_open(path, O_WRONLY | O_APPEND);
+    if (writer.fd < 0)
+        return -1;
+    writer.failed = false;
+    writer.used = 0;
+    writer.written = 0;
+    int result = -1;
+    if (file_identity(writer.fd, &identity) == 0 && same_file(identity, state->identity)) {
+        result = state->count == array->count ? 0 : write_records(&writer, array, state->count);
+        if (result != 0)
+            (void)file_truncate(writer.fd, identity.size); // else the next load drops the torn record
+    }
+    (void)file_close(writer.fd); // synced already
+    if (result != 0)
+        return -1;
+    state->count = array->count;
+    state->identity.size += writer.written;
+    return 0;
+}
+
+static int write_whole_file(const char *path, const MessageArray *array, FileIdentity *identity)
+{
+    RecordWriter writer;
+    writer.fd = file_open(path, O_WRONLY | O_CREAT | O_TRUNC);
+    if (writer.fd < 0) {
+        print_out(OPEN_FAILED, errno, strerror(errno));
+        return -1;
+    }
+    writer.failed = false;
+    writer.used = 0;
+    writer.written = 0;
+    put_bytes(&writer, MESSAGE_FILE_MAGIC, sizeof MESSAGE_FILE_MAGIC);
+    int result = write_records(&writer, array, 0);
+    if (result == 0)
+        result = file_identity(writer.fd, identity);
+    int error = errno;
+    if (file_close(writer.fd) < 0 && result == 0) {
+        result = -1;
+        error = errno;
+    }
+    if (result != 0)
+        print_out(WRITE_FAILED, error, strerror(error));
+    return result;
+}
+
+static int replace_file(const char *path, MessageArray *array)
+{
+    char temporary[PATH_MAX];
+    FileIdentity identity;
+    if (snprintf(temporary, sizeof temporary, "%s.tmp", path) >= PATH_MAX) {
+        print_out(OPEN_FAILED, ENAMETOOLONG, strerror(ENAMETOOLONG));
+        return -1;
+    }
+    array->file.current = false;
+    if (write_whole_file(temporary, array, &identity) != 0) {
+        (void)file_unlink(temporary); // the next save truncates it anyway
+        return -1;
+    }
+    if (file_rename(temporary, path) < 0) {
+        print_out(WRITE_FAILED, errno, strerror(errno));
+        (void)file_unlink(temporary);
+        return -1;
+    }
+    if (file_sync_folder(path) < 0) {
+        print_out(WRITE_FAILED, errno, strerror(errno));
+        return -1;
+    }
+    array->file = {true, array->count, identity};
+    return 0;
+}
+
+int write_message_file(const char *path, MessageArray *array)
+{
+    if (!array->present)
+        return -1;
+    if (array->file.current && append_to_file(path, array) == 0)
+        return 0;
+    return replace_file(path, array);
+}

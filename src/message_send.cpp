@@ -1,0 +1,77 @@
+#include "message_send.h"
+
+#include <climits>
+#include <cstring>
+
+#include <sms.h>
+
+#include "request.h"
+
+enum { SEND_DEST, SEND_TYPE, SEND_CONTENT, SEND_ARGUMENTS };
+
+const struct blobmsg_policy policy_send_message[SEND_ARGUMENTS] = {
+    {"dest", BLOBMSG_TYPE_STRING},
+    {"type", BLOBMSG_TYPE_INT32},
+    {"content", BLOBMSG_TYPE_STRING},
+};
+
+constexpr uint32_t SEND_TIMEOUT_MS = 10000;
+constexpr uint32_t FAILED = UINT32_MAX; // -1 to clients
+constexpr const char *NAME = "send_message";
+
+int at_send_message(const char *pdu, int length)
+{
+    log_debug("waiting from 3s to 10s for IMS");
+    return send_message_request(pdu, length, SEND_TIMEOUT_MS);
+}
+
+static int send_list(const struct sms_pdu *list)
+{
+    int result = 0;
+    for (const struct sms_pdu *element = list; element; element = element->next) {
+        CELMUX_LOG(LOG_DEBUG, "going to send at \n", NAME);
+        CELMUX_LOG(LOG_DEBUG, "Alphabet: %d\n", NAME, element->alphabet);
+        CELMUX_LOG(LOG_DEBUG, "PDU: %s\n", NAME, element->pdu);
+        CELMUX_LOG(LOG_DEBUG, "Number Type: %d\n", NAME, element->number_type);
+        CELMUX_LOG(LOG_DEBUG, "Number: %s\n", NAME, element->number);
+        CELMUX_LOG(LOG_DEBUG, "Length: %d\n", NAME, element->length);
+        print_sms_pdu(element);
+        result |= at_send_message(element->pdu, element->length);
+        CELMUX_LOG(LOG_DEBUG, "at_send_message return | %d\n", NAME, result);
+    }
+    return result;
+}
+
+static int send_reply(struct ubus_context *ctx, struct ubus_request_data *req, uint32_t result)
+{
+    int status = reply_result(ctx, req, result);
+    CELMUX_LOG(LOG_DEBUG, "ubus_send_reply return [%d]\n", NAME, status);
+    return status;
+}
+
+int handle_send_message(HANDLER_ARGUMENTS)
+{
+    struct blob_attr *fields[SEND_ARGUMENTS];
+    CELMUX_LOG(LOG_INFO, "%s enter", NAME, NAME);
+    parse_arguments(policy_send_message, SEND_ARGUMENTS, msg, fields);
+    if (!fields[SEND_DEST] || !fields[SEND_TYPE] || !fields[SEND_CONTENT]) {
+        CELMUX_LOG(LOG_DEBUG, "UBUS_STATUS_INVALID_ARGUMENT error\n", NAME);
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    const char *content = blobmsg_get_string(fields[SEND_CONTENT]);
+    CELMUX_LOG(LOG_DEBUG, "blobmsg_get_string [%s]\n", NAME, content);
+    size_t length = strlen(content);
+    struct sms_pdu *list = nullptr;
+    int result = length > INT_MAX ? -1
+                                  : encode_pdu(blobmsg_get_string(fields[SEND_DEST]),
+                                               static_cast<int>(blobmsg_get_u32(fields[SEND_TYPE])), content,
+                                               static_cast<int>(length), &list, 0);
+    if (result != 0) {
+        CELMUX_LOG(LOG_DEBUG, "encode_message fail\n", NAME);
+        free_list(&list);
+        return reply_result(ctx, req, FAILED);
+    }
+    result = send_list(list);
+    free_list(&list);
+    return send_reply(ctx, req, static_cast<uint32_t>(result));
+}

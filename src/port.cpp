@@ -1,0 +1,258 @@
+#include "port.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "config.h"
+#include "log.h"
+#include "waiting.h"
+
+#ifndef IUCLC
+#define IUCLC 0001000 // Linux has it; POSIX headers may hide it
+#endif
+#ifndef CMSPAR
+#define CMSPAR 010000000000
+#endif
+
+int open_port(const Settings *settings, int flags)
+{
+    flags |= O_CLOEXEC;
+    if (settings->port_type == PORT_SERIAL)
+        flags |= O_NOCTTY;
+    return open(settings->port, flags);
+}
+
+int open_configured_port(const Settings *settings, int flags, const char *thread)
+{
+    int fd = open_port(settings, flags);
+    if (fd == -1) {
+        int error = errno;
+        CELMUX_LOG(LOG_ERR, "error %i from open %s: %s", thread, error, settings->port, strerror(error));
+        errno = error;
+        return -1;
+    }
+    if (settings->port_type == PORT_SERIAL && config_serial_port(fd, settings) == -1) {
+        CELMUX_LOG(LOG_ERR, "failed to configure serial port", thread);
+        close(fd);
+        errno = 0;
+        return -1;
+    }
+    return fd;
+}
+
+// Errors of a device that is going away or not there yet.
+static bool device_absent(int error)
+{
+    return error == ENOENT || error == ENXIO || error == ENODEV || error == EIO || error == EAGAIN;
+}
+
+int reopen_lost_port(const Settings *settings, int flags, const char *thread)
+{
+    constexpr uint32_t LOOK_MS = 2000;
+    CELMUX_LOG(LOG_ERR, "Serial port(%s) lost, waiting for modem up!\n", thread, settings->port);
+    for (;;) {
+        do {
+            if (!sleep_while_running(LOOK_MS))
+                return -1;
+        } while (!file_exists(settings->port));
+        if ((flags & O_ACCMODE) == O_RDONLY)
+            CELMUX_LOG(LOG_INFO, "Reopen Serial port(%s) again!\n", thread, settings->port);
+        int fd = open_configured_port(settings, flags, thread);
+        if (fd != -1 || !device_absent(errno))
+            return fd;
+    }
+}
+
+bool port_is_same(int fd, const char *path)
+{
+    struct stat now, opened;
+    if (stat(path, &now) == -1 || fstat(fd, &opened) == -1)
+        return false;
+    return now.st_dev == opened.st_dev && now.st_ino == opened.st_ino && now.st_rdev == opened.st_rdev;
+}
+
+static bool speed_constant(uint32_t speed, speed_t *constant)
+{
+    static constexpr struct {
+        uint32_t speed;
+        speed_t constant;
+    } speeds[] = {
+        {0, B0},           {50, B50},           {75, B75},           {110, B110},         {134, B134},
+        {150, B150},       {200, B200},         {300, B300},         {600, B600},         {1200, B1200},
+        {1800, B1800},     {2400, B2400},       {4800, B4800},       {9600, B9600},       {19200, B19200},
+        {38400, B38400},   {57600, B57600},     {115200, B115200},   {230400, B230400},   {460800, B460800},
+        {500000, B500000}, {576000, B576000},   {921600, B921600},   {1000000, B1000000}, {1152000, B1152000},
+        {1500000, B1500000}, {2000000, B2000000}, {2500000, B2500000}, {3000000, B3000000}, {3500000, B3500000},
+        {4000000, B4000000},
+    };
+    for (const auto &row : speeds) {
+        if (row.speed == speed) {
+            *constant = row.constant;
+            return true;
+        }
+    }
+    return false;
+}
+
+static int set_frame(termios *line, const Settings *settings)
+{
+    static constexpr tcflag_t sizes[] = {CS5, CS6, CS7, CS8};
+    line->c_cflag &= ~static_cast<tcflag_t>(CSIZE);
+    if (settings->serial_databits < 5 || settings->serial_databits > 8) {
+        CELMUX_LOG(LOG_ERR, "invalid char len: %d", "config_serial_port", static_cast<int>(settings->serial_databits));
+        return -1;
+    }
+    line->c_cflag |= sizes[settings->serial_databits - 5];
+
+    if (settings->serial_stopbits > 2) {
+        CELMUX_LOG(LOG_ERR, "invalid stop bit: %d", "config_serial_port", static_cast<int>(settings->serial_stopbits));
+        return -1;
+    }
+    line->c_cflag &= ~static_cast<tcflag_t>(CSTOPB);
+    if (settings->serial_stopbits != 0)
+        line->c_cflag |= CSTOPB; // one and a half is what the hardware makes of two at five data bits
+
+    static constexpr struct {
+        tcflag_t clear;
+        tcflag_t set;
+    } parities[] = {
+        {PARENB | PARODD, 0},           // none
+        {PARODD, PARENB},               // even
+        {0, PARENB | PARODD},           // odd
+        {0, PARENB | PARODD | CMSPAR},  // mark
+        {PARODD, PARENB | CMSPAR},      // space
+    };
+    line->c_iflag &= ~static_cast<tcflag_t>(INPCK | ISTRIP);
+    if (settings->serial_parity >= sizeof parities / sizeof parities[0]) {
+        CELMUX_LOG(LOG_ERR, "invalid parity: %d", "config_serial_port", static_cast<int>(settings->serial_parity));
+        return -1;
+    }
+    line->c_cflag &= ~parities[settings->serial_parity].clear;
+    line->c_cflag |= parities[settings->serial_parity].set;
+    return 0;
+}
+
+static void set_flow_control(termios *line, uint32_t flowcontrol)
+{
+    switch (flowcontrol) {
+    case 1: // software
+        line->c_iflag |= IXON | IXOFF;
+        line->c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+        break;
+    case 2: // hardware
+        line->c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
+        line->c_cflag |= CRTSCTS;
+        break;
+    default:
+        line->c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
+        line->c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+    }
+}
+
+int config_serial_port(int fd, const Settings *settings)
+{
+    if (fd == -1)
+        return -1;
+    termios line;
+    if (tcgetattr(fd, &line) != 0) {
+        log_error("error %i from tcgetattr: %s", errno, strerror(errno));
+        return -1;
+    }
+    line.c_cflag |= CLOCAL | CREAD;
+    line.c_lflag &= ~static_cast<tcflag_t>(ISIG | ICANON | ECHO | ECHOE | ECHOK | ECHONL | IEXTEN);
+    line.c_oflag &= ~static_cast<tcflag_t>(OPOST);
+    line.c_iflag &= ~static_cast<tcflag_t>(IGNBRK | PARMRK | INLCR | IGNCR | ICRNL | IUCLC);
+
+    speed_t speed;
+    bool standard_speed = speed_constant(settings->serial_speed, &speed);
+    if (standard_speed)
+        cfsetspeed(&line, speed);
+    if (set_frame(&line, settings) == -1)
+        return -1;
+    set_flow_control(&line, settings->serial_flowcontrol);
+
+    // A read returns at once with what is buffered; the listener ends a burst on the first empty one.
+    line.c_cc[VMIN] = 0;
+    line.c_cc[VTIME] = 0;
+    (void)tcsetattr(fd, TCSANOW, &line); // a line that takes only part of this still works as a port
+    if (!standard_speed) {
+        log_error("OS does not currently support custom bauds");
+        return -1;
+    }
+    return 0;
+}
+
+char *read_file(const char *path, const char *mode)
+{
+    if (!file_exists(path)) {
+        log_info("\"%s\" not exist.", path);
+        return nullptr;
+    }
+    FILE *file = fopen(path, mode);
+    if (!file) {
+        log_error("open \"%s\" failed: %d, %s", path, errno, strerror(errno));
+        return nullptr;
+    }
+    char *text = nullptr;
+    long size = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
+    if (size >= 0 && size < INT32_MAX && fseek(file, 0, SEEK_SET) == 0)
+        text = static_cast<char *>(malloc(static_cast<size_t>(size) + 1));
+    if (text)
+        text[fread(text, 1, static_cast<size_t>(size), file)] = '\0';
+    else
+        log_error("malloc failed.");
+    fclose(file);
+    return text;
+}
+
+int file_exists(const char *path)
+{
+    return access(path, F_OK) == 0;
+}
+
+int entry_exists(const char *path)
+{
+    struct stat entry;
+    return lstat(path, &entry) == 0;
+}
+
+bool read_link(const char *path, char *target, size_t size)
+{
+    ssize_t length = readlink(path, target, size - 1);
+    if (length < 0)
+        return false;
+    target[length] = '\0';
+    return true;
+}
+
+void ms_to_timespec(timespec *out, double ms)
+{
+    out->tv_sec = static_cast<time_t>(ms / 1000);
+    out->tv_nsec = static_cast<long>((ms - static_cast<double>(out->tv_sec) * 1000) * 1000000);
+}
+
+void timespec_diff(const timespec *start, const timespec *end, timespec *out)
+{
+    out->tv_sec = end->tv_sec - start->tv_sec;
+    out->tv_nsec = end->tv_nsec - start->tv_nsec;
+    if (out->tv_sec > 0 && out->tv_nsec < 0) {
+        out->tv_sec--;
+        out->tv_nsec += 1000000000;
+    } else if (out->tv_sec < 0 && out->tv_nsec > 0) {
+        out->tv_sec++;
+        out->tv_nsec -= 1000000000;
+    }
+}
+
+int timespec_before(const timespec *a, const timespec *b)
+{
+    if (a->tv_sec != b->tv_sec)
+        return a->tv_sec < b->tv_sec;
+    return a->tv_nsec < b->tv_nsec;
+}

@@ -1,0 +1,37 @@
+// Opening and configuring the AT port, and the small file and time helpers that go with it.
+#pragma once
+
+#include <ctime>
+#include <sys/stat.h>
+
+struct Settings;
+
+// Opens the configured port with `flags` (O_RDONLY or O_WRONLY; O_NOCTTY is added for a serial port, O_CLOEXEC always).
+// A descriptor, or -1 with errno set.
+int open_port(const Settings *settings, int flags);
+// Sets the line: raw, speed, framing, parity, flow control, VMIN = VTIME = 0 (POSIX termios). 0, or -1 after a log line
+// (without one for fd -1).
+int config_serial_port(int fd, const Settings *settings);
+// Opens the configured port and, when it is serial, configures it; failures are logged at level 3 under `thread`. A descriptor, or -1
+// with errno set (0 when the line could not be configured).
+int open_configured_port(const Settings *settings, int flags, const char *thread);
+// The port is lost: logs it under `thread`, looks every 2 s whether the path is back, and opens it anew. An open that fails because the
+// device went away again goes on waiting. A descriptor, or -1 when the daemon stops or the port cannot be opened.
+int reopen_lost_port(const Settings *settings, int flags, const char *thread);
+// Does `path` still lead to the very device or file that `fd` has open?
+bool port_is_same(int fd, const char *path);
+
+// The whole file as a heap text with a terminating zero, freed by the caller; null after a log line. `mode` as of fopen.
+char *read_file(const char *path, const char *mode);
+// 1 when access(F_OK) succeeds, else 0.
+int file_exists(const char *path);
+// 1 when lstat succeeds (a dangling link counts), else 0.
+int entry_exists(const char *path);
+// The target of a symbolic link, zero-terminated, at most size - 1 bytes of it. False, and `target` untouched, when there is none.
+bool read_link(const char *path, char *target, size_t size);
+
+void ms_to_timespec(timespec *out, double ms);
+// out = end - start, seconds and nanoseconds with the same sign.
+void timespec_diff(const timespec *start, const timespec *end, timespec *out);
+// 1 when a is earlier than b, else 0.
+int timespec_before(const timespec *a, const timespec *b);

@@ -1,0 +1,238 @@
+#include "request.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <pthread.h>
+
+#include "at_mask.h"
+#include "celmux.h"
+#include "log.h"
+#include "waiting.h"
+
+constexpr uint32_t ALLOC_PATIENCE_MS = 3000;  // for a sender that takes nothing off the queue any more
+constexpr uint32_t TIMEOUT_MAX_MS = 600000;   // a caller's mistake must not hold everybody up for weeks
+constexpr int64_t SCAN_LIMIT_MS = 300000;     // a scan without an answer for so long has none coming
+
+// Makes exchanges strictly one at a time.
+static pthread_mutex_t request_mutex = PTHREAD_MUTEX_INITIALIZER;
+static std::atomic<int64_t> scan_started{0}; // monotonic ms
+
+void end_scan()
+{
+    g_scanning.store(0);
+    g_scan_began.store(0);
+}
+
+// Is a scan running? One whose answer is long overdue is over.
+static bool scan_runs()
+{
+    if (!g_scanning.load())
+        return false;
+    if (monotonic_ms() - scan_started.load() < SCAN_LIMIT_MS)
+        return true;
+    log_error("network scan got no answer, given up");
+    end_scan();
+    return false;
+}
+
+static bool copy_command(TextElem *element, const char *command, int append_cr)
+{
+    size_t length = strlen(command);
+    element->text = static_cast<char *>(malloc(length + 2));
+    if (!element->text)
+        return false;
+    memcpy(element->text, command, length);
+    if (append_cr)
+        element->text[length++] = '\r';
+    element->text[length] = '\0';
+    element->size = static_cast<uint32_t>(length);
+    return true;
+}
+
+static int enqueue(const char *command, int append_cr, uint32_t patience_ms)
+{
+    if (scan_runs()) {
+        CELMUX_LOG(LOG_INFO, "modem busy", "at_enqueue");
+        return -1;
+    }
+    bool scan = strcmp(command, SCAN_COMMAND) == 0;
+    if (scan) {
+        uint8_t idle = 0;
+        scan_started.store(monotonic_ms());
+        if (!g_scanning.compare_exchange_strong(idle, 1)) {
+            CELMUX_LOG(LOG_INFO, "modem busy", "at_enqueue");
+            return -1;
+        }
+    }
+    TextElem *element = static_cast<TextElem *>(pool_queue_alloc_for(&at_tx_queue, patience_ms));
+    if (!element || !copy_command(element, command, append_cr)) {
+        if (element) {
+            CELMUX_LOG(LOG_ERR, "failed to alloc at str", "at_enqueue");
+            pool_queue_release(&at_tx_queue, element);
+        } else {
+            CELMUX_LOG(LOG_ERR, "failed to alloc at", "at_enqueue");
+        }
+        if (scan)
+            end_scan();
+        return -1;
+    }
+    pool_queue_push(&at_tx_queue, element);
+    return 0;
+}
+
+int at_enqueue(const char *command, int append_cr)
+{
+    return enqueue(command, append_cr, ALLOC_PATIENCE_MS);
+}
+
+int at_enqueue_nowait(const char *command, int append_cr)
+{
+    return enqueue(command, append_cr, 0);
+}
+
+int flush_response()
+{
+    int result = -1;
+    TextElem *element;
+    while ((element = static_cast<TextElem *>(pool_queue_try_pop(&resp_queue)))) {
+        log_info("flushed response: %s", Masked(element->text).text);
+        free(element->text);
+        element->text = nullptr;
+        pool_queue_release(&resp_queue, element);
+        result = 0;
+    }
+    return result;
+}
+
+static bool acceptable(const char *text, const char *expected)
+{
+    return strstr(text, "ERROR") || !expected || strstr(text, expected);
+}
+
+int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
+{
+    int64_t deadline = monotonic_ms() + timeout_ms;
+    *answer = nullptr;
+    while (running.load()) {
+        int64_t left = deadline - monotonic_ms();
+        TextElem *element = static_cast<TextElem *>(
+            left > 0 ? pool_queue_pop_for(&resp_queue, static_cast<uint32_t>(left)) : pool_queue_try_pop(&resp_queue));
+        if (!element) {
+            if (left > 0)
+                continue;
+            log_debug("wait_for_response timeout\n");
+            return -1;
+        }
+        char *text = element->text;
+        element->text = nullptr;
+        pool_queue_release(&resp_queue, element);
+        if (acceptable(text, expected)) {
+            *answer = text;
+            return 0;
+        }
+        free(text);
+    }
+    return 0;
+}
+
+// 0, or the error number of the wait. Whole seconds, on the realtime clock.
+static int lock_requests(uint32_t timeout_ms)
+{
+    timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += static_cast<time_t>(timeout_ms / 1000);
+    return pthread_mutex_timedlock(&request_mutex, &deadline);
+}
+
+static uint32_t bounded_timeout(uint32_t timeout_ms)
+{
+    return timeout_ms < TIMEOUT_MAX_MS ? timeout_ms : TIMEOUT_MAX_MS;
+}
+
+int request(const char *command, char **answer, const char *expected, int append_cr, uint32_t timeout_ms)
+{
+    timeout_ms = bounded_timeout(timeout_ms);
+    int error = lock_requests(timeout_ms);
+    if (error) {
+        log_info("acquire request mutex failed with error %d", error);
+        return error;
+    }
+    while (flush_response() == 0) {
+    }
+    char *text = nullptr;
+    int result = at_enqueue(command, append_cr);
+    if (result == 0)
+        result = wait_for_response(&text, expected, timeout_ms);
+    if (result == 0)
+        *answer = text;
+    pthread_mutex_unlock(&request_mutex);
+    return result;
+}
+
+int exec_retry(const char *command, char **answer, int append_cr, int tries)
+{
+    *answer = nullptr;
+    for (int i = 0; i < tries && running.load(); i++) {
+        if (request(command, answer, nullptr, append_cr, 3000) != 0 || !*answer)
+            continue;
+        log_info("Result: %s", Masked(*answer).text);
+        if (strstr(*answer, "OK"))
+            return 0;
+        free(*answer);
+        *answer = nullptr;
+    }
+    return -1;
+}
+
+// The exchange proper, with request_mutex held.
+static int send_pdu(const char *pdu, int length, uint32_t timeout_ms)
+{
+    char command[24];
+    snprintf(command, sizeof command, "AT+CMGS=%d\r", length);
+    char *answer = nullptr;
+    if (at_enqueue(command, 0) == -1 || wait_for_response(&answer, ">", timeout_ms) == -1 || !running.load()) {
+        free(answer);
+        return -1;
+    }
+    free(answer);
+    if (at_enqueue(pdu, 0) == -1 || at_enqueue("\x1a", 0) == -1)
+        return -1;
+    answer = nullptr;
+    int result = wait_for_response(&answer, "+CMGS:", timeout_ms);
+    if (result != 0 || !answer)
+        return -1;
+    bool sent = strstr(answer, "OK");
+    free(answer);
+    if (sent) {
+        CELMUX_LOG(LOG_DEBUG, "send essage ok\n", "send_message_request");
+        return 0;
+    }
+    answer = nullptr;
+    result = wait_for_response(&answer, "OK", timeout_ms);
+    if (result == -1)
+        CELMUX_LOG(LOG_DEBUG, "send message result fail\n", "send_message_request");
+    if (!answer)
+        result = -1;
+    free(answer);
+    return result;
+}
+
+int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
+{
+    timeout_ms = bounded_timeout(timeout_ms);
+    int error = lock_requests(timeout_ms);
+    if (error) {
+        log_debug("acquire request mutex failed with error %d\n", error);
+        return error;
+    }
+    log_debug("start flush while\n");
+    while (flush_response() == 0) {
+    }
+    log_debug("stop flush while\n");
+    int result = send_pdu(pdu, length, timeout_ms);
+    log_debug("exit thread\n");
+    pthread_mutex_unlock(&request_mutex);
+    return result;
+}

@@ -1,0 +1,268 @@
+#include "requester.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+
+#include "at_sms.h"
+#include "at_text.h"
+#include "celmux.h"
+#include "config.h"
+#include "log.h"
+#include "message_store.h"
+#include "modem_init.h"
+#include "port.h"
+#include "request.h"
+#include "resp_processor.h"
+#include "shell.h"
+#include "waiting.h"
+#include "wanmd.h"
+
+constexpr int TRIES = 3;
+constexpr uint32_t PASS_MS = 1000; // also the longest that a stop or a connection attempt can go unnoticed
+constexpr uint32_t SHORT_PAUSE_MS = 100;
+constexpr int64_t ADDRESS_CHECK_MS = 10000;
+constexpr int64_t WATCH_LIMIT_MS = 120000; // a context that is never reported must not keep messages unread for ever
+
+// connect_mutex protects the two below and makes ending a watch and beginning the next one exclude each other.
+static pthread_mutex_t connect_mutex = PTHREAD_MUTEX_INITIALIZER;
+static timespec g_connect_start_t; // when the attempt began
+static uint32_t connect_attempt;   // counts the attempts
+
+struct ConnectLock {
+    ConnectLock()
+    {
+        pthread_mutex_lock(&connect_mutex);
+    }
+    ~ConnectLock()
+    {
+        pthread_mutex_unlock(&connect_mutex);
+    }
+    ConnectLock(const ConnectLock &) = delete;
+    ConnectLock &operator=(const ConnectLock &) = delete;
+};
+
+void begin_connect_watch()
+{
+    {
+        ConnectLock lock;
+        g_connect_start_t = monotonic_now();
+        connect_attempt++;
+        g_connecting.store(1);
+    }
+    pool_queue_wake(&incomming_sms_queue);
+}
+
+static void end_connect_watch(RequesterState *state)
+{
+    ConnectLock lock;
+    ip_family_updated.store(0);
+    state->arrange = true;
+    if (state->attempt == connect_attempt) // otherwise the next attempt has begun meanwhile
+        g_connecting.store(0);
+}
+
+constexpr int64_t NS_PER_MS = 1000000;
+
+static int64_t elapsed_ns(const timespec &since)
+{
+    const timespec now = monotonic_now();
+    return (static_cast<int64_t>(now.tv_sec) - since.tv_sec) * 1000 * NS_PER_MS + (now.tv_nsec - since.tv_nsec);
+}
+
+static bool elapsed_exceeds(const timespec &since, int64_t limit_ms)
+{
+    return elapsed_ns(since) > limit_ms * NS_PER_MS;
+}
+
+static void check_addresses()
+{
+    const bool ipv4 = file_exists("/tmp/ipv4config0");
+    const bool ipv6 = file_exists("/tmp/ipv6config0");
+    const char *family = nullptr;
+    bool complete = false;
+    log_debug("Checking if acquire ip successfully");
+    switch (g_ip_family.load()) {
+    case 0:
+        family = "IPV4";
+        complete = ipv4;
+        break;
+    case 2:
+        family = "IPV6";
+        complete = ipv6;
+        break;
+    case 3:
+        family = "IPV4V6";
+        complete = ipv4 && ipv6;
+        break;
+    }
+    if (!family) {
+        log_error("IP family incorrect");
+    } else if (!complete) {
+        log_debug("%s ip incomplete, restarting wanmd", family);
+        at_wanmd_recall();
+    }
+}
+
+static void watch_connection(RequesterState *state)
+{
+    timespec start;
+    {
+        ConnectLock lock;
+        start = g_connect_start_t;
+        state->arrange = state->arrange || state->attempt != connect_attempt;
+        state->attempt = connect_attempt;
+    }
+    if (ip_family_updated.load()) {
+        if (elapsed_exceeds(start, ADDRESS_CHECK_MS))
+            check_addresses();
+        end_connect_watch(state);
+        return;
+    }
+    if (state->arrange) {
+        state->arrange = false;
+        log_debug("Arranging ip family update");
+        (void)at_enqueue("AT+CGDCONT?\r", 0); // refused, it is left to other queries of the same kind
+    }
+    if (elapsed_exceeds(start, WATCH_LIMIT_MS)) {
+        log_error("IP family not known after %d s, connection no longer watched",
+                  static_cast<int>(WATCH_LIMIT_MS / 1000));
+        end_connect_watch(state);
+    }
+}
+
+static int64_t routine_interval_ms()
+{
+    return static_cast<int64_t>(settings_g.requester_interval_s) * 1000;
+}
+
+static void run_routine(RequesterState *state)
+{
+    if (state->routine_ran && !elapsed_exceeds(state->last_routine, routine_interval_ms()))
+        return;
+    state->routine_ran = true;
+    state->last_routine = monotonic_now();
+    log_info("Doing routine");
+    if (state->pre_execute_pending)
+        state->pre_execute_pending = handle_pre_execute_cmds() != 0;
+}
+
+static void delete_read_sms(int32_t index)
+{
+    for (int i = 1; i <= TRIES; i++) {
+        if (at_delete_sms(index) == RESULT_OK)
+            return;
+        if (i == TRIES)
+            log_error("delete sms %d failed\n", index);
+        if (!sleep_while_running(SHORT_PAUSE_MS))
+            return;
+    }
+}
+
+static void read_announced_sms(int32_t index)
+{
+    for (int i = 1; i <= TRIES; i++) {
+        if (at_read_sms(index) == RESULT_OK) {
+            if (messages_on_disk())
+                delete_read_sms(index);
+            else
+                log_error("message store not saved, sms %d kept on SIM", index);
+            return;
+        }
+        if (i == TRIES)
+            log_error("read sms %d failed\n", index);
+        if (!sleep_while_running(SHORT_PAUSE_MS))
+            return;
+    }
+}
+
+// Indexes were dropped because the queue was full: has the modem list what the SIM still holds. The indication handler
+// stores and deletes what is listed.
+static void sweep_sim()
+{
+    constexpr uint32_t LISTING_MS = 10000;
+    AtAnswer answer;
+    g_sms_sweep.store(0);
+    if (request("AT+CMGL=4\r", &answer.text, nullptr, 0, LISTING_MS) != 0 || !answer.usable())
+        g_sms_sweep.store(1); // tried again in a later pass
+}
+
+static uint32_t idle_wait_ms(const RequesterState *state)
+{
+    int64_t left = routine_interval_ms() - elapsed_ns(state->last_routine) / NS_PER_MS + 1;
+    if (left < SHORT_PAUSE_MS)
+        return SHORT_PAUSE_MS;
+    return left < PASS_MS ? static_cast<uint32_t>(left) : PASS_MS;
+}
+
+static void serve_messages(RequesterState *state)
+{
+    constexpr uint32_t OTHERS_TURN_MS = 10; // for a bus call that waits to talk to the modem
+    if (g_scanning.load()) {
+        // Every command is refused during a scan; an index taken now would be lost.
+        (void)sleep_while_running(SHORT_PAUSE_MS);
+        return;
+    }
+    void *element = pool_queue_try_pop(&incomming_sms_queue);
+    if (!element && g_sms_sweep.load())
+        sweep_sim();
+    if (!element)
+        element = pool_queue_pop_for(&incomming_sms_queue, idle_wait_ms(state));
+    if (!element)
+        return;
+    int32_t index;
+    memcpy(&index, element, sizeof index);
+    pool_queue_release(&incomming_sms_queue, element);
+    sms_index_done(index);
+    read_announced_sms(index);
+    (void)sleep_while_running(OTHERS_TURN_MS);
+}
+
+RequesterState requester_start()
+{
+    return {{}, false, true, true, 0};
+}
+
+void requester_pass(RequesterState *state)
+{
+    if (g_connecting.load()) {
+        watch_connection(state);
+        (void)sleep_while_running(PASS_MS);
+        return;
+    }
+    run_routine(state);
+    serve_messages(state);
+}
+
+static bool modem_is_expected()
+{
+    AtAnswer answer;
+    for (int i = 0; i < TRIES; i++) {
+        if (request("AT+CGMI?", &answer.text, "+CGMI:", 1, AT_TIMEOUT_MS) == 0)
+            return answer.text && strstr(answer.text, "Fibocom");
+    }
+    CELMUX_LOG(LOG_INFO, "%s failed", "get_modem_manufacturer", "AT+CGMI?");
+    return false;
+}
+
+void *requester(void *)
+{
+    static std::atomic<uint8_t> *const NEEDED[] = {&t_processor_ready, &t_listener_ready, &t_sender_ready};
+    const bool expected = wait_ready(NEEDED, sizeof NEEDED / sizeof NEEDED[0]) && modem_is_expected();
+    if (!expected && running.load()) {
+        print_out("Quit celmuxd\n");
+        (void)run_shell("/etc/init.d/celmux stop &");
+        (void)sleep_while_running(PASS_MS);
+        return nullptr;
+    }
+    if (expected) {
+        if (set_modem() != 0)
+            log_info("set_modem failed");
+        set_ready(&t_requester_ready);
+    }
+    RequesterState state = requester_start();
+    while (running.load())
+        requester_pass(&state);
+    log_info("%s thread exit gracefully", "requester");
+    return nullptr;
+}

@@ -1,0 +1,135 @@
+// Runs on the thread resp_processor, which never waits for a consumer.
+
+#include "resp_processor.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "at_mask.h"
+#include "config.h"
+#include "indications.h"
+#include "log.h"
+#include "waiting.h"
+
+constexpr uint32_t IDLE_MS = 60000; // a push wakes the thread at once
+constexpr int64_t NO_INDEX = 0;
+constexpr unsigned PENDING_MAX = 128; // as many as incomming_sms_queue holds
+
+std::atomic<uint8_t> g_sms_sweep{0};
+// Indexes that wait in incomming_sms_queue, each plus 1: filled by this thread, emptied by the requester.
+static std::atomic<int64_t> pending_indexes[PENDING_MAX];
+
+const char *last_line(const char *text)
+{
+    const char *line = text;
+    const char *end;
+    while ((end = strchr(line, '\n')) && end[1] != '\0')
+        line = end + 1;
+    return line;
+}
+
+int resp_enqueue(TextElem *element)
+{
+    TextElem *answer = static_cast<TextElem *>(pool_queue_try_alloc(&resp_queue));
+    if (!answer) {
+        answer = static_cast<TextElem *>(pool_queue_try_pop(&resp_queue));
+        if (answer) {
+            log_error("response queue full, dropped: %s", Masked(answer->text).text);
+            free(answer->text);
+        }
+    }
+    if (!answer) {
+        log_error("failed to alloc resp");
+        free(element->text);
+        element->text = nullptr;
+        return -1;
+    }
+    *answer = *element;
+    element->text = nullptr;
+    pool_queue_push(&resp_queue, answer);
+    return 0;
+}
+
+static std::atomic<int64_t> *pending_slot(int64_t wanted)
+{
+    for (std::atomic<int64_t> &slot : pending_indexes) {
+        if (slot.load() == wanted)
+            return &slot;
+    }
+    return nullptr;
+}
+
+int sms_index_enqueue(int32_t index)
+{
+    if (index < 0) {
+        log_error("message index %d ignored", index);
+        return -1;
+    }
+    int64_t marked = static_cast<int64_t>(index) + 1;
+    if (pending_slot(marked))
+        return 0;
+    std::atomic<int64_t> *slot = pending_slot(NO_INDEX);
+    int32_t *element = slot ? static_cast<int32_t *>(pool_queue_try_alloc(&incomming_sms_queue)) : nullptr;
+    if (!element) {
+        log_error("failed to alloc sms_index");
+        g_sms_sweep.store(1);
+        return -1;
+    }
+    slot->store(marked);
+    *element = index;
+    pool_queue_push(&incomming_sms_queue, element);
+    return 0;
+}
+
+void sms_index_done(int32_t index)
+{
+    std::atomic<int64_t> *slot = pending_slot(static_cast<int64_t>(index) + 1);
+    if (slot)
+        slot->store(NO_INDEX);
+}
+
+static const char *matching_result(const ExpectedResults *expected, const char *line)
+{
+    for (uint32_t i = 0; expected && i < expected->count; i++) {
+        const char *entry = expected->entries[i];
+        if (entry && strncmp(line, entry, strlen(entry)) == 0)
+            return entry;
+    }
+    return nullptr;
+}
+
+static void process_burst(TextElem *burst, const ExpectedResults *expected)
+{
+    const char *result = matching_result(expected, last_line(burst->text));
+    if (!result) {
+        CELMUX_LOG(LOG_INFO, "Unsolicited message: %s", "resp_processor", Masked(burst->text).text);
+        handle_indications(burst);
+        free(burst->text);
+        burst->text = nullptr;
+        return;
+    }
+    if (strstr(result, "ERROR") && g_scan_began.load())
+        g_scanning.store(0);
+    CELMUX_LOG(LOG_INFO, "Solicited message %s: %s", "resp_processor", result, Masked(burst->text).text);
+    handle_indications(burst);
+    if (burst->text)
+        (void)resp_enqueue(burst); // a failure is logged there and leaves nothing to free
+}
+
+void *resp_processor(void *)
+{
+    ExpectedResults *expected = nullptr;
+    if (load_expected_results(&expected) == 0)
+        log_info("load expected results ok");
+    set_ready(&t_processor_ready);
+    while (running.load()) {
+        TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, IDLE_MS));
+        if (!burst)
+            continue;
+        process_burst(burst, expected);
+        pool_queue_release(&at_rx_queue, burst);
+    }
+    free_expected_results(expected);
+    log_info("%s thread exit gracefully", __func__);
+    return nullptr;
+}

@@ -1,0 +1,210 @@
+// Runs on the thread ubus_handler: every method, one at a time, inside the event loop.
+
+#include "service.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <pthread.h>
+#include <unistd.h>
+
+extern "C" {
+#include <libubox/uloop.h>
+}
+
+#include "message_store.h"
+#include "method_table.h"
+#include "port.h"
+#include "shell.h"
+#include "uci_access.h"
+#include "waiting.h"
+#include "wanmd.h"
+
+constexpr char FIRST_START_MARKER[] = "/tmp/celmuxd_init";
+constexpr int RECONNECT_MS = 1000;
+
+struct blob_buf g_reply_buf;
+
+static struct ubus_method methods[METHOD_COUNT];
+static struct ubus_object_type celmux_type;
+static struct ubus_object celmux_object;
+static struct ubus_context *bus;
+static bool connection_lost;
+static struct uloop_timeout reconnect_timer;
+static struct uloop_fd stop_watch;
+
+void reply_begin()
+{
+    blob_buf_init(&g_reply_buf, 0);
+}
+
+// What cannot be added for want of memory is missing from the reply.
+void reply_add_string(const char *name, const char *text)
+{
+    (void)blobmsg_add_string(&g_reply_buf, name, text);
+}
+
+void reply_add_u32(const char *name, uint32_t value)
+{
+    (void)blobmsg_add_u32(&g_reply_buf, name, value);
+}
+
+void reply_add_bool(const char *name, bool value)
+{
+    (void)blobmsg_add_u8(&g_reply_buf, name, value);
+}
+
+int reply_send(struct ubus_context *ctx, struct ubus_request_data *req)
+{
+    (void)ubus_send_reply(ctx, req, g_reply_buf.head); // a caller that went away, or a lost bus, needs no answer
+    return UBUS_STATUS_OK;
+}
+
+int reply_result(struct ubus_context *ctx, struct ubus_request_data *req, uint32_t result)
+{
+    reply_begin();
+    reply_add_u32("result", result);
+    return reply_send(ctx, req);
+}
+
+void parse_arguments(const struct blobmsg_policy *policy, int count, struct blob_attr *msg, struct blob_attr **fields)
+{
+    memset(fields, 0, static_cast<size_t>(count) * sizeof *fields);
+    if (msg)
+        (void)blobmsg_parse(policy, count, fields, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+}
+
+void sig_handler(int sig)
+{
+    if (sig == SIGUSR1) {
+        uloop_cancelled = true;
+        return;
+    }
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+static void handle_signal(int sig, siginfo_t *, void *)
+{
+    sig_handler(sig);
+}
+
+static bool take_stop_signal()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    if (pthread_sigmask(SIG_UNBLOCK, &set, nullptr) != 0) {
+        CELMUX_LOG(LOG_ERR, "pthread_sigmask failed", "ubus_handler");
+        return false;
+    }
+    struct sigaction action = {};
+    action.sa_sigaction = handle_signal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_SIGINFO;
+    if (sigaction(SIGUSR1, &action, nullptr) == -1) {
+        CELMUX_LOG(LOG_ERR, "sigaction failed", "ubus_handler");
+        return false;
+    }
+    return true;
+}
+
+static void add_object()
+{
+    if (celmux_object.id)
+        return;
+    int status = ubus_add_object(bus, &celmux_object);
+    if (status)
+        CELMUX_LOG(LOG_ERR, "failed to add object: %s", "server_main", ubus_strerror(status));
+}
+
+// The broker may restart while the daemon runs: come back at once, then every second.
+static void reconnect(struct uloop_timeout *timer)
+{
+    if (connection_lost && ubus_reconnect(bus, nullptr) != 0) {
+        uloop_timeout_set(timer, RECONNECT_MS);
+        return;
+    }
+    connection_lost = false;
+    ubus_add_uloop(bus);
+    add_object(); // only where it never came to be registered; ubus_reconnect brings the others back
+}
+
+static void on_connection_lost(struct ubus_context *)
+{
+    log_error("connection to ubus lost");
+    connection_lost = true;
+    uloop_timeout_set(&reconnect_timer, 1);
+}
+
+static void on_stop(struct uloop_fd *, unsigned)
+{
+    uloop_end();
+}
+
+static void describe_object()
+{
+    for (size_t i = 0; i < METHOD_COUNT; i++) {
+        const MethodRow &row = method_rows[i];
+        methods[i].name = row.name;
+        methods[i].handler = row.handler;
+        methods[i].policy = row.policy;
+        methods[i].n_policy = row.policy_count;
+    }
+    celmux_type.name = "celmux";
+    celmux_type.methods = methods;
+    celmux_type.n_methods = static_cast<int>(METHOD_COUNT);
+    celmux_object.name = "celmux";
+    celmux_object.type = &celmux_type;
+    celmux_object.methods = methods;
+    celmux_object.n_methods = static_cast<int>(METHOD_COUNT);
+}
+
+// The first start since boot leaves the connection down where the owner switched autoconnect off.
+static void first_start()
+{
+    uint8_t autoconnect = 1;
+    if (uci_get_autoconnect(&autoconnect) != 0 || file_exists(FIRST_START_MARKER))
+        return;
+    (void)run_shell_format("touch %s", FIRST_START_MARKER);
+    if (!autoconnect)
+        wanmd_control(0);
+}
+
+static void serve()
+{
+    static std::atomic<uint8_t> *const flags[] = {&t_processor_ready, &t_listener_ready, &t_sender_ready, &t_requester_ready};
+    if (wait_ready(flags, 4))
+        first_start();
+    describe_object();
+    reconnect_timer.cb = reconnect;
+    stop_watch.fd = stop_event_fd();
+    stop_watch.cb = on_stop;
+    uloop_fd_add(&stop_watch, ULOOP_READ);
+    bus->connection_lost = on_connection_lost;
+    if (running.load())
+        add_object();
+    uloop_run();
+    uloop_timeout_cancel(&reconnect_timer);
+    uloop_fd_delete(&stop_watch);
+}
+
+void *ubus_handler(void *)
+{
+    if (!take_stop_signal())
+        return nullptr;
+    bus = ubus_connect(nullptr);
+    if (!bus) {
+        log_error("failed to connect to ubus");
+        return nullptr;
+    }
+    uloop_init();
+    signal(SIGPIPE, SIG_IGN);
+    ubus_add_uloop(bus);
+    serve();
+    log_info("%s thread exit gracefully", __func__);
+    ubus_free(bus);
+    uloop_done();
+    save_and_free_messages();
+    return nullptr;
+}

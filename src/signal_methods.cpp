@@ -1,0 +1,241 @@
+#include "signal_methods.h"
+
+#include "at_cell.h"
+#include "at_rat.h"
+#include "cell_figures.h"
+
+int handle_get_rssi(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_rssi", "get_rssi");
+    uint8_t rssi = 0;
+    result_t result = at_get_rssi(&rssi);
+    reply_begin();
+    reply_add_u32("result", result);
+    if (result == RESULT_OK)
+        reply_add_u32("rssi", rssi);
+    return reply_send(ctx, req);
+}
+
+int handle_get_extended_signal_quality(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_extended_signal_quality", "get_extended_signal_quality");
+    ExtendedSignalQuality quality = {};
+    result_t result = at_get_extended_signal_quality(&quality);
+    reply_begin();
+    reply_add_u32("result", result);
+    if (result == RESULT_OK) {
+        reply_add_u32("rxlev", quality.rxlev);
+        reply_add_u32("ber", quality.ber);
+        reply_add_u32("rscp", quality.rscp);
+        reply_add_u32("ecno", quality.ecno);
+        reply_add_u32("rsrq", quality.rsrq);
+        reply_add_u32("rsrp", quality.rsrp);
+        reply_add_u32("ss_rsrq", quality.ss_rsrq);
+        reply_add_u32("ss_rsrp", quality.ss_rsrp);
+        reply_add_u32("ss_sinr", quality.ss_sinr);
+    }
+    return reply_send(ctx, req);
+}
+
+static void add_signal(const ServingCellRecord *cell)
+{
+    Figure text = "Unknown";
+    if (cell->rat == RAT_LTE && cell->rsrp != INDEX_ABSENT)
+        write_lte_rsrp(text, cell->rsrp);
+    else if (cell->rat == RAT_NR && cell->rsrp != INDEX_ABSENT)
+        write_nr_ss_rsrp(text, cell->rsrp);
+    reply_add_string("signal", text);
+}
+
+// AT+GTCCINFO gives no signal strength of a UMTS cell, so AT+CSQ is asked for it.
+static result_t add_umts_signal()
+{
+    uint8_t rssi = 0;
+    result_t result = at_get_rssi(&rssi);
+    if (result != RESULT_OK)
+        return result;
+    Figure text = "Unknown";
+    if (rssi != RSSI_UNKNOWN)
+        write_umts_rssi(text, rssi);
+    reply_add_string("signal", text);
+    return result;
+}
+
+int handle_get_signal_quality(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_signal_quality", "get_signal_quality");
+    ServingCellRecord cells[SERVING_CELLS] = {};
+    result_t result = at_get_serving_cells(cells);
+    reply_begin();
+    if (result == RESULT_OK) {
+        for (const ServingCellRecord &cell : cells) {
+            if (cell.rat == RAT_UMTS)
+                result = add_umts_signal();
+            else
+                add_signal(&cell);
+            if (cell.rat == RAT_NONE)
+                break;
+        }
+    }
+    reply_add_u32("result", result);
+    return reply_send(ctx, req);
+}
+
+static void add_signal_members(const ServingCellRecord *cell, const ServingCellRecord *best)
+{
+    Figure text;
+    switch (cell->rat) {
+    case RAT_LTE:
+        reply_add_u32("pcellid", static_cast<uint32_t>(best->pcellid));
+        write_lte_rsrp(text, cell->rsrp);
+        reply_add_string("rsrp", text);
+        break;
+    case RAT_NR:
+        reply_add_u32("pcellid", static_cast<uint32_t>(best->pcellid));
+        write_nr_ss_rsrp(text, cell->rsrp);
+        reply_add_string("ss_rsrp", text);
+        break;
+    case RAT_UMTS:
+        write_umts_ec_io(text, cell->rsrp);
+        reply_add_string("ec_io", text);
+        break;
+    default:
+        break;
+    }
+}
+
+int handle_get_current_cell_info(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info", "get_current_cell_info");
+    ServingCellRecord cells[SERVING_CELLS] = {};
+    result_t result = at_get_serving_cells(cells);
+    size_t count = filled_cells(cells);
+    if (result != RESULT_OK || count == 0)
+        return reply_result(ctx, req, RESULT_REFUSED);
+    char bands[BAND_LIST_SIZE] = "";
+    reply_begin();
+    for (size_t i = 0; i < count; i++) {
+        add_signal_members(&cells[i], best_cell(cells, i + 1));
+        append_band_label(bands, &cells[i]);
+    }
+    const ServingCellRecord *best = best_cell(cells, count);
+    reply_add_u32("rat", best->rat);
+    reply_add_string("cellid", best->cellid);
+    reply_add_string("band", bands);
+    reply_add_u32("ecio", best->ecio);
+    reply_add_string("mcc", best->mcc);
+    reply_add_string("mnc", best->mnc);
+    reply_add_string("lac", best->lac);
+    reply_add_u32("result", RESULT_OK);
+    return reply_send(ctx, req);
+}
+
+struct ExplainedFigures {
+    Figure ec_io = "--";
+    Figure lte_signal = "--";
+    Figure rsrq = "--";
+    Figure lte_noise = "--";
+    Figure nr_signal = "--";
+    Figure ss_rsrq = "--";
+    Figure nr_noise = "--";
+};
+
+static void explain(ExplainedFigures *figures, const ServingCellRecord *cell)
+{
+    bool has_rsrp = cell->rsrp != INDEX_ABSENT, has_rsrq = cell->rsrq != INDEX_ABSENT,
+         has_noise = cell->noise <= NOISE_LIMIT;
+    switch (cell->rat) {
+    case RAT_LTE:
+        if (has_rsrp)
+            write_lte_rsrp(figures->lte_signal, cell->rsrp);
+        if (has_rsrq)
+            write_lte_rsrq(figures->rsrq, cell->rsrq);
+        if (has_noise)
+            write_lte_sinr(figures->lte_noise, cell->noise);
+        break;
+    case RAT_NR:
+        if (has_rsrp)
+            write_nr_ss_rsrp(figures->nr_signal, cell->rsrp);
+        if (has_rsrq)
+            write_nr_ss_rsrq(figures->ss_rsrq, cell->rsrq);
+        if (has_noise)
+            write_nr_ss_sinr(figures->nr_noise, cell->noise);
+        break;
+    case RAT_UMTS:
+        write_umts_ec_io(figures->ec_io, cell->rsrp);
+        break;
+    default:
+        break;
+    }
+}
+
+int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info_explained", "get_current_cell_info_explained");
+    ServingCellRecord cells[SERVING_CELLS] = {};
+    result_t result = at_get_serving_cells(cells);
+    if (result != RESULT_OK)
+        return reply_result(ctx, req, RESULT_REFUSED);
+    ExplainedFigures figures;
+    char bands[BAND_LIST_SIZE] = "";
+    size_t count = filled_cells(cells);
+    for (size_t i = 0; i < count; i++) {
+        explain(&figures, &cells[i]);
+        append_band_label(bands, &cells[i]);
+    }
+    reply_begin();
+    reply_add_string("ec_io", figures.ec_io);
+    reply_add_string("lte_signal", figures.lte_signal);
+    reply_add_string("rsrq", figures.rsrq);
+    reply_add_string("lte_noise", figures.lte_noise);
+    reply_add_string("nr_signal", figures.nr_signal);
+    reply_add_string("ss_rsrq", figures.ss_rsrq);
+    reply_add_string("nr_noise", figures.nr_noise);
+    const ServingCellRecord *best = best_cell(cells, count);
+    if (best) {
+        reply_add_u32("rat", best->rat);
+        reply_add_string("cellid", best->cellid);
+        reply_add_string("band", bands);
+        reply_add_string("mcc", best->mcc);
+        reply_add_string("mnc", best->mnc);
+        reply_add_string("lac", best->lac);
+    }
+    reply_add_u32("result", best ? RESULT_OK : RESULT_REFUSED);
+    return reply_send(ctx, req);
+}
+
+int handle_get_cell_info(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_cell_info", "get_cell_info");
+    CellInfo info = {};
+    result_t result = at_get_cell_info(&info);
+    const struct {
+        const char *name;
+        const char *text;
+    } members[] = {
+        {"Mode", info.Mode}, {"BeamID", info.BeamID}, {"CQI", info.CQI},     {"Power", info.Power},
+        {"RANK", info.RANK}, {"DLMCS", info.DLMCS},   {"ULMCS", info.ULMCS},
+    };
+    reply_begin();
+    reply_add_u32("result", result);
+    for (const auto &member : members)
+        reply_add_string(member.name, result == RESULT_OK ? member.text : "--");
+    return reply_send(ctx, req);
+}
+
+int handle_get_current_rat_and_band(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_rat_and_band", "get_current_rat_and_band");
+    RatAndBand current = {};
+    char bands[BANDS_SIZE] = "";
+    result_t result = at_get_current_rat_and_band(&current, bands);
+    reply_begin();
+    reply_add_u32("result", result);
+    reply_add_u32("rat", static_cast<uint32_t>(current.rat));
+    if (current.pref_act1)
+        reply_add_u32("pref_act1", static_cast<uint32_t>(current.pref_act1));
+    if (current.pref_act2)
+        reply_add_u32("pref_act2", static_cast<uint32_t>(current.pref_act2));
+    reply_add_string("bands", bands);
+    return reply_send(ctx, req);
+}

@@ -1,0 +1,59 @@
+// The router's configuration (UCI). The only unit that includes libuci's header; every other one reads and writes
+// through it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+struct uci_context;
+
+constexpr size_t UCI_NAME_SIZE = 64;  // of a section's name, with its terminating zero
+constexpr size_t UCI_VALUE_MAX = 512; // longest value that the daemon stores, in bytes
+
+// One look at the configuration: opened at the start of its scope, closed at its end; changes that were not committed
+// or saved by then are dropped. Belongs to one thread. All functions that take one return 0, libuci's error number (1
+// to 7), or -1: what `key` names does not exist, a value is too long, or there is no memory for a context. A key is
+// "package.section" or "package.section.option", the section also as "@type[n]".
+struct UciSession {
+    uci_context *context;
+
+    UciSession();
+    ~UciSession();
+    UciSession(const UciSession &) = delete;
+    UciSession &operator=(const UciSession &) = delete;
+};
+
+// Does what `key` names exist?
+int uci_session_find(UciSession *session, const char *key);
+// The proper name of a section.
+int uci_session_section_name(UciSession *session, const char *key, std::span<char> name);
+// A heap copy of an option's value, freed by the caller. Lists count as missing. *value is written only on 0.
+int uci_session_value(UciSession *session, const char *key, char **value);
+
+// Calls `visit` for every section of a package in file order: first with a null option, then with each of its options
+// that is not a list. Ends early with -1 when `visit` returns false.
+using UciVisit = bool (*)(void *state, const char *section, const char *option, const char *value);
+int uci_session_walk(UciSession *session, const char *package, UciVisit visit, void *state);
+
+// Appends a section without a name of its own and gives the name that it has for now.
+int uci_session_add(UciSession *session, const char *package, const char *type, std::span<char> name);
+// Sets an option of an existing section; an empty value means as much as none.
+int uci_session_set(UciSession *session, const char *package, const char *section, const char *option,
+                    const char *value);
+// Deletes a section or an option.
+int uci_session_delete(UciSession *session, const char *key);
+// Keeps the changes of this session as pending ones / makes all pending ones and them the package's content.
+int uci_session_save(UciSession *session, const char *package);
+int uci_session_commit(UciSession *session, const char *package);
+
+// A heap copy of one option's value, freed by the caller, or null. Any thread.
+char *uci_read_string(const char *key);
+
+// "modem.settings.autoconnect": does the data connection come up by itself? *enabled is written only on 0. Any thread.
+int uci_get_autoconnect(uint8_t *enabled);
+// Through the router's own tool; the OR of its two exit statuses.
+int uci_set_autoconnect(uint8_t enable);
+
+// Folders other than the router's, for tests; null stands for the library's default. The texts are kept, not copied.
+void uci_access_set_folders(const char *confdir, const char *savedir);

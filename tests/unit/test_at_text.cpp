@@ -1,0 +1,136 @@
+#include <climits>
+#include <gtest/gtest.h>
+
+#include "at_mask.h"
+#include "at_text.h"
+#include "captured_log.h"
+#include "fake_modem_link.h"
+
+namespace {
+
+TEST(AtCommand, IsRefusedWhenItIsTooLongOrCouldEndItself)
+{
+    for (const std::string &text : {std::string("a\rb"), std::string("a\n"), std::string("\x1a"), std::string("\x1b"), std::string("a\0b", 3),
+                                    std::string("say \"x\""), std::string(2000, 'x')}) {
+        fake_link.reset();
+        clear_log();
+        AtCommand command;
+        at_begin(&command, "AT+X=");
+        at_append_quoted(&command, text);
+        EXPECT_EQ(at_send_setter(&command, "at_x"), RESULT_ERROR);
+        EXPECT_TRUE(fake_link.sent.empty());
+        EXPECT_EQ(log_count("at_x refused", 3), 1);
+    }
+    AtCommand longest;
+    at_begin(&longest, std::string(sizeof longest.text - 2, 'x'));
+    EXPECT_TRUE(at_command_ok(&longest, "at_x"));
+    at_begin(&longest, std::string(sizeof longest.text - 1, 'x'));
+    EXPECT_FALSE(at_command_ok(&longest, "at_x"));
+}
+
+TEST(AtCommand, IsSentWithItsCarriageReturn)
+{
+    fake_link.reset();
+    AtCommand command;
+    at_begin(&command, "AT+X=");
+    at_append_number(&command, INT64_MIN);
+    at_append(&command, ",");
+    at_append_quoted(&command, "Zürich, #1");
+    EXPECT_EQ(at_send_setter(&command, "at_x", 6000), RESULT_OK);
+    EXPECT_EQ(fake_link.sent, std::vector<std::string>{"AT+X=-9223372036854775808,\"Zürich, #1\"\r"});
+    EXPECT_EQ(fake_link.timeouts, std::vector<uint32_t>{6000});
+}
+
+TEST(AtClassify, FirstMatchDecides)
+{
+    const struct {
+        const char *text;
+        const char *marker;
+        result_t code;
+    } rows[] = {
+        {nullptr, "+X: ", RESULT_ERROR},
+        {"\r\n+CME ERROR: 10\r\n", "+X: ", RESULT_ERROR},
+        {"\r\nOK\r\nERROR\r\n", nullptr, RESULT_ERROR},
+        {"\r\nNO CARRIER\r\nOK\r\n", nullptr, RESULT_OK},
+        {"\r\nNO CARRIER\r\n", "+X: ", RESULT_NO_CARRIER},
+        {"\r\n+X: 1\r\n", "+X: ", RESULT_INCOMPLETE},
+        {"\r\n+X: 1\r\n", nullptr, RESULT_ERROR},
+        {"", "+X: ", RESULT_ERROR},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(at_classify(row.text, row.marker), row.code) << (row.text ? row.text : "null");
+}
+
+TEST(AtText, FieldsAndLines)
+{
+    std::string_view rest = "a,,b", field;
+    std::vector<std::string> fields;
+    while (next_field(&rest, &field))
+        fields.emplace_back(field);
+    EXPECT_EQ(fields, (std::vector<std::string>{"a", "", "b"}));
+    rest = "x,";
+    fields.clear();
+    while (next_field(&rest, &field))
+        fields.emplace_back(field);
+    EXPECT_EQ(fields, (std::vector<std::string>{"x", ""}));
+
+    rest = "\r\n\r\none\r\ntwo\nthree";
+    std::vector<std::string> lines;
+    while (next_line(&rest, &field))
+        lines.emplace_back(field);
+    EXPECT_EQ(lines, (std::vector<std::string>{"one", "two", "three"}));
+}
+
+TEST(AtText, NumbersSaturateAndStopAtTheFirstOtherCharacter)
+{
+    const struct {
+        const char *text;
+        int32_t value;
+    } rows[] = {{"", 0}, {"x1", 0}, {" 12x", 12}, {"-7,", -7}, {"+3", 3}, {"99999999999999999999", INT32_MAX},
+                {"-99999999999", INT32_MIN}, {"-", 0}};
+    for (const auto &row : rows)
+        EXPECT_EQ(leading_int(row.text), row.value) << row.text;
+
+    uint64_t value = 7;
+    EXPECT_TRUE(parse_hex("5A4F00E", &value));
+    EXPECT_EQ(value, 0x5A4F00Eu);
+    EXPECT_TRUE(parse_hex("ffffffffffffffff", &value));
+    EXPECT_EQ(value, UINT64_MAX);
+    EXPECT_FALSE(parse_hex("10000000000000000", &value));
+    EXPECT_FALSE(parse_hex("", &value));
+    EXPECT_FALSE(parse_hex("xyz", &value));
+}
+
+TEST(AtText, CopiesWholeOrNotAtAll)
+{
+    char out[4] = "";
+    EXPECT_TRUE(copy_text(out, "abc"));
+    EXPECT_STREQ(out, "abc");
+    EXPECT_FALSE(copy_text(out, "defg"));
+    EXPECT_STREQ(out, "abc");
+    copy_cut(out, "defg");
+    EXPECT_STREQ(out, "def");
+}
+
+TEST(Masked, HidesSecretsAndNothingElse)
+{
+    const struct {
+        const char *text;
+        const char *shown;
+    } rows[] = {
+        {"AT+CPIN=\"1234\"\r", "AT+CPIN=\"****\"\r"},
+        {"at+cpin=12345678,\"0000\"", "at+cpin=********,\"****\""},
+        {"AT+CLCK=\"SC\",1,\"12,4\"\r", "AT+CLCK=\"SC\",1,\"****\"\r"},
+        {"AT+CPWD=\"SC\",\"1234\",\"5678\"\r", "AT+CPWD=\"SC\",\"****\",\"****\"\r"},
+        {"AT+CGAUTH=1,2,\"user\",\"pass\"\r\r\nOK\r\n", "AT+CGAUTH=1,2,\"user\",\"****\"\r\r\nOK\r\n"},
+        {"AT+CMEE=1;+CPIN=\"1\";+CSQ", "AT+CMEE=1;+CPIN=\"*\";+CSQ"},
+        {"AT+CPIN?\r", "AT+CPIN?\r"},
+        {"+CPIN: READY", "+CPIN: READY"},
+        {"AT+CLCK=\"SC\",2\r", "AT+CLCK=\"SC\",2\r"},
+        {"", ""},
+    };
+    for (const auto &row : rows)
+        EXPECT_STREQ(Masked(row.text).text, row.shown);
+}
+
+} // namespace

@@ -1,0 +1,258 @@
+#include "indications.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <syslog.h>
+
+#include "captured_log.h"
+#include "fake_files.h"
+#include "fake_modem_link.h"
+#include "fake_shell.h"
+#include "resp_processor.h"
+#include "stored_messages.h"
+
+using Lines = std::vector<std::string>;
+
+static Lines passed_on;
+static std::vector<int> indexes;
+static size_t index_room;
+static size_t messages_at_pass_on;
+
+// Other bodies for the response processor, which calls the unit under test.
+std::atomic<uint8_t> g_sms_sweep{0};
+void *resp_processor(void *)
+{
+    return nullptr;
+}
+const char *last_line(const char *text)
+{
+    return text;
+}
+void sms_index_done(int32_t) {}
+int resp_enqueue(TextElem *element)
+{
+    passed_on.push_back(element->text);
+    messages_at_pass_on = fake_files.content(MESSAGE_FILE).size();
+    free(element->text);
+    element->text = nullptr;
+    return 0;
+}
+int sms_index_enqueue(int32_t index)
+{
+    if (indexes.size() == index_room)
+        return -1;
+    indexes.push_back(index);
+    return 0;
+}
+
+static const std::string HELLO = "0891947122575555F0040C919471103254760004423051906235400548656C6C6F";
+static const std::string PART_1 = "0891947122575555F0440C9194711032547600084230519062354008050003770201D83D";
+static const std::string PART_2 = "0891947122575555F0440C9194711032547600084230519062354008050003770202DE00";
+static const std::string NUMBER = "0891947122575555F00405812143F500004230519062354002E834";
+static const std::string UNREAD = "uci set modem.state.message_unread=1";
+
+class Indications : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake_link.reset();
+        fake_files.reset();
+        fake_shell.reset();
+        clear_log();
+        passed_on.clear();
+        indexes.clear();
+        index_room = 128;
+        forget_store();
+        start_message_store();
+        set_message_refused(false);
+        save_messages(MESSAGE_FILE);
+        fake_files.calls = 0;
+        g_scanning = 0;
+        g_scan_began = 0;
+        ip_family_updated = 0;
+        g_ip_family = -1;
+    }
+    void TearDown() override
+    {
+        forget_store();
+    }
+
+    // Handles a block and checks that it is left alone unless it is passed on.
+    static void handle(const std::string &text)
+    {
+        TextElem element = {strdup(text.c_str()), static_cast<uint32_t>(text.size() + 1)};
+        size_t before = passed_on.size();
+        handle_indications(&element);
+        EXPECT_EQ(element.text ? std::string(element.text) : passed_on.back(), text);
+        EXPECT_EQ(element.text == nullptr, passed_on.size() > before);
+        free(element.text);
+    }
+    static Lines on_disk()
+    {
+        forget_store();
+        start_message_store();
+        return stored();
+    }
+};
+
+TEST_F(Indications, AnnouncedMessages)
+{
+    handle("\r\n+CMTI: \"SM\",7\r\n\r\n+CMTI: \"SM\"\r\n+CMTI: \"SM\",  0\n");
+    EXPECT_EQ(indexes, (std::vector<int>{7, 0}));
+    EXPECT_EQ(log_count("Enqueue message index: 7", LOG_INFO), 1);
+    EXPECT_EQ(log_count("token: +CMTI: \"SM\"", LOG_INFO), 3);
+    index_room = 2;
+    handle("+CMTI: \"SM\",9");
+    EXPECT_EQ(log_count("Enqueue message index: 9"), 0);
+}
+
+TEST_F(Indications, AReadMessageIsOnTheDiskBeforeTheAnswerIsHandedOver)
+{
+    handle("\r\n+CMGR: 0,,29\r\n" + HELLO + "\r\n\r\nOK\r\n");
+    EXPECT_EQ(fake_shell.commands, (Lines{UNREAD}));
+    EXPECT_TRUE(fake_link.sent.empty());
+    EXPECT_TRUE(messages_on_disk());
+    EXPECT_EQ(log_count("\"sender\":\t\"491701234567\"", LOG_INFO), 1);
+    EXPECT_EQ(on_disk(), (Lines{"491701234567 Hello"}));
+    handle("\r\n+CMGR: 1,,29\r\n" + HELLO + "\r\n\r\nOK\r\n");
+    EXPECT_EQ(fake_shell.commands.size(), 1u) << "a duplicate is not unread again";
+    handle("+CMGR: 1,,29\r\n" + NUMBER + "\r\n> ");
+    EXPECT_EQ(messages_at_pass_on, fake_files.content(MESSAGE_FILE).size()) << "saved before the block goes on";
+    EXPECT_EQ(on_disk().size(), 2u);
+}
+
+TEST_F(Indications, AListingIsStoredAtOnceAndThenDeleted)
+{
+    handle("\r\n+CMGL: 1,1,,23\r\n" + HELLO + "\r\n+CMGL: 2,1,,23\r\n" + PART_2 +
+           "\r\n+CMGL: 3,1,,23\r\nrubbish\r\n+CMGL: 4,1,,23\r\n" + PART_1 + "\r\n\r\nOK\r\n");
+    EXPECT_EQ(fake_link.sent, (Lines{"AT+CMGD=0,3\r"}));
+    EXPECT_EQ(fake_shell.commands, (Lines{UNREAD}));
+    EXPECT_EQ(fake_files.calls, 3) << "one open, one write, one sync";
+    EXPECT_EQ(on_disk(), (Lines{"491701234567 Hello", "491701234567 2=\xDE" + std::string(1, '\0') + " 1=\xD8= +"}));
+}
+
+TEST_F(Indications, WhatIsNotSavedStaysOnTheSim)
+{
+    fake_files.fail_at = 1;
+    fake_files.cut = true;
+    handle("+CMGL: 1,1,,23\r\n" + HELLO + "\r\nOK\r\n");
+    EXPECT_TRUE(fake_link.sent.empty());
+    EXPECT_FALSE(messages_on_disk());
+    EXPECT_EQ(stored().size(), 1u);
+    fake_files.fail_at = 0;
+    handle("+CMGL: 1,1,,23\r\n" + HELLO + "\r\nOK\r\n"); // a duplicate that is still to be saved
+    EXPECT_EQ(fake_link.sent, (Lines{"AT+CMGD=0,3\r"}));
+    EXPECT_EQ(on_disk().size(), 1u);
+
+    forget_store(); // as after save_and_free_messages
+    handle("+CMGR: 1,,23\r\n" + HELLO + "\r\nOK\r\n");
+    EXPECT_EQ(log_count("Append failed: {\"alphabet\":1,\"sender\":\"491701234567\"", LOG_ERR), 1);
+    EXPECT_FALSE(messages_on_disk());
+    start_message_store();
+    EXPECT_EQ(save_messages(MESSAGE_FILE), 0);
+    EXPECT_FALSE(messages_on_disk()) << "that message is lost if the SIM forgets it";
+    handle("+CMGR: 1,,23\r\nrubbish\r\nOK\r\n");
+    EXPECT_TRUE(messages_on_disk()) << "what is no message may go";
+}
+
+TEST_F(Indications, OnlyTheLineBehindAHeaderIsAMessage)
+{
+    handle(HELLO + "\r\n+CMGR: 0,,1\r\n+CSQ: 1,2\r\n" + HELLO + "\r\n+CMGR: 0,,1\r\nOK\r\n" + HELLO +
+           "\r\n+CMT: ,23\r\n" + HELLO + "\r\n" + HELLO);
+    EXPECT_EQ(stored(), Lines{});
+    EXPECT_EQ(fake_link.sent, (Lines{"AT+CNMA\r"}));
+    EXPECT_TRUE(fake_shell.commands.empty());
+    EXPECT_EQ(fake_files.calls, 0);
+}
+
+TEST_F(Indications, PassesOnPromptAndSendingResult)
+{
+    handle("\r\n> ");
+    handle("\r\n+CMGS: 64\r\n+CMTI: \"SM\",7\r\nOK\r\n");
+    EXPECT_EQ(passed_on, (Lines{"\r\n> ", "\r\n+CMGS: 64\r\n+CMTI: \"SM\",7\r\nOK\r\n"}));
+    EXPECT_TRUE(indexes.empty()) << "no line behind it is looked at";
+}
+
+TEST_F(Indications, SimReady)
+{
+    handle("+SIM READY\r\n");
+    EXPECT_EQ(fake_link.sent, (Lines{"AT+CPMS=\"SM\",\"SM\",\"SM\"\r", "AT+CMGF=0\r", "AT+CNMI=2,1\r", "AT+CPMS?\r"}));
+}
+
+TEST_F(Indications, PacketDataContext)
+{
+    struct Row {
+        const char *line;
+        int family;
+        const char *apn;
+        int updated;
+    } rows[] = {
+        {"+CGDCONT: 1,\"IPV4V6\",\"internet\",\"10.9.99.100,32.1\",0,0", 3, "internet", 1},
+        {"+CGDCONT: 1,\"IPV6\",\"a,b\",\"\"", 2, "a,b", 1}, // quoted text ends at its quote
+        {"+CGDCONT: 1,\"IP\", \"auto\"", 0, "auto", 1},
+        {"+CGDCONT: 1,\"PPP\",\"\",", -1, "", 1},
+        {"+CGDCONT: 1,\"IP\"", 0, "", 1},
+        {"+CGDCONT: 1,\"IP\",,\"0.0.0.0\"", 0, "", 1},
+        {"+CGDCONT: 1,\"IP\",\"cut", 0, "", 1},
+        {"+CGDCONT: 1,\"", -1, "", 1},
+        {"+CGDCONT: 1,", 7, "before", 1},
+        {"+CGDCONT: 2,\"IP\",\"ims\"", 7, "before", 0},
+        {"+CGDCONT: 11,\"IP\",\"ims\"", 7, "before", 0},
+    };
+    for (const Row &row : rows) {
+        ip_family_updated = 0;
+        g_ip_family = 7;
+        strcpy(g_apn, "before");
+        handle("\r\n" + std::string(row.line) + "\r\n\r\nOK\r\n");
+        EXPECT_EQ(g_ip_family, row.family) << row.line;
+        EXPECT_STREQ(g_apn, row.apn) << row.line;
+        EXPECT_EQ(ip_family_updated, row.updated) << row.line;
+    }
+    handle("+CGDCONT: 1,\"IP\",\"" + std::string(100, 'x') + "\"");
+    EXPECT_EQ(g_apn, std::string(63, 'x'));
+    EXPECT_EQ(log_count("Current APN: internet", LOG_INFO), 1);
+    EXPECT_EQ(log_count("Current IP Family: 3", LOG_INFO), 1);
+}
+
+TEST_F(Indications, FullStorage)
+{
+    for (const char *line : {"+CPMS: \"SM\",49,50,\"SM\",50,50", "+CPMS: 50,50,50,50,50,50", "+CPMS: \"SM\"",
+                             "+CPMS: \"SM\",", "+CPMS: \"SM\",50", "+CPMS: \"ME\",5,5"})
+        handle(line);
+    EXPECT_TRUE(indexes.empty());
+    handle("+CPMS: \"ME\",1,9,\"SM\",50,50,\"SM\",49,50");
+    EXPECT_EQ(indexes, (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    EXPECT_EQ(log_count("SIM sms storage full.", LOG_ERR), 1);
+}
+
+TEST_F(Indications, ScanResult)
+{
+    const std::string start = "uci delete modem.scan.network";
+    const std::string end = "; ubus send modem '{\"event\":\"scan_complete\"}'";
+    auto entry = [](const char *name) { return "; uci add_list modem.scan.network='" + std::string(name) + "'"; };
+    struct Row {
+        std::string line, entries;
+    } rows[] = {
+        {"+COPS: (1,\"A\",\"A\",\"46015\",7),(2,\"B\",\"B\",\"46000\",12),(1,\"C\",\"C\",\"46001\",2),,(0,1,2,3,4,5),(0,1,2)",
+         entry("E-UTRAN") + entry("NR") + entry("UTRAN")},
+        {"+COPS: (1,\"A (x),\",\"A\",\"46015\",7),(7),(1,\"open\",7", entry("E-UTRAN")},
+        {"+COPS: (", ""},
+        {"+COPS: (),,(0,1,2)", ""},
+        {"+COPS: ('`reboot`,$(reboot),11),",
+         entry("UTRAN")}, // "reboot" is no number, and nothing of the line reaches the shell
+    };
+    for (const Row &row : rows) {
+        fake_shell.reset();
+        g_scanning = 1;
+        g_scan_began = 1;
+        handle("\r\n" + row.line + "\r\n\r\nOK\r\n");
+        EXPECT_EQ(fake_shell.commands, (Lines{start + row.entries + end})) << row.line;
+        EXPECT_EQ(g_scanning + g_scan_began, 0);
+    }
+    std::string many = "+COPS: (1,7)";
+    for (int i = 0; i < 1000; i++)
+        many += ",(1,12)";
+    fake_shell.reset();
+    handle(many);
+    EXPECT_TRUE(fake_shell.commands.at(0).ends_with(entry("NR") + end)) << "however many, the event is sent";
+}

@@ -1,0 +1,478 @@
+#include "message_file.h"
+
+#include <set>
+
+#include "captured_log.h"
+#include "fake_files.h"
+#include "stored_messages.h"
+
+using std::string_literals::operator""s;
+using Lines = std::vector<std::string>;
+
+static const std::string PATH = "/data/in_messages";
+static const std::string MAGIC = "\xAB\xCD\xEF\x00"s;
+static const std::string SMSC = "4917227555550";
+
+class MessageFile : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake_files.reset();
+        clear_log();
+        forget_store();
+    }
+    void TearDown() override
+    {
+        forget_store();
+    }
+
+    static int load(const std::string &content)
+    {
+        forget_store();
+        fake_files.put(PATH, content);
+        return load_messages(PATH.c_str());
+    }
+    static int save()
+    {
+        return save_messages(PATH.c_str());
+    }
+    static std::string file()
+    {
+        return fake_files.content(PATH);
+    }
+    // The bytes that a store of the present content gives when nothing of it is on the disk yet.
+    static std::string rewritten()
+    {
+        MessageArrayLock lock;
+        message_array.file.current = false;
+        EXPECT_EQ(write_message_file("/other", &message_array), 0);
+        message_array.file.current = false;
+        return fake_files.content("/other");
+    }
+};
+
+// Two messages as docs/message-file.md describes them, written by hand.
+static const std::string SINGLE_RECORD = "\xFF"
+                                         "24-03-15\0"
+                                         "09:26:53\0"
+                                         "\1\0\0"
+                                         "\0\0"
+                                         "\1\0\1\0"
+                                         "\5\0"
+                                         "\4\0"
+                                         "1722\0"
+                                         "491\0"
+                                         "\1\0\2\0"
+                                         "Hi"s;
+static const std::string LONG_RECORD = "\2"
+                                       "24-03-16\0"
+                                       "10:00:00\0"
+                                       "\0\1\0"
+                                       "\2\1"
+                                       "\0\3\2\0"
+                                       "\1\0"
+                                       "\2\0"
+                                       "\0"
+                                       "7\0"
+                                       "\2\0\2\0"
+                                       "\0B"
+                                       "\1\0\1\0"
+                                       "\xFF"s;
+
+TEST_F(MessageFile, RecordsAreTheBytesOfTheFormat)
+{
+    load_messages(PATH.c_str());
+    add({.text = "Hi", .sender = "491", .smsc = "1722"});
+    int32_t first = 1;
+    mark_messages_read(&first, 1);
+    Incoming part = {.text = "\0B"s,
+                     .sender = "7",
+                     .index = 2,
+                     .total = 3,
+                     .ref = 258,
+                     .date = "24-03-16xyz",
+                     .time = "10:00:00",
+                     .toa = "national",
+                     .alphabet = 2,
+                     .smsc = ""};
+    add(part);
+    part.text = "\xFF";
+    part.index = 1;
+    add(part);
+    ASSERT_EQ(save(), 0);
+    EXPECT_EQ(file(), MAGIC + SINGLE_RECORD + LONG_RECORD);
+    EXPECT_TRUE(messages_on_disk());
+
+    std::string saved = file();
+    EXPECT_EQ(load(saved), 0);
+    EXPECT_EQ(stored(), (Lines{"491 read Hi", "7 2=\0B 1=\xFF"s}));
+    EXPECT_TRUE(message_array.file.current);
+    EXPECT_EQ(rewritten(), saved);
+}
+
+TEST_F(MessageFile, AppendingGivesTheBytesOfARewrite)
+{
+    load_messages(PATH.c_str());
+    save();
+    std::set<uint64_t> inodes;
+    for (int i = 0; i < 30; i++) {
+        int total = i % 3 == 2 ? 2 : 0;
+        std::string text(static_cast<size_t>(i * 7 % 161), 'x');
+        add({.text = text, .index = total / 2, .total = total, .ref = i, .time = std::to_string(i)});
+        if (total) // the second part is joined before the first one was saved
+            add({.text = "end", .index = 2, .total = total, .ref = i});
+        if (i % 4 == 3)
+            continue; // two at once
+        ASSERT_EQ(save(), 0);
+        inodes.insert(message_array.file.identity.inode);
+    }
+    EXPECT_EQ(inodes.size(), 1u) << "the file was replaced";
+    std::string appended = file();
+    EXPECT_EQ(rewritten(), appended);
+    EXPECT_EQ(load(appended), 0);
+    EXPECT_EQ(message_array.count, 30u);
+}
+
+TEST_F(MessageFile, NothingToSaveTouchesNothing)
+{
+    load(MAGIC + SINGLE_RECORD);
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(fake_files.calls, 1) << "the open that looks whether the file is still there";
+    fake_files.put(PATH, "somebody else's"); // replaced behind our back
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(file(), MAGIC + SINGLE_RECORD);
+}
+
+TEST_F(MessageFile, AFileCutAnywhereLosesOnlyTheRecordThatWasCut)
+{
+    std::string whole = MAGIC + SINGLE_RECORD + LONG_RECORD + SINGLE_RECORD;
+    size_t ends[] = {MAGIC.size() + SINGLE_RECORD.size(), whole.size() - SINGLE_RECORD.size(), whole.size()};
+    for (size_t size = MAGIC.size(); size <= whole.size(); size++) {
+        ASSERT_EQ(load(whole.substr(0, size)), 0);
+        unsigned complete = 0;
+        for (size_t end : ends)
+            complete += end <= size;
+        ASSERT_EQ(message_array.count, complete) << size;
+        add({.text = "new"});
+        ASSERT_EQ(save(), 0);
+        std::string saved = file();
+        ASSERT_EQ(load(saved), 0);
+        ASSERT_EQ(message_array.count, complete + 1) << "behind a torn record at " << size;
+        ASSERT_EQ(rewritten(), saved);
+    }
+}
+
+TEST_F(MessageFile, LoadsWhatItCanOfAnyRecordFile)
+{
+    std::string no_terminators = SINGLE_RECORD;
+    no_terminators.replace(1, 18, "24-03-15x09:26:53y").replace(36, 1, "3").replace(40, 1, "2");
+    std::string counts = SINGLE_RECORD; // a single-part message with a part count, a total and a part number of its own
+    counts[26] = 9;
+    counts[25] = 7;
+    counts[41] = 4;
+    std::string no_texts = SINGLE_RECORD.substr(0, 28) + "\0\0\0\0"s + SINGLE_RECORD.substr(41);
+    std::string huge = SINGLE_RECORD;
+    huge.replace(28, 4, "\xFF\xFF\xFF\xFF");
+    struct Row {
+        const char *what;
+        std::string records;
+        Lines messages;
+        bool current;
+    } rows[] = {
+        {"magic only", "", {}, true},
+        {"text without terminators", no_terminators, {"4912 read Hi"}, false},
+        {"numbers that a single part has not", counts + SINGLE_RECORD, {"491 read Hi", "491 read Hi"}, false},
+        {"texts of length 0", no_texts, {" read Hi"}, false},
+        {"texts longer than the file", SINGLE_RECORD + huge, {"491 read Hi"}, false},
+        {"a hole that a power cut left", SINGLE_RECORD + std::string(300, '\0'), {"491 read Hi"}, false},
+        {"no content", SINGLE_RECORD.substr(0, 43) + "\0\0"s + LONG_RECORD, {"491 read ", "7 2=\0B 1=\xFF"s}, true},
+        {"all parts there", LONG_RECORD.substr(0, 25) + "\2"s + LONG_RECORD.substr(26), {"7 2=\0B 1=\xFF +"s}, true},
+    };
+    for (const Row &row : rows) {
+        EXPECT_EQ(load(MAGIC + row.records), 0) << row.what;
+        EXPECT_EQ(stored(), row.messages) << row.what;
+        EXPECT_EQ(message_array.file.current, row.current) << row.what;
+    }
+}
+
+TEST_F(MessageFile, AbsentEmptyAndUnreadableFiles)
+{
+    EXPECT_EQ(load_messages(PATH.c_str()), 0);
+    EXPECT_EQ(log_count("message data file not exist.", -1), 1);
+    EXPECT_TRUE(message_array.present);
+    for (const std::string &content : {""s, MAGIC, "abcd"s}) {
+        clear_log();
+        EXPECT_EQ(load(content), 0);
+        EXPECT_EQ(log_count("message data file empty.", -1), 1);
+        EXPECT_EQ(message_array.count, 0u);
+        EXPECT_EQ(message_array.file.current, content == MAGIC);
+    }
+    fake_files.open_error = EACCES;
+    EXPECT_EQ(load(MAGIC), -1);
+    EXPECT_EQ(log_count("open message data file failed: 13, Permission denied\n", -1), 1);
+    EXPECT_FALSE(message_array.present);
+    EXPECT_EQ(save(), -1) << "what could not be read is not overwritten";
+    EXPECT_EQ(file(), MAGIC);
+    EXPECT_EQ(add({}), AddResult::refused);
+}
+
+TEST_F(MessageFile, ReadErrorKeepsTheOldFile)
+{
+    fake_files.read_limit = 0;
+    EXPECT_EQ(load(MAGIC + SINGLE_RECORD), -1);
+    EXPECT_EQ(log_count("load message data file failed.", -1), 1);
+    fake_files.read_limit = 16384;
+    std::string many = MAGIC;
+    while (many.size() < 20000)
+        many += SINGLE_RECORD;
+    EXPECT_EQ(load(many), 0);
+    EXPECT_GT(message_array.count, 300u);
+    EXPECT_EQ(save(), 0);
+    EXPECT_EQ(fake_files.content(PATH + ".full"), many);
+}
+
+TEST_F(MessageFile, AFileBeyondTheStoreIsKeptAside)
+{
+    std::string large(60000, 'x');
+    std::string record = SINGLE_RECORD.substr(0, 43) + "\x60\xEA"s + large;
+    std::string content = MAGIC;
+    for (int i = 0; i < 150; i++)
+        content += record;
+    EXPECT_EQ(load(content), 0);
+    EXPECT_LE(message_array.bytes, MOST_MESSAGE_BYTES);
+    EXPECT_GT(message_array.bytes, MOST_MESSAGE_BYTES - 100000);
+    EXPECT_EQ(add({.text = large}), AddResult::refused);
+    EXPECT_EQ(save(), 0);
+    EXPECT_LT(file().size(), content.size());
+    EXPECT_EQ(fake_files.content(PATH + ".full"), content);
+}
+
+struct JsonRow {
+    const char *what;
+    std::string text;
+    Lines messages;
+    const char *printed;
+};
+
+static std::string object(const std::string &replaced = "", const std::string &with = "")
+{
+    std::string text = R"({"alphabet":-1,"sender":"491","date":"24-03-15","time":"09:26:53","read":true,"smsc":"1722",)"
+                       R"("from_toa":"international","message":[72, 105]})";
+    if (!replaced.empty())
+        text.replace(text.find(replaced), replaced.size(), with);
+    return text;
+}
+
+static std::string long_object(const std::string &replaced = "", const std::string &with = "")
+{
+    std::string text = R"({"alphabet":2,"sender":"7","date":"24-03-16","time":"10:00:00","read":false,"smsc":"",)"
+                       R"("from_toa":"national","concatenation_info":{"csms_ref":258,"total":3},"parts":[)"
+                       R"({"index":2,"content":[0,66]},{"index":1,"content":[255]}],"all_parts_present":false})";
+    if (!replaced.empty())
+        text.replace(text.find(replaced), replaced.size(), with);
+    return text;
+}
+
+static std::string complete_object()
+{
+    std::string text = long_object("sent\":false", "sent\":true");
+    return text.replace(text.find("total\":3") + 7, 1, "2");
+}
+
+static const Lines ONE = {"491 read Hi"};
+static const char *const FAILED = "failed to parse messages, file maybe corrupted, using empty data";
+
+static const JsonRow json_rows[] = {
+    {"both forms", "[" + object() + ",\n\t" + long_object() + " ]", {"491 read Hi", "7 2=\0B 1=\xFF"s}, ""},
+    {"empty array", "\xEF\xBB\xBF [ ]  ", {}, ""},
+    {"all parts", "[" + complete_object() + "]", {"7 2=\0B 1=\xFF +"s}, ""},
+    {"text behind the array", "[" + object() + "] rest", ONE, ""},
+    {"brackets and quotes in a text", "[" + object("\"491\"", R"("4}]\"9\\1")") + "]", {"4}]\"9\\1 read Hi"}, ""},
+    {"an object instead", object(), {}, "message data file not json array"},
+    {"a number instead", "12345", {}, "message data file not json array"},
+    {"rubbish", "\x12 rubbish\x01", {}, "error before: rubbish\n"},
+    {"damaged magic",
+     "\xAB\xCD\xEE"
+     "\0"s +
+         SINGLE_RECORD,
+     {},
+     FAILED},
+    {"cut", "[" + object(), {}, FAILED},
+    {"cut within an object", "[" + object().substr(0, 50), {}, FAILED},
+    {"no comma", "[" + object() + object() + "]", {}, FAILED},
+    {"comma at the end", "[" + object() + ",]", {}, FAILED},
+    {"wrong bracket", "[" + object("105]", "105}") + "]", {}, FAILED},
+    {"second element broken", "[" + object() + ",{\"a\" 1}]", {}, "error before:"},
+    {"too deep", std::string(5000, '['), {}, FAILED},
+    {"no sender", "[" + object("\"sender\":\"491\",", "") + "," + object() + "]", ONE, "message 1 of the data file"},
+    {"sender of a wrong type", "[" + object() + "," + object("\"491\"", "491") + "]", ONE,
+     "message 2 of the data file"},
+    {"read of a wrong type", "[" + object("true", "1") + "," + object() + "]", ONE, "message 1"},
+    {"no message", "[" + object(",\"message\":[72, 105]", "") + "," + object() + "]", ONE, "message 1"},
+    {"a byte of 256", "[" + object("105", "256") + "," + object() + "]", ONE, "message 1"},
+    {"half a byte", "[" + object("105", "0.5") + "," + object() + "]", ONE, "message 1"},
+    {"alphabet out of range", "[" + object("-1", "1e9") + "," + object() + "]", ONE, "message 1"},
+    {"elements that are no objects", "[null,7,\"x\",[]," + object() + "]", ONE, "message 4"},
+    {"total 0", "[" + long_object("total\":3", "total\":0") + "," + object() + "]", ONE, "message 1"},
+    {"part 0", "[" + long_object("index\":2", "index\":0") + "," + object() + "]", ONE, "message 1"},
+    {"parts no array", "[" + long_object("\"parts\":[", "\"parts\":7,\"x\":[") + "," + object() + "]", ONE,
+     "message 1"},
+    {"an element of a megabyte", "[" + object("491", std::string(1u << 20, '4')) + "," + object() + "]", ONE,
+     "message 1"},
+};
+
+TEST_F(MessageFile, JsonText)
+{
+    for (const JsonRow &row : json_rows) {
+        clear_log();
+        EXPECT_EQ(load(row.text), 1) << row.what;
+        EXPECT_EQ(stored(), row.messages) << row.what;
+        EXPECT_EQ(log_count(row.printed, -1) > 0, *row.printed != '\0') << row.what << " " << row.printed;
+        EXPECT_EQ(save(), 0);
+        EXPECT_EQ(file().substr(0, 4), MAGIC) << row.what;
+        std::string saved = file();
+        EXPECT_EQ(load(saved), 0);
+        EXPECT_EQ(stored(), row.messages) << row.what << " after a save";
+    }
+}
+
+TEST_F(MessageFile, JsonCutAtEveryByte)
+{
+    std::string text = "[" + object() + "," + long_object() + "]";
+    for (size_t size = 5; size < text.size(); size++) {
+        ASSERT_EQ(load(text.substr(0, size)), 1);
+        ASSERT_EQ(message_array.count, 0u) << size;
+    }
+}
+
+TEST_F(MessageFile, SkippedElementsDoNotFloodTheOutput)
+{
+    std::string text = "[0";
+    for (int i = 0; i < 5000; i++)
+        text += ",0";
+    EXPECT_EQ(load(text + "]"), 1);
+    EXPECT_EQ(log_count("skipped", -1), 11);
+    EXPECT_EQ(log_count("5001 messages of the data file skipped", -1), 1);
+
+    for (int i = 0; i < 250000; i++)
+        text += ",0";
+    EXPECT_EQ(load(text + "]"), 1) << "does not hold up the start";
+    EXPECT_EQ(fake_files.content(PATH + ".full"), text + "]");
+}
+
+TEST_F(MessageFile, StartMovesTheOlderFile)
+{
+    const std::string legacy = LEGACY_MESSAGE_FILE;
+    struct Row {
+        const char *what;
+        std::string file, older;
+        Lines messages;
+    } rows[] = {
+        {"records only", MAGIC + SINGLE_RECORD, "", {"491 read Hi"}},
+        {"JSON in the file itself", "[" + long_object() + "]", "", {"7 2=\0B 1=\xFF"s}},
+        {"both: the older one replaces", MAGIC + SINGLE_RECORD, "[" + long_object() + "]", {"7 2=\0B 1=\xFF"s}},
+        {"older one broken", MAGIC + SINGLE_RECORD, "[", {}},
+        {"older one with records", MAGIC + SINGLE_RECORD, MAGIC + LONG_RECORD, {"491 read Hi", "7 2=\0B 1=\xFF"s}},
+    };
+    for (const Row &row : rows) {
+        SetUp();
+        fake_files.put(PATH, row.file);
+        if (!row.older.empty())
+            fake_files.put(legacy, row.older);
+        start_message_store();
+        EXPECT_EQ(stored(), row.messages) << row.what;
+        EXPECT_FALSE(fake_files.has(legacy)) << row.what;
+        std::string saved = file();
+        load(saved);
+        EXPECT_EQ(stored(), row.messages) << row.what << " in the file";
+    }
+    SetUp();
+    fake_files.put(legacy, "[" + object() + "]");
+    fake_files.fail_at = 1;
+    fake_files.cut = true;
+    start_message_store();
+    EXPECT_TRUE(fake_files.has(legacy)) << "not removed before its messages are saved";
+}
+
+// Every operation of a save fails once, and the power is cut at every operation once.
+class FailingSave : public MessageFile, public ::testing::WithParamInterface<const char *> {
+protected:
+    static constexpr const char *OLD[] = {"1", "2"};
+
+    static void prepare()
+    {
+        fake_files.reset();
+        forget_store();
+        load_messages(PATH.c_str());
+        for (const char *sender : OLD)
+            add({.text = std::string(3000, 'a'), .sender = sender});
+        save();
+    }
+    static void change()
+    {
+        std::string how = GetParam();
+        if (how == "append")
+            add({.text = std::string(5000, 'b'), .sender = "3"});
+        int32_t index = 1;
+        if (how == "delete")
+            delete_messages(&index, 1);
+        else if (how == "mark")
+            mark_messages_read(&index, 1);
+        else if (how == "delete all")
+            delete_all_messages();
+        else
+            save();
+    }
+};
+
+TEST_P(FailingSave, LeavesTheOldOrTheNewFile)
+{
+    prepare();
+    Lines before = stored();
+    int first = fake_files.calls;
+    change();
+    Lines after = stored();
+    int last = fake_files.calls;
+    ASSERT_GT(last, first + 2);
+    for (bool cut : {false, true}) {
+        for (int n = first + 1; n <= last; n++) {
+            prepare();
+            fake_files.fail_at = n;
+            fake_files.cut = cut;
+            change();
+            EXPECT_EQ(stored(), after) << "memory does not depend on the disk";
+            bool claimed = messages_on_disk();
+            for (const FakeFiles::Disk &disk : fake_files.after_cut()) {
+                fake_files.restore(disk);
+                forget_store();
+                ASSERT_EQ(load_messages(PATH.c_str()), 0);
+                EXPECT_TRUE(stored() == after || (!claimed && stored() == before))
+                    << GetParam() << " failing at " << n - first << (cut ? " with a power cut" : "");
+            }
+        }
+    }
+}
+
+TEST_P(FailingSave, IsMadeGoodByTheNextOne)
+{
+    prepare();
+    int first = fake_files.calls;
+    change();
+    Lines after = stored();
+    int last = fake_files.calls;
+    for (int n = first + 1; n <= last; n++) {
+        prepare();
+        fake_files.fail_at = n;
+        fake_files.cut = true;
+        change();
+        EXPECT_FALSE(messages_on_disk()) << n - first;
+        fake_files.fail_at = 0;
+        EXPECT_EQ(save(), 0);
+        EXPECT_TRUE(messages_on_disk());
+        std::string saved = file();
+        EXPECT_EQ(load(saved), 0);
+        EXPECT_EQ(stored(), after) << GetParam() << n - first;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, FailingSave, ::testing::Values("append", "mark", "delete", "delete all"));

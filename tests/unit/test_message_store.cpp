@@ -1,0 +1,312 @@
+#include "message_store.h"
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+
+#include "captured_log.h"
+#include "captured_reply.h"
+#include "fake_files.h"
+#include "fake_shell.h"
+#include "message_methods.h"
+#include "stored_messages.h"
+
+using Lines = std::vector<std::string>;
+
+class MessageStore : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake_files.reset();
+        fake_shell.reset();
+        clear_log();
+        forget_store();
+        start_message_store();
+        save_messages(MESSAGE_FILE);
+        fake_files.calls = 0;
+    }
+    void TearDown() override
+    {
+        forget_store();
+    }
+
+    static void fill(int count)
+    {
+        for (int i = 1; i <= count; i++)
+            add({.text = "m", .sender = std::to_string(i)});
+        save_messages(MESSAGE_FILE);
+        fake_files.calls = 0;
+    }
+    // What a restart would find.
+    static Lines on_disk()
+    {
+        forget_store();
+        start_message_store();
+        return stored();
+    }
+};
+
+TEST_F(MessageStore, DropsAMessageThatIsThereAlready)
+{
+    EXPECT_EQ(add({}), AddResult::added);
+    int32_t index = 1;
+    mark_messages_read(&index, 1);
+    EXPECT_EQ(add({}), AddResult::duplicate) << "read or not";
+    EXPECT_EQ(log_count("abandon duplicate message", -1), 1);
+    EXPECT_EQ(on_disk().size(), 1u);
+    EXPECT_EQ(add({}), AddResult::duplicate) << "after a restart";
+    const Incoming others[] = {{.time = "09:26:54"}, {.text = "Text"},     {.text = "text "},
+                               {.sender = "1"},      {.date = "24-03-16"}, {.toa = "national"},
+                               {.alphabet = 2},      {.smsc = ""},         {.index = 1, .total = 1}};
+    for (const Incoming &other : others)
+        EXPECT_EQ(add(other), AddResult::added);
+    EXPECT_EQ(stored().size(), 1 + std::size(others));
+    EXPECT_EQ(stored().back(), "491701234567 1=text") << "a long message of one part is never marked as complete";
+}
+
+TEST_F(MessageStore, JoinsThePartsInAnyOrder)
+{
+    int order[] = {1, 2, 3};
+    const char *texts[] = {"", "one", "two", "three"};
+    do {
+        SetUp();
+        for (int index : order) {
+            EXPECT_EQ(add({.text = texts[index], .index = index, .total = 3, .time = std::to_string(index)}),
+                      AddResult::added);
+            EXPECT_EQ(add({.text = "again", .index = index, .total = 3}), AddResult::added);
+            EXPECT_EQ(add({.text = "other", .sender = "9", .index = index, .total = 3}), AddResult::added);
+        }
+        EXPECT_EQ(log_count("abandon duplicate message part", -1), 3);
+        Lines lines = stored();
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_TRUE(lines[0].ends_with(" +") && lines[1].ends_with(" +"));
+        std::string reply = reply_of(handle_get_message, "{\"index\":1}");
+        std::string bytes;
+        for (char c : std::string("onetwothree"))
+            bytes += std::to_string(c) + ",";
+        bytes.pop_back();
+        EXPECT_NE(reply.find("\"message\":[" + bytes + "]"), std::string::npos) << reply;
+    } while (std::next_permutation(std::begin(order), std::end(order)));
+}
+
+TEST_F(MessageStore, InsertsPartsAtTheirPlace)
+{
+    for (int index : {3, 1, 4, 2})
+        add({.text = "", .index = index, .total = 4});
+    EXPECT_EQ(stored(),
+              (Lines{"491701234567 3= 1= 2= 4= +"})); // in front of the element at position 2, if there is one
+}
+
+TEST_F(MessageStore, KeepsDifferentLongMessagesApart)
+{
+    const Incoming others[] = {{.ref = 43},          {.total = 4},    {.sender = "9"},
+                               {.date = "24-03-16"}, {.alphabet = 2}, {.toa = "national"}};
+    add({.index = 1, .total = 3});
+    for (Incoming other : others) {
+        other.index = 2;
+        other.total = other.total ? other.total : 3;
+        add(other);
+    }
+    EXPECT_EQ(stored().size(), 1 + std::size(others));
+    forget_store();
+    EXPECT_EQ(add({}), AddResult::refused) << "no store";
+}
+
+TEST_F(MessageStore, PartsThatArriveAfterARestartAreJoined)
+{
+    add({.text = "a", .index = 1, .total = 2, .date = "24-03-15T..", .toa = "international (ISDN)"});
+    save_messages(MESSAGE_FILE);
+    on_disk();
+    add({.text = "b", .index = 2, .total = 2, .date = "24-03-15T..", .toa = "international (ISDN)"});
+    EXPECT_EQ(stored(), (Lines{"491701234567 1=a 2=b +"}));
+}
+
+TEST_F(MessageStore, RefusesWhatItCannotHold)
+{
+    for (uint32_t i = 0; i < MOST_MESSAGES; i++)
+        ASSERT_EQ(array_append(&message_array, message_new({}, std::vector<MessagePart>(1))), 0);
+    EXPECT_EQ(add({}), AddResult::refused);
+    EXPECT_EQ(add({.index = 1, .total = 2}), AddResult::refused);
+}
+
+TEST_F(MessageStore, Listing)
+{
+    EXPECT_EQ(reply_of(handle_get_all_messages), R"({"messages":[],"result":0})");
+    add({.text = "Hi", .alphabet = 2});
+    add({.text = "\xFF", .sender = "Bank", .index = 3, .total = 3, .toa = "alphanumeric", .alphabet = 4});
+    add({.text = std::string(1, '\0'), .sender = "Bank", .index = 1, .total = 3, .toa = "alphanumeric", .alphabet = 4});
+    std::string first =
+        R"("alphabet":"UCS2","sender":"491701234567","date":"24-03-15","time":"09:26:53","read":false,"country_code":1,"message":[72,105])";
+    std::string second =
+        R"("alphabet":"Unknown","sender":"Bank","date":"24-03-15","time":"09:26:53","read":false,"country_code":0,"message":[0,255])";
+    EXPECT_EQ(reply_of(handle_get_all_messages),
+              R"({"messages":[{"index":1,)" + first + R"(},{"index":2,)" + second + R"(}],"result":0})");
+    EXPECT_EQ(reply_of(handle_get_message, R"({"index":2})"), "{" + second + R"(,"result":0})");
+    for (const char *index : {"0", "3", "-1", "-2147483648", "2147483647"})
+        EXPECT_EQ(reply_of(handle_get_message, ("{\"index\":" + std::string(index) + "}").c_str()), R"({"result":-1})");
+    for (const char *bad : {"{}", R"({"index":"1"})", R"({"Index":1})"}) {
+        EXPECT_EQ(reply_of(handle_get_message, bad), "status 2");
+        EXPECT_EQ(reply_of(handle_read_message, bad), "status 2");
+        EXPECT_EQ(reply_of(handle_delete_message, bad), "status 2");
+    }
+    EXPECT_EQ(log_count("_get_message enter", LOG_INFO), 9);
+    save_and_free_messages();
+    EXPECT_EQ(reply_of(handle_get_all_messages), R"({"result":-1})");
+    EXPECT_EQ(reply_of(handle_get_message, R"({"index":1})"), R"({"result":-1})");
+}
+
+TEST_F(MessageStore, PartsOfAFileThatNobodyWroteAreListedOnce)
+{
+    uint8_t byte[] = {'a', 'b', 'c', 'd'};
+    MessagePart parts[] = {{2, {byte, 1}}, {0, {byte + 1, 1}}, {9, {byte + 2, 1}}, {2, {byte + 3, 1}}};
+    StoredMessage *message = message_new({.is_long = true, .total = 2}, parts);
+    array_append(&message_array, message);
+    EXPECT_NE(reply_of(handle_get_message, R"({"index":1})").find("\"message\":[97]"), std::string::npos);
+}
+
+TEST_F(MessageStore, AListingFitsIntoABusMessage)
+{
+    for (int i = 0; i < 1000; i++)
+        add({.text = std::string(static_cast<size_t>(100 + i % 60), 'x'), .sender = std::to_string(i)});
+    struct blob_buf reply = {};
+    blob_buf_init(&reply, 0);
+    ASSERT_EQ(list_messages(&reply), 0);
+    size_t size = blob_pad_len(reply.head);
+    EXPECT_LE(size, (1u << 20) - 200);
+    EXPECT_GT(size, (1u << 20) - 4000) << "as many as fit";
+    char *json = blobmsg_format_json(reply.head, true);
+    std::string text = json;
+    free(json);
+    EXPECT_TRUE(text.ends_with("]}],\"truncated\":true}")) << text.substr(text.size() - 60);
+    // The room was reckoned exactly: a second listing into the same memory does not grow it.
+    int room = reply.buflen;
+    for (int i = 0; i < 3; i++) {
+        blob_buf_init(&reply, 0);
+        list_messages(&reply);
+        EXPECT_EQ(reply.buflen, room);
+    }
+    blob_buf_free(&reply);
+
+    std::vector<uint8_t> content(LONGEST_CONTENT);
+    std::vector<MessagePart> parts;
+    for (unsigned i = 1; i <= 2; i++)
+        parts.push_back({static_cast<uint8_t>(i), content});
+    delete_all_messages();
+    array_append(&message_array, message_new({.is_long = true, .total = 2}, parts));
+    EXPECT_EQ(reply_of(handle_get_message, R"({"index":1})"), R"({"result":-1})");
+    EXPECT_EQ(reply_of(handle_get_all_messages), R"({"messages":[],"truncated":true,"result":0})");
+}
+
+TEST_F(MessageStore, Marking)
+{
+    fill(3);
+    EXPECT_EQ(reply_of(handle_read_message, R"({"index":2})"), R"({"result":0})");
+    int calls = fake_files.calls;
+    EXPECT_GT(calls, 0);
+    EXPECT_EQ(reply_of(handle_read_message, R"({"index":2})"), R"({"result":0})");
+    EXPECT_EQ(reply_of(handle_read_message, R"({"index":4})"), R"({"result":-1})");
+    EXPECT_EQ(reply_of(handle_read_messages, R"({"index_list":[]})"), R"({"result":0})");
+    EXPECT_EQ(reply_of(handle_read_messages, R"({"index_list":["1",2]})"), R"({"result":0})");
+    EXPECT_EQ(fake_files.calls, calls) << "nothing changed, nothing is written";
+    EXPECT_EQ(reply_of(handle_read_messages, R"({"index_list":[99,1,"3",true]})"), R"({"result":-1})");
+    EXPECT_EQ(reply_of(handle_read_messages, R"({"index_list":1})"), "status 2");
+    EXPECT_EQ(on_disk(), (Lines{"1 read m", "2 read m", "3 m"}));
+}
+
+TEST_F(MessageStore, Deleting)
+{
+    struct Row {
+        Handler handler;
+        const char *arguments, *reply;
+        Lines left;
+        bool saves;
+    } rows[] = {
+        {handle_delete_message, R"({"index":2})", R"({"result":0})", {"1 m", "3 m", "4 m", "5 m"}, true},
+        {handle_delete_message, R"({"index":6})", R"({"result":0})", {"1 m", "2 m", "3 m", "4 m", "5 m"}, false},
+        {handle_delete_messages, R"({"index_list":[2,5,3]})", R"({"result":0})", {"1 m", "4 m"}, true},
+        {handle_delete_messages, R"({"index_list":[2,2]})", R"({"result":0})", {"1 m", "4 m", "5 m"}, true},
+        {handle_delete_messages,
+         R"({"index_list":[-2147483648,2147483647,"x",1]})",
+         R"({"result":0})",
+         {"2 m", "3 m", "4 m", "5 m"},
+         true},
+        {handle_delete_messages,
+         R"({"index_list":["1",4000000000]})",
+         R"({"result":0})",
+         {"1 m", "2 m", "3 m", "4 m", "5 m"},
+         false},
+        {handle_delete_messages, R"({"index_list":{"a":1}})", "status 2", {"1 m", "2 m", "3 m", "4 m", "5 m"}, false},
+        {handle_delete_all_messages, "{}", R"({"result":0})", {}, true},
+    };
+    for (const Row &row : rows) {
+        SetUp();
+        fill(5);
+        std::string before = fake_files.content(MESSAGE_FILE);
+        EXPECT_EQ(reply_of(row.handler, row.arguments), row.reply) << row.arguments;
+        EXPECT_EQ(fake_files.content(MESSAGE_FILE) != before, row.saves) << row.arguments;
+        EXPECT_EQ(stored(), row.left) << row.arguments;
+        EXPECT_EQ(on_disk(), row.left) << row.arguments << " on the disk";
+    }
+}
+
+TEST_F(MessageStore, ShutdownSavesAndFrees)
+{
+    add({.sender = "1"});
+    save_and_free_messages();
+    EXPECT_EQ(add({}), AddResult::refused);
+    EXPECT_EQ(save_messages(MESSAGE_FILE), -1);
+    EXPECT_FALSE(messages_on_disk()) << "what comes now stays on the SIM";
+    EXPECT_EQ(on_disk(), (Lines{"1 text"}));
+}
+
+TEST_F(MessageStore, TellsWhetherTheSimMayForget)
+{
+    add({});
+    EXPECT_EQ(save_messages(MESSAGE_FILE), 0);
+    EXPECT_TRUE(messages_on_disk());
+    set_message_refused(true);
+    EXPECT_FALSE(messages_on_disk());
+    set_message_refused(false);
+    fake_files.fail_at = fake_files.calls + 1;
+    fake_files.cut = true;
+    add({.sender = "2"});
+    EXPECT_EQ(save_messages(MESSAGE_FILE), -1);
+    EXPECT_FALSE(messages_on_disk());
+    fake_files.fail_at = 0;
+    delete_all_messages(); // the next save makes it good
+    EXPECT_TRUE(messages_on_disk());
+}
+
+TEST_F(MessageStore, MessagesArriveWhileAClientListsAndDeletes)
+{
+    constexpr int MESSAGES = 400;
+    std::atomic<bool> done{false};
+    std::thread modem([&] {
+        for (int i = 0; i < MESSAGES; i++) {
+            for (int index : {2, 1})
+                add({.text = "part", .sender = std::to_string(i), .index = index, .total = 2});
+            save_messages(MESSAGE_FILE);
+            (void)messages_on_disk();
+        }
+        done = true;
+    });
+    size_t deleted = 0;
+    while (!done) {
+        std::string listing = reply_of(handle_get_all_messages);
+        EXPECT_TRUE(listing.ends_with("\"result\":0}"));
+        reply_of(handle_read_message, R"({"index":1})");
+        bool there = reply_of(handle_get_message, R"({"index":3})") != R"({"result":-1})";
+        if (there)
+            reply_of(handle_delete_message, R"({"index":3})");
+        deleted += there;
+    }
+    modem.join();
+    // A message that was deleted between its parts comes back with the second one.
+    size_t left = stored().size();
+    EXPECT_GE(left + deleted, static_cast<size_t>(MESSAGES));
+    EXPECT_EQ(on_disk().size(), left);
+}

@@ -1,0 +1,189 @@
+#include <atomic>
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "celmux.h"
+#include "pool_queue.h"
+#include "waiting.h"
+
+namespace {
+
+struct QueueTest : testing::Test {
+    PoolQueue queue;
+
+    void make(uint32_t element_size, uint32_t capacity)
+    {
+        ASSERT_EQ(pool_queue_init(&queue, element_size, capacity), 0);
+    }
+    void TearDown() override
+    {
+        pool_queue_destroy(&queue);
+    }
+    void push(uint64_t value)
+    {
+        uint64_t *element = static_cast<uint64_t *>(pool_queue_alloc(&queue));
+        *element = value;
+        pool_queue_push(&queue, element);
+    }
+    uint64_t pop()
+    {
+        uint64_t *element = static_cast<uint64_t *>(pool_queue_pop(&queue));
+        uint64_t value = *element;
+        pool_queue_release(&queue, element);
+        return value;
+    }
+};
+
+TEST_F(QueueTest, RoundsCapacityAndElementSizeUp)
+{
+    make(4, 127);
+    EXPECT_EQ(queue.capacity, 128u);
+    EXPECT_EQ(queue.elem_size, 8u);
+    std::set<void *> elements;
+    while (void *element = pool_queue_try_alloc(&queue))
+        elements.insert(element);
+    EXPECT_EQ(elements.size(), 128u);
+    EXPECT_EQ(queue.free_count.load(), 0);
+    for (void *element : elements)
+        pool_queue_release(&queue, element);
+    EXPECT_EQ(queue.free_count.load(), 128);
+}
+
+TEST_F(QueueTest, KeepsOrderAcrossTheWrapOfItsCounters)
+{
+    make(8, 4);
+    for (std::atomic<uint32_t> *index : {&queue.alloc_index, &queue.release_index, &queue.push_index, &queue.pop_index})
+        index->store(UINT32_MAX - 3); // a multiple of the capacity, so the rings agree
+    for (uint64_t round = 0; round < 10; round++) {
+        push(round);
+        push(round + 100);
+        EXPECT_EQ(pop(), round);
+        EXPECT_EQ(pop(), round + 100);
+    }
+    EXPECT_EQ(pool_queue_try_pop(&queue), nullptr);
+    EXPECT_EQ(queue.msg_count.load(), 0);
+}
+
+TEST_F(QueueTest, TimedCallsEndWithoutAnElement)
+{
+    make(8, 1);
+    EXPECT_EQ(pool_queue_pop_for(&queue, 5), nullptr);
+    void *element = pool_queue_alloc_for(&queue, 5);
+    ASSERT_NE(element, nullptr);
+    EXPECT_EQ(pool_queue_alloc_for(&queue, 5), nullptr);
+    pool_queue_release(&queue, element);
+}
+
+TEST_F(QueueTest, ASleepingAllocatorGetsTheElementThatIsGivenBack)
+{
+    for (bool timed : {false, true}) {
+        make(8, 1);
+        void *only = pool_queue_alloc(&queue);
+        std::thread sleeper([&] {
+            void *element = timed ? pool_queue_alloc_for(&queue, 60000) : pool_queue_alloc(&queue);
+            EXPECT_EQ(element, only);
+            pool_queue_release(&queue, element);
+        });
+        while ((timed ? queue.free_event_waiters : queue.free_waiters).load() == 0)
+            std::this_thread::yield();
+        pool_queue_release(&queue, only);
+        sleeper.join();
+        pool_queue_destroy(&queue);
+    }
+    make(8, 1);
+}
+
+TEST_F(QueueTest, APushOrAWakeEndsATimedPopAtOnce)
+{
+    make(8, 2);
+    for (bool pushes : {true, false}) {
+        std::thread sleeper([&] {
+            void *element = pool_queue_pop_for(&queue, 60000);
+            EXPECT_EQ(element != nullptr, pushes);
+            if (element)
+                pool_queue_release(&queue, element);
+        });
+        while (queue.msg_event_waiters.load() == 0)
+            std::this_thread::yield();
+        if (pushes)
+            push(1);
+        else
+            pool_queue_wake(&queue);
+        sleeper.join();
+    }
+}
+
+// Several producers and consumers, blocking and timed, on a queue far smaller than the load: nothing lost, nothing twice, each
+// producer's elements in its order.
+TEST_F(QueueTest, LosesNothingUnderContention)
+{
+    constexpr int PRODUCERS = 3, CONSUMERS = 3;
+    constexpr uint64_t EACH = 3000;
+    make(8, 4);
+    std::vector<std::vector<uint64_t>> seen(CONSUMERS);
+    std::vector<std::thread> threads;
+    std::atomic<uint64_t> taken{0};
+    for (int p = 0; p < PRODUCERS; p++) {
+        threads.emplace_back([&, p] {
+            for (uint64_t i = 0; i < EACH; i++) {
+                void *element;
+                while (!(element = p == 0 ? pool_queue_alloc(&queue) : pool_queue_alloc_for(&queue, 50))) {
+                }
+                *static_cast<uint64_t *>(element) = static_cast<uint64_t>(p) << 32 | i;
+                pool_queue_push(&queue, element);
+            }
+        });
+    }
+    for (int c = 0; c < CONSUMERS; c++) {
+        threads.emplace_back([&, c] {
+            while (taken.load() < PRODUCERS * EACH) {
+                void *element = pool_queue_pop_for(&queue, 20);
+                if (!element)
+                    continue;
+                seen[static_cast<size_t>(c)].push_back(*static_cast<uint64_t *>(element));
+                pool_queue_release(&queue, element);
+                taken++;
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    std::set<uint64_t> all;
+    for (const auto &part : seen) {
+        std::vector<uint64_t> last(PRODUCERS, 0);
+        for (uint64_t value : part) {
+            all.insert(value);
+            EXPECT_GE(value & UINT32_MAX, last[value >> 32]);
+            last[value >> 32] = value & UINT32_MAX;
+        }
+    }
+    EXPECT_EQ(all.size(), PRODUCERS * EACH);
+    EXPECT_EQ(queue.free_count.load(), 4);
+    EXPECT_EQ(queue.free_waiters.load(), 0u);
+}
+
+TEST(Waiting, StoppingEndsEverySleep)
+{
+    for (PoolQueue *each : {&at_tx_queue, &at_rx_queue, &resp_queue, &incomming_sms_queue})
+        ASSERT_EQ(pool_queue_init(each, 8, 1), 0);
+    ASSERT_EQ(init_stop_event(), 0);
+    void *held = pool_queue_alloc(&at_tx_queue);
+    std::thread sleeper([] { EXPECT_FALSE(sleep_while_running(60000)); });
+    std::thread popper([] { EXPECT_EQ(pool_queue_pop_for(&resp_queue, 60000), nullptr); });
+    std::thread allocator([] { EXPECT_EQ(pool_queue_alloc_for(&at_tx_queue, 60000), nullptr); });
+    std::thread waiter([] {
+        std::atomic<uint8_t> *const flags[] = {&t_sender_ready};
+        EXPECT_FALSE(wait_ready(flags, 1));
+    });
+    while (resp_queue.msg_event_waiters.load() == 0 || at_tx_queue.free_event_waiters.load() == 0)
+        std::this_thread::yield();
+    stop_all();
+    for (std::thread *thread : {&sleeper, &popper, &allocator, &waiter})
+        thread->join();
+    pool_queue_release(&at_tx_queue, held);
+    running.store(1);
+}
+
+} // namespace

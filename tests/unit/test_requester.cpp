@@ -1,0 +1,341 @@
+#include "requester.h"
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "captured_log.h"
+#include "celmux.h"
+#include "config.h"
+#include "fake_clock.h"
+#include "fake_modem_link.h"
+#include "fake_port.h"
+#include "fake_shell.h"
+#include "fake_wanmd.h"
+#include "log.h"
+#include "message_store.h"
+#include "modem_init.h"
+#include "resp_processor.h"
+
+using Answer = FakeLink::Answer;
+using Strings = std::vector<std::string>;
+
+// What the requester needs of the units that it does not test: the message store, the response processor, the
+// initialisation.
+std::atomic<uint8_t> g_sms_sweep{0};
+static bool on_disk = true;
+static std::vector<int32_t> indexes_done;
+static int modem_runs, modem_result, pre_execute_runs, pre_execute_result;
+
+bool messages_on_disk()
+{
+    return on_disk;
+}
+
+void sms_index_done(int32_t index)
+{
+    indexes_done.push_back(index);
+}
+
+int set_modem()
+{
+    modem_runs++;
+    EXPECT_EQ(t_requester_ready.load(), 0);
+    return modem_result;
+}
+
+int handle_pre_execute_cmds()
+{
+    pre_execute_runs++;
+    return pre_execute_result;
+}
+
+class Requester : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake_link.reset();
+        fake_shell.reset();
+        fake_port.reset();
+        fake_clock.reset();
+        fake_wanmd.reset();
+        clear_log();
+        indexes_done.clear();
+        on_disk = true;
+        modem_runs = modem_result = pre_execute_runs = pre_execute_result = 0;
+        settings_g.requester_interval_s = 5;
+        for (auto *flag : {&g_connecting, &ip_family_updated, &g_scanning, &t_requester_ready, &g_sms_sweep})
+            flag->store(0);
+        for (auto *flag : {&running, &t_processor_ready, &t_listener_ready, &t_sender_ready})
+            flag->store(1);
+        g_ip_family.store(-1);
+        pool_queue_init(&incomming_sms_queue, sizeof(int32_t), 127);
+        state = requester_start();
+    }
+    void TearDown() override
+    {
+        pool_queue_destroy(&incomming_sms_queue);
+    }
+
+    static void announce(int32_t index)
+    {
+        void *element = pool_queue_try_alloc(&incomming_sms_queue);
+        memcpy(element, &index, sizeof index);
+        pool_queue_push(&incomming_sms_queue, element);
+    }
+
+    RequesterState state;
+};
+
+TEST_F(Requester, ModemIsInitialisedWhenItIsTheExpectedOne)
+{
+    fake_link.answer = [](const std::string &) {
+        return fake_link.sent.size() < 3 ? Answer() : ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""});
+    };
+    modem_result = -1;
+    fake_clock.on_sleep = [](uint32_t) { running.store(0); };
+    g_connecting.store(1); // the first pass sleeps, and is the last
+    requester(nullptr);
+    EXPECT_EQ(Strings(fake_link.sent.begin(), fake_link.sent.begin() + 3), Strings(3, "AT+CGMI?\r"));
+    EXPECT_EQ(fake_link.expected.front(), "+CGMI:");
+    EXPECT_EQ(modem_runs, 1);
+    EXPECT_EQ(log_count("set_modem failed", LOG_INFO), 1);
+    EXPECT_EQ(t_requester_ready.load(), 1);
+    EXPECT_EQ(log_count("requester thread exit gracefully", LOG_INFO), 1);
+    EXPECT_TRUE(fake_shell.commands.empty());
+}
+
+TEST_F(Requester, AnyOtherModemStopsTheDaemon)
+{
+    struct {
+        Answer answer;
+        size_t tries;
+        int logged;
+    } rows[] = {{ok_answer({"+CGMI: \"Quectel\""}), 1, 0}, {"\r\n+CME ERROR: 100\r\n", 1, 0}, {std::nullopt, 3, 1}};
+    for (const auto &row : rows) {
+        fake_link.reset();
+        fake_shell.reset();
+        fake_clock.reset();
+        clear_log();
+        fake_link.answer_always(row.answer);
+        requester(nullptr);
+        EXPECT_EQ(fake_link.sent, Strings(row.tries, "AT+CGMI?\r"));
+        EXPECT_EQ(log_count("AT+CGMI? failed", LOG_INFO), row.logged);
+        EXPECT_EQ(log_count("Quit celmuxd\n", -1), 1);
+        EXPECT_EQ(fake_shell.commands, Strings{"/etc/init.d/celmux stop &"});
+        EXPECT_EQ(fake_clock.sleeps, std::vector<uint32_t>{1000});
+    }
+    EXPECT_EQ(modem_runs, 0);
+    EXPECT_EQ(t_requester_ready.load(), 0);
+}
+
+TEST_F(Requester, AStopBeforeTheModemIsKnownStartsNothing)
+{
+    running.store(0);
+    t_sender_ready.store(0);
+    requester(nullptr);
+    EXPECT_TRUE(fake_link.sent.empty());
+    EXPECT_TRUE(fake_shell.commands.empty());
+    EXPECT_EQ(log_count("requester thread exit gracefully", LOG_INFO), 1);
+}
+
+TEST_F(Requester, RoutineRunsAtOnceAndThenAtEveryInterval)
+{
+    pre_execute_result = -1;
+    const int64_t start = fake_clock.now_ms;
+    while (fake_clock.now_ms <= start + 20000) {
+        pre_execute_result = fake_clock.now_ms < start + 8000 ? -1 : 0;
+        requester_pass(&state);
+    }
+    EXPECT_EQ(log_count("Doing routine", LOG_INFO), 4); // at 0, 5, 10 and 15 s, each time a little later than due
+    EXPECT_EQ(pre_execute_runs, 3);                     // until it succeeds
+    settings_g.requester_interval_s = 0;
+    clear_log();
+    const int64_t then = fake_clock.now_ms;
+    for (int i = 0; i < 10; i++)
+        requester_pass(&state);
+    EXPECT_GE(fake_clock.now_ms, then + 1000); // never spins
+}
+
+TEST_F(Requester, AddressesAreCheckedWhenTheFamilyIsSeenLate)
+{
+    constexpr const char *IPV4 = "/tmp/ipv4config0";
+    constexpr const char *IPV6 = "/tmp/ipv6config0";
+    struct {
+        int32_t family;
+        Strings files;
+        const char *message; // null: nothing to complain about
+        size_t recalls;
+    } rows[] = {
+        {0, {IPV4}, nullptr, 0},
+        {0, {IPV6}, "IPV4 ip incomplete, restarting wanmd", 1},
+        {2, {IPV6}, nullptr, 0},
+        {2, {IPV4}, "IPV6 ip incomplete, restarting wanmd", 1},
+        {3, {IPV4, IPV6}, nullptr, 0},
+        {3, {IPV6}, "IPV4V6 ip incomplete, restarting wanmd", 1},
+        {3, {IPV4}, "IPV4V6 ip incomplete, restarting wanmd", 1},
+        {3, {}, "IPV4V6 ip incomplete, restarting wanmd", 1},
+        {-1, {}, "IP family incorrect", 0},
+        {1, {IPV4, IPV6}, "IP family incorrect", 0},
+    };
+    for (int64_t seen_after_ms : {2000, 10000, 10001, 12000}) {
+        for (const auto &row : rows) {
+            const bool checked = seen_after_ms > 10000;
+            fake_port.reset();
+            fake_wanmd.reset();
+            clear_log();
+            for (const std::string &file : row.files)
+                fake_port.contents[file] = "";
+            g_ip_family.store(row.family);
+            begin_connect_watch();
+            EXPECT_EQ(g_connecting.load(), 1);
+            fake_clock.now_ms += seen_after_ms;
+            ip_family_updated.store(1);
+            requester_pass(&state);
+            EXPECT_EQ(g_connecting.load(), 0);
+            EXPECT_EQ(ip_family_updated.load(), 0);
+            EXPECT_EQ(fake_wanmd.notices, checked ? Strings(row.recalls, "re_call") : Strings{}) << row.family;
+            EXPECT_EQ(log_count("Checking if acquire ip successfully", LOG_DEBUG), checked);
+            EXPECT_EQ(log_count(row.message ? row.message : "ip"), checked) << row.family;
+            EXPECT_EQ(logged().size(), checked ? 1u + (row.message != nullptr) : 0u) << row.family;
+        }
+    }
+}
+
+TEST_F(Requester, FamilyIsAskedForOnceInEachAttempt)
+{
+    announce(1);
+    begin_connect_watch();
+    for (int i = 0; i < 5; i++)
+        requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings{"AT+CGDCONT?\r"});
+    EXPECT_EQ(fake_clock.sleeps, std::vector<uint32_t>(5, 1000));
+    EXPECT_EQ(log_count("Doing routine"), 0);
+    begin_connect_watch(); // a new attempt before the first has ended
+    requester_pass(&state);
+    requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings(2, "AT+CGDCONT?\r"));
+    ip_family_updated.store(1);
+    requester_pass(&state);
+    fake_link.reset();
+    begin_connect_watch();
+    requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings{"AT+CGDCONT?\r"});
+    EXPECT_TRUE(indexes_done.empty());
+}
+
+TEST_F(Requester, AnAttemptThatBeginsDuringTheCheckIsWatched)
+{
+    g_ip_family.store(0);
+    begin_connect_watch();
+    fake_clock.now_ms += 11000;
+    ip_family_updated.store(1);
+    fake_wanmd.on_notice = [](const std::string &) { begin_connect_watch(); };
+    requester_pass(&state);
+    EXPECT_EQ(g_connecting.load(), 1);
+    requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings{"AT+CGDCONT?\r"});
+}
+
+TEST_F(Requester, AContextThatIsNeverReportedIsNotWaitedForForEver)
+{
+    begin_connect_watch();
+    fake_link.enqueue_result = -1;
+    int passes = 0;
+    for (; g_connecting.load() && passes < 1000; passes++)
+        requester_pass(&state);
+    EXPECT_LT(passes, 1000);
+    EXPECT_EQ(log_count("no longer watched", LOG_ERR), 1);
+    announce(3);
+    requester_pass(&state);
+    EXPECT_EQ(indexes_done, std::vector<int32_t>{3});
+}
+
+TEST_F(Requester, AnAnnouncedMessageIsReadAndDeleted)
+{
+    const std::string read = "AT+CMGR=7\r";
+    const std::string erase = "AT+CMGD=7\r";
+    const Answer message = ok_answer({"+CMGR: 0,,29", "0791190000000000240C91190000000010000051109071830322"});
+    const Answer error = "\r\n+CMS ERROR: 321\r\n";
+    struct {
+        std::map<std::string, std::vector<Answer>> answers;
+        Strings sent;
+        const char *message;
+        size_t pauses; // of 100 ms
+    } rows[] = {
+        {{{read, {message}}}, {read, erase}, nullptr, 0},
+        {{{read, {error, std::nullopt, message}}}, {read, read, read, erase}, nullptr, 2},
+        {{{read, {error}}}, {read, read, read}, "read sms 7 failed\n", 3},
+        {{{read, {"\r\n+CMGR: 0,,29\r\n"}}}, {read, read, read}, "read sms 7 failed\n", 3},
+        {{{read, {message}}, {erase, {error, "\r\nOK\r\n"}}}, {read, erase, erase}, nullptr, 1},
+        {{{read, {message}}, {erase, {std::nullopt}}}, {read, erase, erase, erase}, "delete sms 7 failed\n", 3},
+    };
+    for (const auto &row : rows) {
+        fake_link.reset();
+        fake_clock.reset();
+        clear_log();
+        std::map<std::string, size_t> turns;
+        fake_link.answer = [&](const std::string &command) {
+            auto planned = row.answers.find(command);
+            if (planned == row.answers.end())
+                return Answer("\r\nOK\r\n");
+            const size_t turn = std::min(turns[command]++, planned->second.size() - 1);
+            return planned->second[turn];
+        };
+        announce(7);
+        requester_pass(&state);
+        EXPECT_EQ(fake_link.sent, row.sent);
+        EXPECT_EQ(fake_link.expected.front(), "+CMGR:");
+        EXPECT_EQ(static_cast<size_t>(std::count(fake_clock.sleeps.begin(), fake_clock.sleeps.end(), 100u)),
+                  row.pauses);
+        EXPECT_EQ(log_count("sms", LOG_ERR), row.message ? 1 : 0);
+        EXPECT_EQ(log_count(row.message ? row.message : "sms", LOG_ERR), row.message ? 1 : 0);
+    }
+    EXPECT_EQ(indexes_done, std::vector<int32_t>(6, 7));
+    EXPECT_EQ(pool_queue_try_pop(&incomming_sms_queue), nullptr);
+    for (int i = 0; i < 127; i++) // every element went back
+        EXPECT_NE(pool_queue_try_alloc(&incomming_sms_queue), nullptr);
+}
+
+TEST_F(Requester, AMessageThatIsNotOnDiskStaysOnTheSim)
+{
+    on_disk = false;
+    announce(4);
+    requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings{"AT+CMGR=4\r"});
+    EXPECT_EQ(log_count("message store not saved, sms 4 kept on SIM", LOG_ERR), 1);
+}
+
+TEST_F(Requester, OneMessageIsTakenInAPassAndNoneDuringAScan)
+{
+    announce(1);
+    announce(2);
+    g_scanning.store(1);
+    requester_pass(&state);
+    EXPECT_TRUE(indexes_done.empty());
+    g_scanning.store(0);
+    requester_pass(&state);
+    EXPECT_EQ(indexes_done, std::vector<int32_t>{1});
+    requester_pass(&state);
+    EXPECT_EQ(indexes_done, (std::vector<int32_t>{1, 2}));
+}
+
+TEST_F(Requester, TheSimIsListedWhenIndexesWereDroppedAndTheQueueIsEmpty)
+{
+    const std::string listing = "AT+CMGL=4\r";
+    g_sms_sweep.store(1);
+    announce(1);
+    requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, (Strings{"AT+CMGR=1\r", "AT+CMGD=1\r"}));
+    fake_link.reset();
+    fake_link.answer_in_turn({std::nullopt, "\r\nERROR\r\n", "\r\nOK\r\n"});
+    for (int i = 0; i < 5; i++)
+        requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings(3, listing));
+    EXPECT_EQ(fake_link.expected.front(), "");
+    EXPECT_EQ(fake_link.timeouts.front(), 10000u);
+    EXPECT_EQ(g_sms_sweep.load(), 0);
+}
