@@ -1,4 +1,5 @@
 #include "control_commands.h"
+#include "sms_submit.h"
 #include "state_json.h"
 
 namespace modemsim {
@@ -50,9 +51,17 @@ json messages_report(const SmsStore &messages, bool with_lists)
 json submissions_report(const Modem &modem)
 {
     json list = json::array();
-    for (const Submission &one : modem.submissions)
-        list.push_back(
-            {{"pdu", one.pdu}, {"length", one.length}, {"reference", one.reference}, {"result", one.result}});
+    for (const Submission &one : modem.submissions) {
+        json object = {{"pdu", one.pdu}, {"length", one.length}, {"reference", one.reference}, {"result", one.result}};
+        Submit message = decode_submit(one.pdu);
+        if (message.valid) {
+            object["to"] = message.to;
+            object["text"] = message.text;
+            if (message.parts > 1)
+                object.update({{"part", message.part}, {"parts", message.parts}, {"ref", message.reference}});
+        }
+        list.push_back(std::move(object));
+    }
     return list;
 }
 

@@ -220,6 +220,22 @@ std::optional<std::vector<uint8_t>> default_alphabet(std::string_view utf8)
     return septets;
 }
 
+std::vector<uint32_t> default_alphabet_points(const std::vector<uint8_t> &septets)
+{
+    std::vector<uint32_t> points;
+    for (size_t i = 0; i < septets.size(); i++) {
+        if (septets[i] != escape || i + 1 == septets.size()) {
+            points.push_back(septets[i] == escape ? ' ' : basic.at(septets[i]));
+            continue;
+        }
+        uint8_t extended = septets[++i];
+        auto found = std::find_if(std::begin(extension), std::end(extension),
+                                  [extended](const auto &row) { return row.second == extended; });
+        points.push_back(found == std::end(extension) ? ' ' : found->first);
+    }
+    return points;
+}
+
 std::vector<uint8_t> pack_septets(const std::vector<uint8_t> &septets, unsigned fill)
 {
     std::vector<uint8_t> octets((septets.size() * 7 + fill + 7) / 8);

@@ -28,6 +28,9 @@ std::vector<std::string> deliver_pdus(const Deliver &message);
 /// character is in neither.
 std::optional<std::vector<uint8_t>> default_alphabet(std::string_view utf8);
 
+/// The other way: the Unicode code points of septets in the default alphabet. An unknown escape becomes a blank.
+std::vector<uint32_t> default_alphabet_points(const std::vector<uint8_t> &septets);
+
 /// Septets packed into octets behind `fill` unused bits (3GPP TS 23.038 6.1.2.1).
 std::vector<uint8_t> pack_septets(const std::vector<uint8_t> &septets, unsigned fill);
 

@@ -202,6 +202,8 @@ try {
         else if (key != "kind")
             throw std::invalid_argument(fmt::format("a trouble has no \"{}\"", key));
     }
+    if (rule.stage == Stage::prompt && rule.command.empty())
+        rule.command = "AT+CMGS"; // no other command has a prompt, and none is to be counted
     return rule;
 } catch (const json::exception &error) {
     throw std::invalid_argument(error.what());

@@ -12,8 +12,10 @@
 #include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
+#include "link_step.h"
 #include "log.h"
 #include "port.h"
+#include "resp_processor.h"
 #include "waiting.h"
 
 constexpr uint32_t GROWTH = 1024;
@@ -86,10 +88,31 @@ static bool port_gone(int fd)
     return !file_exists(settings_g.port) || !port_is_same(fd, settings_g.port);
 }
 
+// Behind a chunk: waits as long as the silence that ends a burst. True when reading is to go on.
+static bool burst_goes_on(int fd, const Assembly *assembly, bool chunk_full)
+{
+    uint32_t gap = settings_g.burst_gap_ms;
+    bool serial = settings_g.port_type == PORT_SERIAL;
+    if (gap > 0)
+        usleep(CHUNK_PAUSE_US);
+    if (gap <= 1) {
+        short events;
+        return serial || (chunk_full && wait_readable(fd, &events));
+    }
+    pollfd in = {fd, POLLIN, 0};
+    if (poll(&in, 1, 0) == 1)
+        return true;
+    if (assembly->text && ends_with_result(assembly->text))
+        return false;
+    if (poll(&in, 1, static_cast<int>(gap - 1)) == 1)
+        return true;
+    link_statistics.gap_bursts.fetch_add(1);
+    return false;
+}
+
 // Reads until the burst is complete and pushes it. `fruitless` counts the reads in a row that found nothing.
 static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
 {
-    bool serial = settings_g.port_type == PORT_SERIAL;
     uint32_t total = 0;
     char chunk[CHUNK_SIZE + 1];
     for (;;) {
@@ -99,15 +122,12 @@ static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
             total += static_cast<uint32_t>(got);
             CELMUX_LOG(LOG_INFO, "BUF: %s", "at_listener", Masked(chunk).text);
             (void)append_resp(assembly, chunk); // logged there; the burst goes on without the chunk
-            usleep(CHUNK_PAUSE_US);
             if (assembly->length >= ASSEMBLY_LIMIT)
                 message_enqueue(assembly);
+            bool goes_on = burst_goes_on(fd, assembly, got == CHUNK_SIZE);
             if (!running.load())
                 return Reading::stopped;
-            short events;
-            if (!serial && got == CHUNK_SIZE && !wait_readable(fd, &events))
-                return Reading::stopped;
-            if (serial || got == CHUNK_SIZE)
+            if (goes_on)
                 continue;
         } else if (got == 0) {
             CELMUX_LOG(LOG_INFO, "read timeout", "at_listener");
@@ -161,6 +181,7 @@ void *at_listener(void *)
         if (!lost)
             break;
         fd = reopen_lost_port(&settings_g, O_RDONLY, __func__);
+        link_out_of_step(LinkFault::restarted);
     }
     free(assembly.text);
     log_info("%s thread exit gracefully", __func__);

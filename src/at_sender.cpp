@@ -12,6 +12,7 @@
 #include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
+#include "link_step.h"
 #include "log.h"
 #include "port.h"
 #include "request.h"
@@ -101,6 +102,7 @@ void *at_sender(void *)
         if (!lost)
             break;
         end_scan(); // a modem that went away has forgotten it
+        link_out_of_step(LinkFault::restarted);
         fd = reopen_lost_port(&settings_g, O_WRONLY, __func__);
     }
     log_info("%s thread exit gracefully", __func__);

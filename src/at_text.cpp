@@ -18,7 +18,8 @@ void at_append(AtCommand *command, std::string_view literal)
         command->fault = FAULT_TOO_LONG;
         return;
     }
-    memcpy(command->text + command->length, literal.data(), literal.size());
+    if (!literal.empty())
+        memcpy(command->text + command->length, literal.data(), literal.size());
     command->length = static_cast<uint16_t>(command->length + literal.size());
     command->text[command->length] = '\0';
 }

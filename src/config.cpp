@@ -15,9 +15,10 @@
 #include "log.h"
 #include "port.h"
 
+constexpr uint32_t BURST_GAP_MAX_MS = 1000;
 constexpr long CONFIG_SIZE_MAX = 1 << 20; // a configuration is a page; a megabyte is something else
 
-Settings settings_g = {nullptr, PORT_SERIAL, 115200, 8, 0, 0, 0, 5};
+Settings settings_g = {nullptr, PORT_SERIAL, 115200, 8, 0, 0, 0, 5, 1};
 cJSON *json_g;
 PreExecuteCmd *pre_execute_cmd_list;
 uint32_t pre_execute_cmd_list_len;
@@ -154,6 +155,11 @@ int parse_settings()
     if (settings_g.port_type == PORT_SERIAL && parse_serial(settings) == -1)
         return -1;
     read_number(settings, "requester_interval_s", &settings_g.requester_interval_s);
+    read_number(settings, "burst_gap_ms", &settings_g.burst_gap_ms);
+    if (settings_g.burst_gap_ms > BURST_GAP_MAX_MS) {
+        log_error("burst_gap_ms above %u, taken as %u", BURST_GAP_MAX_MS, BURST_GAP_MAX_MS);
+        settings_g.burst_gap_ms = BURST_GAP_MAX_MS;
+    }
     return 0;
 }
 

@@ -17,6 +17,7 @@ struct Settings {
     uint32_t serial_parity;         // 0 none, 1 even, 2 odd, 3 mark, 4 space
     uint32_t serial_flowcontrol;    // 0 none, 1 software, 2 hardware
     uint32_t requester_interval_s;  // routine interval in seconds
+    uint32_t burst_gap_ms;          // so much silence ends a burst of input, 0 to 1000
 };
 
 struct PreExecuteCmd {

@@ -32,6 +32,8 @@ struct Block {
     bool answers_read; // a "+CMGR:" line was there
     bool listed;       // a message behind "+CMGL:" was decoded
     bool pass_on;      // the block is for the sender of a message
+    bool whole;        // it ends with "OK"
+    bool torn;         // it begins in the middle of a PDU
 };
 
 static void sim_ready(std::string_view)
@@ -216,9 +218,16 @@ static void message_line(Block *block, std::string_view line)
     }
 }
 
+static bool is_pdu_text(std::string_view line)
+{
+    return line.size() > 8 && line.find_first_not_of("0123456789ABCDEFabcdef") == std::string_view::npos;
+}
+
 static void other_line(Block *block, std::string_view line)
 {
     Expectation expectation = block->expectation;
+    block->whole = line == "OK";
+    block->torn = block->torn || (expectation == Expectation::none && is_pdu_text(line));
     if (expectation == Expectation::delivered)
         (void)at_enqueue_nowait("AT+CNMA\r", 0); // not repeated; a refusal is logged there
     if (expectation == Expectation::listed || expectation == Expectation::read)
@@ -236,10 +245,15 @@ static void finish_block(const Block *block)
         set_message_unread();
     if (!block->listed)
         return;
-    if (saved && !block->refused)
-        (void)at_enqueue_nowait("AT+CMGD=0,3\r", 0); // not repeated; a refusal is logged there
-    else
+    if (!saved || block->refused) {
         log_error("messages not saved, they stay on the SIM");
+    } else if (block->torn || !block->whole) {
+        // A listing that came in pieces: what stood at the cut is not in the store, so all of it is listed again.
+        log_error("listing of messages is not whole, they stay on the SIM");
+        g_sms_sweep.store(1);
+    } else {
+        (void)at_enqueue_nowait("AT+CMGD=0,3\r", 0); // not repeated; a refusal is logged there
+    }
 }
 
 void handle_indications(TextElem *element)

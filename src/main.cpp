@@ -135,6 +135,7 @@ int main()
     stop_all();
     join_workers();
     log_info("%s thread exit gracefully", "main");
+    free_results();
     free_configuration();
     return 0;
 }

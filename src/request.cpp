@@ -8,6 +8,7 @@
 
 #include "at_mask.h"
 #include "celmux.h"
+#include "link_step.h"
 #include "log.h"
 #include "waiting.h"
 
@@ -51,7 +52,7 @@ static bool copy_command(TextElem *element, const char *command, int append_cr)
     return true;
 }
 
-static int enqueue(const char *command, int append_cr, uint32_t patience_ms)
+int queue_command(const char *command, int append_cr, uint32_t patience_ms)
 {
     if (scan_runs()) {
         CELMUX_LOG(LOG_INFO, "modem busy", "at_enqueue");
@@ -82,14 +83,22 @@ static int enqueue(const char *command, int append_cr, uint32_t patience_ms)
     return 0;
 }
 
+static int enqueue_unawaited(const char *command, int append_cr, uint32_t patience_ms)
+{
+    if (queue_command(command, append_cr, patience_ms) == -1)
+        return -1;
+    link_command_queued(false);
+    return 0;
+}
+
 int at_enqueue(const char *command, int append_cr)
 {
-    return enqueue(command, append_cr, ALLOC_PATIENCE_MS);
+    return enqueue_unawaited(command, append_cr, ALLOC_PATIENCE_MS);
 }
 
 int at_enqueue_nowait(const char *command, int append_cr)
 {
-    return enqueue(command, append_cr, 0);
+    return enqueue_unawaited(command, append_cr, 0);
 }
 
 int flush_response()
@@ -111,9 +120,8 @@ static bool acceptable(const char *text, const char *expected)
     return strstr(text, "ERROR") || !expected || strstr(text, expected);
 }
 
-int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
+static int wait_until(char **answer, const char *expected, int64_t deadline)
 {
-    int64_t deadline = monotonic_ms() + timeout_ms;
     *answer = nullptr;
     while (running.load()) {
         int64_t left = deadline - monotonic_ms();
@@ -122,7 +130,7 @@ int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
         if (!element) {
             if (left > 0)
                 continue;
-            log_debug("wait_for_response timeout\n");
+            CELMUX_LOG(LOG_DEBUG, "wait_for_response timeout\n", "wait_for_response");
             return -1;
         }
         char *text = element->text;
@@ -135,6 +143,11 @@ int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
         free(text);
     }
     return 0;
+}
+
+int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
+{
+    return wait_until(answer, expected, monotonic_ms() + timeout_ms);
 }
 
 // 0, or the error number of the wait. Whole seconds, on the realtime clock.
@@ -151,6 +164,22 @@ static uint32_t bounded_timeout(uint32_t timeout_ms)
     return timeout_ms < TIMEOUT_MAX_MS ? timeout_ms : TIMEOUT_MAX_MS;
 }
 
+// One exchange with request_mutex held: in step, nothing stale, the command, its answer.
+static int exchange(const char *command, char **answer, const char *expected, int append_cr, int64_t deadline)
+{
+    if (!link_get_in_step(deadline))
+        return running.load() ? -1 : 0;
+    while (flush_response() == 0) {
+    }
+    if (queue_command(command, append_cr, ALLOC_PATIENCE_MS) == -1)
+        return -1;
+    link_command_queued(true);
+    int result = wait_until(answer, expected, deadline);
+    if (result == -1)
+        link_out_of_step(LinkFault::timeout);
+    return result;
+}
+
 int request(const char *command, char **answer, const char *expected, int append_cr, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
@@ -159,15 +188,11 @@ int request(const char *command, char **answer, const char *expected, int append
         log_info("acquire request mutex failed with error %d", error);
         return error;
     }
-    while (flush_response() == 0) {
-    }
     char *text = nullptr;
-    int result = at_enqueue(command, append_cr);
-    if (result == 0)
-        result = wait_for_response(&text, expected, timeout_ms);
+    int result = exchange(command, &text, expected, append_cr, monotonic_ms() + timeout_ms);
+    pthread_mutex_unlock(&request_mutex);
     if (result == 0)
         *answer = text;
-    pthread_mutex_unlock(&request_mutex);
     return result;
 }
 
@@ -192,17 +217,24 @@ static int send_pdu(const char *pdu, int length, uint32_t timeout_ms)
     char command[24];
     snprintf(command, sizeof command, "AT+CMGS=%d\r", length);
     char *answer = nullptr;
-    if (at_enqueue(command, 0) == -1 || wait_for_response(&answer, ">", timeout_ms) == -1 || !running.load()) {
+    if (queue_command(command, 0, ALLOC_PATIENCE_MS) == -1)
+        return -1;
+    link_command_queued(true);
+    if (wait_for_response(&answer, ">", timeout_ms) == -1 || !running.load()) {
         free(answer);
+        link_out_of_step(LinkFault::prompt);
         return -1;
     }
     free(answer);
-    if (at_enqueue(pdu, 0) == -1 || at_enqueue("\x1a", 0) == -1)
+    if (queue_command(pdu, 0, ALLOC_PATIENCE_MS) == -1 || queue_command("\x1a", 0, ALLOC_PATIENCE_MS) == -1) {
+        link_out_of_step(LinkFault::prompt);
         return -1;
+    }
     answer = nullptr;
-    int result = wait_for_response(&answer, "+CMGS:", timeout_ms);
-    if (result != 0 || !answer)
+    if (wait_for_response(&answer, "+CMGS:", timeout_ms) == -1 || !answer) {
+        link_out_of_step(LinkFault::prompt);
         return -1;
+    }
     bool sent = strstr(answer, "OK");
     free(answer);
     if (sent) {
@@ -210,13 +242,13 @@ static int send_pdu(const char *pdu, int length, uint32_t timeout_ms)
         return 0;
     }
     answer = nullptr;
-    result = wait_for_response(&answer, "OK", timeout_ms);
-    if (result == -1)
-        CELMUX_LOG(LOG_DEBUG, "send message result fail\n", "send_message_request");
-    if (!answer)
-        result = -1;
+    sent = wait_for_response(&answer, "OK", timeout_ms) == 0 && answer && !strstr(answer, "ERROR");
     free(answer);
-    return result;
+    if (sent)
+        return 0;
+    CELMUX_LOG(LOG_DEBUG, "send message result fail\n", "send_message_request");
+    link_out_of_step(LinkFault::prompt);
+    return -1;
 }
 
 int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
@@ -228,10 +260,11 @@ int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
         return error;
     }
     log_debug("start flush while\n");
+    bool in_step = link_get_in_step(monotonic_ms() + timeout_ms);
     while (flush_response() == 0) {
     }
     log_debug("stop flush while\n");
-    int result = send_pdu(pdu, length, timeout_ms);
+    int result = in_step ? send_pdu(pdu, length, timeout_ms) : -1;
     log_debug("exit thread\n");
     pthread_mutex_unlock(&request_mutex);
     return result;

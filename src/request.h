@@ -15,6 +15,10 @@ constexpr char SCAN_COMMAND[] = "AT+COPS=?\r";
 // The scan is over, or its answer can no longer come.
 void end_scan();
 
+// The one way into at_tx_queue: queues a command, waiting up to `patience_ms` for room. 0, or -1 after a log line. Whether an answer to it is
+// owed is the caller's to say (link_step.h).
+int queue_command(const char *command, int append_cr, uint32_t patience_ms);
+
 // Queues a command without waiting for an answer. 0, or -1 (a scan runs, the queue stays full, no memory), logged.
 int at_enqueue(const char *command, int append_cr);
 // The same for the response processor, which never waits: a full queue refuses at once.

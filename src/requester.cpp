@@ -8,6 +8,7 @@
 #include "at_text.h"
 #include "celmux.h"
 #include "config.h"
+#include "link_step.h"
 #include "log.h"
 #include "message_store.h"
 #include "modem_init.h"
@@ -19,7 +20,8 @@
 #include "wanmd.h"
 
 constexpr int TRIES = 3;
-constexpr uint32_t PASS_MS = 1000; // also the longest that a stop or a connection attempt can go unnoticed
+constexpr uint32_t PASS_MS = 1000;
+constexpr uint32_t IDLE_CEILING_MS = 60000; // a message, a connection attempt and a stop wake the thread at once
 constexpr uint32_t SHORT_PAUSE_MS = 100;
 constexpr int64_t ADDRESS_CHECK_MS = 10000;
 constexpr int64_t WATCH_LIMIT_MS = 120000; // a context that is never reported must not keep messages unread for ever
@@ -142,7 +144,9 @@ static void run_routine(RequesterState *state)
         return;
     state->routine_ran = true;
     state->last_routine = monotonic_now();
+    state->may_sweep = true;
     log_info("Doing routine");
+    log_link_statistics();
     if (state->pre_execute_pending)
         state->pre_execute_pending = handle_pre_execute_cmds() != 0;
 }
@@ -178,13 +182,15 @@ static void read_announced_sms(int32_t index)
 
 // Indexes were dropped because the queue was full: has the modem list what the SIM still holds. The indication handler
 // stores and deletes what is listed.
-static void sweep_sim()
+static void sweep_sim(RequesterState *state)
 {
     constexpr uint32_t LISTING_MS = 10000;
     AtAnswer answer;
     g_sms_sweep.store(0);
-    if (request("AT+CMGL=4\r", &answer.text, nullptr, 0, LISTING_MS) != 0 || !answer.usable())
-        g_sms_sweep.store(1); // tried again in a later pass
+    if (request("AT+CMGL=4\r", &answer.text, nullptr, 0, LISTING_MS) != 0 || !answer.usable()) {
+        g_sms_sweep.store(1);
+        state->may_sweep = false;
+    }
 }
 
 static uint32_t idle_wait_ms(const RequesterState *state)
@@ -192,7 +198,7 @@ static uint32_t idle_wait_ms(const RequesterState *state)
     int64_t left = routine_interval_ms() - elapsed_ns(state->last_routine) / NS_PER_MS + 1;
     if (left < SHORT_PAUSE_MS)
         return SHORT_PAUSE_MS;
-    return left < PASS_MS ? static_cast<uint32_t>(left) : PASS_MS;
+    return left < IDLE_CEILING_MS ? static_cast<uint32_t>(left) : IDLE_CEILING_MS;
 }
 
 static void serve_messages(RequesterState *state)
@@ -204,8 +210,8 @@ static void serve_messages(RequesterState *state)
         return;
     }
     void *element = pool_queue_try_pop(&incomming_sms_queue);
-    if (!element && g_sms_sweep.load())
-        sweep_sim();
+    if (!element && state->may_sweep && g_sms_sweep.load())
+        sweep_sim(state);
     if (!element)
         element = pool_queue_pop_for(&incomming_sms_queue, idle_wait_ms(state));
     if (!element)
@@ -220,7 +226,7 @@ static void serve_messages(RequesterState *state)
 
 RequesterState requester_start()
 {
-    return {{}, false, true, true, 0};
+    return {{}, false, true, true, 0, true};
 }
 
 void requester_pass(RequesterState *state)

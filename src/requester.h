@@ -18,6 +18,7 @@ struct RequesterState {
     bool pre_execute_pending;
     bool arrange;     // the IP family has not been asked for in this attempt
     uint32_t attempt; // the connection attempt that is being watched
+    bool may_sweep;   // a listing of the SIM that failed is tried again after the next routine
 };
 
 RequesterState requester_start();

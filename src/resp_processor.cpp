@@ -6,8 +6,10 @@
 #include <cstring>
 
 #include "at_mask.h"
+#include "at_text.h"
 #include "config.h"
 #include "indications.h"
+#include "link_step.h"
 #include "log.h"
 #include "waiting.h"
 
@@ -16,6 +18,8 @@ constexpr int64_t NO_INDEX = 0;
 constexpr unsigned PENDING_MAX = 128; // as many as incomming_sms_queue holds
 
 std::atomic<uint8_t> g_sms_sweep{0};
+// Written once, when the thread starts; the listener reads it as well, so it is freed after both have ended.
+static std::atomic<ExpectedResults *> shared_results{nullptr};
 // Indexes that wait in incomming_sms_queue, each plus 1: filled by this thread, emptied by the requester.
 static std::atomic<int64_t> pending_indexes[PENDING_MAX];
 
@@ -98,8 +102,37 @@ static const char *matching_result(const ExpectedResults *expected, const char *
     return nullptr;
 }
 
+bool ends_with_result(const char *text)
+{
+    const char *line = last_line(text);
+    return strncmp(line, "> ", 2) == 0 || (strchr(line, '\n') && matching_result(shared_results.load(), line));
+}
+
+// How many commands the burst answers.
+static unsigned count_results(const char *text, const ExpectedResults *expected)
+{
+    unsigned count = 0;
+    std::string_view rest = text, line;
+    while (next_line(&rest, &line))
+        count += matching_result(expected, line.data()) != nullptr;
+    return count;
+}
+
+// A modem that says so after a silence has restarted, and answers nothing that it was asked before.
+static void watch_for_restart(const char *text)
+{
+    constexpr int64_t SILENCE_MS = 3000;
+    static int64_t last_burst; // only this thread
+    int64_t now = monotonic_ms();
+    if (now - last_burst > SILENCE_MS && strstr(text, "+SIM READY"))
+        link_out_of_step(LinkFault::restarted);
+    last_burst = now;
+}
+
 static void process_burst(TextElem *burst, const ExpectedResults *expected)
 {
+    watch_for_restart(burst->text);
+    link_answers_arrived(count_results(burst->text, expected));
     const char *result = matching_result(expected, last_line(burst->text));
     if (!result) {
         CELMUX_LOG(LOG_INFO, "Unsolicited message: %s", "resp_processor", Masked(burst->text).text);
@@ -116,11 +149,17 @@ static void process_burst(TextElem *burst, const ExpectedResults *expected)
         (void)resp_enqueue(burst); // a failure is logged there and leaves nothing to free
 }
 
+void free_results()
+{
+    free_expected_results(shared_results.exchange(nullptr));
+}
+
 void *resp_processor(void *)
 {
     ExpectedResults *expected = nullptr;
     if (load_expected_results(&expected) == 0)
         log_info("load expected results ok");
+    shared_results.store(expected);
     set_ready(&t_processor_ready);
     while (running.load()) {
         TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, IDLE_MS));
@@ -129,7 +168,6 @@ void *resp_processor(void *)
         process_burst(burst, expected);
         pool_queue_release(&at_rx_queue, burst);
     }
-    free_expected_results(expected);
     log_info("%s thread exit gracefully", __func__);
     return nullptr;
 }

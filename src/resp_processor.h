@@ -10,8 +10,14 @@
 // Thread function.
 void *resp_processor(void *);
 
+// Frees the list of final results; after listener and response processor have ended.
+void free_results();
+
 // The last line of a burst, with its line end: the text behind the last "\n" that is followed by another character.
 const char *last_line(const char *text);
+
+// Does the text end with a whole line that begins with a configured final result, or with the prompt? Any thread.
+bool ends_with_result(const char *text);
 
 // Passes an answer on to the waiting request; takes the text over. When the queue is full its oldest answer makes room.
 // 0, or -1 after a log line (the text is freed then). Only the response processor's thread.

@@ -91,19 +91,20 @@ static void handle_signal(int sig, siginfo_t *, void *)
 
 static bool take_stop_signal()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
-    if (pthread_sigmask(SIG_UNBLOCK, &set, nullptr) != 0) {
-        CELMUX_LOG(LOG_ERR, "pthread_sigmask failed", "ubus_handler");
-        return false;
-    }
+    // The handler first: a stop may have come before this thread, and its signal waits to be unblocked.
     struct sigaction action = {};
     action.sa_sigaction = handle_signal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_SIGINFO;
     if (sigaction(SIGUSR1, &action, nullptr) == -1) {
         CELMUX_LOG(LOG_ERR, "sigaction failed", "ubus_handler");
+        return false;
+    }
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    if (pthread_sigmask(SIG_UNBLOCK, &set, nullptr) != 0) {
+        CELMUX_LOG(LOG_ERR, "pthread_sigmask failed", "ubus_handler");
         return false;
     }
     return true;

@@ -87,3 +87,19 @@ int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
 void end_scan()
 {
 }
+
+int queue_command(const char *command, int append_cr, uint32_t)
+{
+    return at_enqueue(command, append_cr);
+}
+
+int wait_for_response(char **answer, const char *, uint32_t)
+{
+    *answer = nullptr;
+    return -1;
+}
+
+int flush_response()
+{
+    return -1;
+}

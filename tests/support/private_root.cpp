@@ -66,7 +66,8 @@ static void wait_for_begin(int fd)
     }
 }
 
-Process PrivateRoot::start(const std::vector<std::string> &argv, const std::vector<std::string> &env)
+Process PrivateRoot::start(const std::vector<std::string> &argv, const std::vector<std::string> &env,
+                           int blocked_signal)
 {
     int begin[2];
     if (pipe2(begin, O_CLOEXEC) != 0) {
@@ -78,6 +79,7 @@ Process PrivateRoot::start(const std::vector<std::string> &argv, const std::vect
     ProcessOptions options = options_for(argv.at(0));
     options.env = env;
     options.inherited_fd = begin[1];
+    options.blocked_signal = blocked_signal;
     Process process = Process::start(launched, options);
     (void)close(begin[1]);
     wait_for_begin(begin[0]);

@@ -24,8 +24,9 @@ public:
 
     // Starts argv in the root (found by the root's PATH) and returns once it has begun: its pid, its signals and its
     // exit status are the process's own. 127 and 126 are the exit statuses of a command that is missing or cannot be
-    // run.
-    Process start(const std::vector<std::string> &argv, const std::vector<std::string> &env = {});
+    // run. `blocked_signal` begins blocked, see ProcessOptions.
+    Process start(const std::vector<std::string> &argv, const std::vector<std::string> &env = {},
+                  int blocked_signal = 0);
 
     // Runs a command line with the root's /bin/sh and waits for it up to `limit`.
     ShellResult shell(const std::string &command, std::chrono::milliseconds limit = patience);

@@ -53,6 +53,7 @@ struct ChildPlan {
     const char *error_path;
     const char *working_folder;
     int inherited_fd;
+    int blocked_signal;
     pid_t parent;
 };
 
@@ -64,12 +65,15 @@ static bool redirect(const char *path, int flags, int fd)
 
 [[noreturn]] static void become(const ChildPlan &plan)
 {
-    sigset_t none;
-    sigemptyset(&none);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    if (plan.blocked_signal != 0) {
+        sigaddset(&blocked, plan.blocked_signal);
+    }
     for (int number = 1; number < NSIG; number++) {
         (void)signal(number, SIG_DFL); // SIGKILL and SIGSTOP refuse
     }
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)sigprocmask(SIG_SETMASK, &blocked, nullptr);
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int written = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
     bool ready = getppid() == plan.parent && redirect("/dev/null", O_RDONLY, STDIN_FILENO) &&
@@ -96,6 +100,7 @@ Process Process::start(const std::vector<std::string> &argv, const ProcessOption
         options.error_path.empty() ? nowhere : options.error_path.c_str(),
         options.working_folder.c_str(),
         options.inherited_fd,
+        options.blocked_signal,
         getpid(),
     };
     Process process;

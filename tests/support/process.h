@@ -21,6 +21,7 @@ struct ProcessOptions {
     std::string working_folder;   // empty: the test's own
     std::vector<std::string> env; // NAME=value, added to the test's own
     int inherited_fd = -1;        // a descriptor that stays open in the process
+    int blocked_signal = 0;       // a signal that begins blocked, so that one sent early waits for the program
 };
 
 // Moves with its process; the last owner kills and reaps what still runs. The process also dies with the thread that

@@ -85,3 +85,9 @@ bool SyslogSink::contains(const std::string &text) const
     }
     return false;
 }
+
+void SyslogSink::forget()
+{
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+}

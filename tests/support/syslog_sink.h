@@ -17,6 +17,8 @@ public:
     // The messages so far, in order, as sent: "<priority>date tag: text".
     std::vector<std::string> lines() const;
     bool contains(const std::string &text) const;
+    // Drops the messages so far: a long run need not hold them.
+    void forget();
 
 private:
     // A sender blocks once a few messages wait, so they are taken off the socket by a thread.

@@ -13,7 +13,7 @@ struct ConfigTest : testing::Test {
     void SetUp() override
     {
         clear_log();
-        settings_g = {nullptr, PORT_SERIAL, 115200, 8, 0, 0, 0, 5};
+        settings_g = {nullptr, PORT_SERIAL, 115200, 8, 0, 0, 0, 5, 1};
     }
     void TearDown() override
     {
@@ -62,7 +62,7 @@ TEST_F(ConfigTest, WithoutSettingsTheDefaultsStay)
 TEST_F(ConfigTest, ReadsEverySerialKey)
 {
     ASSERT_EQ(read(R"({"Settings": {"Port": "/dev/x", "TYPE": "SERIAL", "serial_speed": 9600.9, "serial_databits": 7,
-        "serial_stopbits": "1.5", "serial_parity": "Odd", "serial_flowcontrol": "HARDWARE", "requester_interval_s": 60}})"),
+        "serial_stopbits": "1.5", "serial_parity": "Odd", "serial_flowcontrol": "HARDWARE", "requester_interval_s": 60, "burst_gap_ms": 2000}})"),
               0);
     ASSERT_EQ(parse_settings(), 0);
     EXPECT_STREQ(settings_g.port, "/dev/x");
@@ -72,6 +72,8 @@ TEST_F(ConfigTest, ReadsEverySerialKey)
     EXPECT_EQ(settings_g.serial_parity, 2u);
     EXPECT_EQ(settings_g.serial_flowcontrol, 2u);
     EXPECT_EQ(settings_g.requester_interval_s, 60u);
+    EXPECT_EQ(settings_g.burst_gap_ms, 1000u);
+    EXPECT_EQ(log_count("burst_gap_ms above 1000", 3), 1);
 }
 
 TEST_F(ConfigTest, NumbersOutsideTheirRangeSaturateAndWrongTypesAreIgnored)

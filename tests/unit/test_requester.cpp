@@ -332,7 +332,11 @@ TEST_F(Requester, TheSimIsListedWhenIndexesWereDroppedAndTheQueueIsEmpty)
     EXPECT_EQ(fake_link.sent, (Strings{"AT+CMGR=1\r", "AT+CMGD=1\r"}));
     fake_link.reset();
     fake_link.answer_in_turn({std::nullopt, "\r\nERROR\r\n", "\r\nOK\r\n"});
-    for (int i = 0; i < 5; i++)
+    const int64_t then = fake_clock.now_ms;
+    requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings(1, listing)); // not again before the next routine
+    EXPECT_GE(fake_clock.now_ms, then + 1000);
+    for (int i = 0; i < 15; i++)
         requester_pass(&state);
     EXPECT_EQ(fake_link.sent, Strings(3, listing));
     EXPECT_EQ(fake_link.expected.front(), "");

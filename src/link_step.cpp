@@ -1,0 +1,212 @@
+#include "link_step.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "at_mask.h"
+#include "celmux.h"
+#include "log.h"
+#include "request.h"
+#include "waiting.h"
+
+constexpr char MARK[] = "AT+CGMI?\r";
+constexpr char MARK_ECHO[] = "AT+CGMI?";
+constexpr char MARK_ANSWER[] = "+CGMI:";
+constexpr char ESCAPE[] = "\x1b\r";          // leaves the prompt; the line end ends what a modem without prompt took for a command
+constexpr int64_t MARK_RENEWAL_MS = 15000;   // a mark without an answer for so long is lost
+constexpr int64_t OWED_LIMIT_MS = 10000;     // a command that nobody waits for has been answered by then, or never is
+constexpr int64_t OWED_PATIENCE_MS = 200;    // most such answers are just about to come
+constexpr int64_t QUIET_MS = 300;            // after the answer of one of several marks
+constexpr uint32_t MARK_PATIENCE_MS = 1000;  // for room in the sender's queue
+
+LinkStatistics link_statistics;
+
+static std::atomic<int32_t> unanswered{0};       // commands queued less final results seen
+static std::atomic<int64_t> last_unawaited{0};   // monotonic ms; 0 none yet
+static std::atomic<uint8_t> out_of_step{0};
+static std::atomic<uint8_t> escape_wanted{0};    // the modem may sit at the prompt
+static std::atomic<uint8_t> mark_forgotten{0};   // the modem cannot be relied on to answer the marks sent so far
+
+// Guarded by request_mutex.
+static unsigned marks_out;
+static int64_t mark_sent;
+
+void link_command_queued(bool awaited)
+{
+    unanswered.fetch_add(1);
+    link_statistics.commands.fetch_add(1);
+    if (!awaited)
+        last_unawaited.store(monotonic_ms());
+}
+
+void link_answers_arrived(unsigned count)
+{
+    int32_t seen = unanswered.load();
+    int32_t left;
+    do {
+        left = seen > static_cast<int32_t>(count) ? seen - static_cast<int32_t>(count) : 0;
+    } while (!unanswered.compare_exchange_weak(seen, left));
+}
+
+void link_out_of_step(LinkFault fault)
+{
+    if (fault == LinkFault::restarted)
+        mark_forgotten.store(1);
+    else
+        link_statistics.timeouts.fetch_add(1);
+    if (fault == LinkFault::prompt)
+        escape_wanted.store(1);
+    out_of_step.store(1);
+}
+
+static int64_t until(int64_t deadline_ms)
+{
+    int64_t left = deadline_ms - monotonic_ms();
+    return left > 0 ? left : 0;
+}
+
+// The next answer, a heap text for the caller to free; null when none came until the deadline.
+static char *next_answer(int64_t deadline_ms)
+{
+    while (running.load()) {
+        int64_t left = until(deadline_ms);
+        TextElem *element = static_cast<TextElem *>(
+            left > 0 ? pool_queue_pop_for(&resp_queue, static_cast<uint32_t>(left)) : pool_queue_try_pop(&resp_queue));
+        if (element) {
+            char *text = element->text;
+            element->text = nullptr;
+            pool_queue_release(&resp_queue, element);
+            return text;
+        }
+        if (left == 0)
+            break;
+    }
+    return nullptr;
+}
+
+static void drop_late(char *text)
+{
+    link_statistics.late_answers.fetch_add(1);
+    log_info("late answer dropped: %s", Masked(text).text);
+    free(text);
+}
+
+// Gives the answers that are owed a short while to come. True when none is owed any more.
+static bool take_owed_answers(int64_t deadline_ms)
+{
+    if (monotonic_ms() - last_unawaited.load() > OWED_LIMIT_MS)
+        unanswered.store(0);
+    int64_t patience = monotonic_ms() + OWED_PATIENCE_MS;
+    if (patience > deadline_ms)
+        patience = deadline_ms;
+    while (unanswered.load() > 0) {
+        char *text = next_answer(patience);
+        if (!text)
+            return false;
+        drop_late(text);
+    }
+    return true;
+}
+
+static bool send_mark()
+{
+    if (escape_wanted.load() && queue_command(ESCAPE, 0, MARK_PATIENCE_MS) == -1)
+        return false;
+    if (queue_command(MARK, 0, MARK_PATIENCE_MS) == -1)
+        return false;
+    link_statistics.marks.fetch_add(1);
+    mark_forgotten.store(0);
+    marks_out++;
+    mark_sent = monotonic_ms();
+    return true;
+}
+
+static bool at_prompt(const char *text)
+{
+    const char *line = strrchr(text, '\n');
+    return (line ? line[1] : text[0]) == '>';
+}
+
+// Drops answers until the marks are answered. Sets *echo when the modem echoes.
+static bool wait_for_mark(int64_t deadline_ms, bool *echo)
+{
+    int64_t quiet = 0; // when one of several marks has been answered: how long to wait for the others
+    for (;;) {
+        if (quiet == 0 && (marks_out == 0 || mark_forgotten.load() || monotonic_ms() - mark_sent >= MARK_RENEWAL_MS) &&
+            !send_mark())
+            return false;
+        int64_t limit = quiet ? quiet : mark_sent + MARK_RENEWAL_MS;
+        char *text = next_answer(limit < deadline_ms ? limit : deadline_ms);
+        if (!text) {
+            if (!running.load() || (until(deadline_ms) == 0 && !(quiet && until(quiet) == 0)))
+                return false;
+            if (quiet)
+                return true;
+            continue;
+        }
+        if (strstr(text, MARK_ANSWER)) {
+            *echo = strstr(text, MARK_ECHO);
+            free(text);
+            if (--marks_out == 0)
+                return true;
+            quiet = monotonic_ms() + QUIET_MS;
+        } else if (at_prompt(text)) {
+            // The prompt came late and takes the mark for the text of the message.
+            drop_late(text);
+            escape_wanted.store(1);
+            marks_out = 0;
+        } else {
+            drop_late(text);
+        }
+    }
+}
+
+static bool switch_echo_off(int64_t deadline_ms)
+{
+    if (queue_command("ATE0\r", 0, MARK_PATIENCE_MS) == -1)
+        return false;
+    char *text = next_answer(deadline_ms);
+    if (!text) {
+        link_out_of_step(LinkFault::timeout);
+        return false;
+    }
+    free(text);
+    return true;
+}
+
+bool link_get_in_step(int64_t deadline_ms)
+{
+    if (!out_of_step.load() && (unanswered.load() == 0 || take_owed_answers(deadline_ms)))
+        return running.load();
+    bool echo = false;
+    out_of_step.store(1);
+    if (!wait_for_mark(deadline_ms, &echo))
+        return false;
+    marks_out = 0;
+    unanswered.store(0);
+    escape_wanted.store(0);
+    out_of_step.store(0);
+    if (mark_forgotten.load()) // the modem restarted in the meantime
+        out_of_step.store(1);
+    if (echo && !switch_echo_off(deadline_ms))
+        return false;
+    return until(deadline_ms) > 0;
+}
+
+void log_link_statistics()
+{
+    static uint32_t last[5];
+    const std::atomic<uint32_t> *counters[] = {&link_statistics.commands, &link_statistics.timeouts, &link_statistics.late_answers,
+                                               &link_statistics.marks, &link_statistics.gap_bursts};
+    uint32_t since[5];
+    bool anything = false;
+    for (int i = 0; i < 5; i++) {
+        uint32_t now = counters[i]->load();
+        since[i] = now - last[i];
+        last[i] = now;
+        anything = anything || since[i];
+    }
+    if (anything)
+        log_info("link: %u commands, %u time-outs, %u late answers dropped, %u marks, %u bursts ended by gap", since[0],
+                 since[1], since[2], since[3], since[4]);
+}
