@@ -1,15 +1,16 @@
 #!/bin/bash
-# Builds everything and runs all tests: the release, again under the address and undefined-behaviour sanitizers, and what starts
-# threads under the thread sanitizer. See --help.
+# Builds everything and runs all tests: the release and the fuzz targets, the release's tests again under the
+# address and undefined-behaviour sanitizers, and what starts threads under the thread sanitizer. See --help.
 set -euo pipefail
 cd "$(dirname "$0")"
 
 usage() {
     cat <<END
 Usage: ./test.sh [--quick]
-Installs what is missing, then builds and tests the release (build/), the address and undefined-behaviour sanitizers (build-asan/)
-and, for tests labelled "threads", the thread sanitizer (build-tsan/). Nothing outside this folder is touched, packages apart.
-  --quick   only the release
+Installs what is missing, then builds and tests the release (build/), runs the fault campaign and the fuzz targets (build/fuzz/), and
+tests the address and undefined-behaviour sanitizers (build-asan/) and, for tests labelled "threads", the thread sanitizer (build-tsan/).
+Nothing outside this folder is touched, packages apart.
+  --quick   only the release, without campaign and fuzz targets
 END
 }
 
@@ -63,8 +64,10 @@ tools/install_packages.sh
 folder=build
 with=(env)
 build release
-run_tests
+run_tests -LE '^(campaign|fuzz)$'
 [ -z "$quick" ] || exit 0
+run_tests -L '^campaign$'
+run_tests -L '^fuzz$'
 
 folder=build-asan
 build asan
@@ -77,7 +80,7 @@ if setarch -R true 2>/dev/null; then
 fi
 part="configuring $folder"
 cmake --preset tsan
-mapfile -t targets < <(ctest --test-dir "$folder" -N -L '^threads$' | sed -n 's/^ *Test *#[0-9]*: //p')
+mapfile -t targets < <(ctest --test-dir "$folder" -N -L '^threads$' | sed -n 's/^ *Test *#[0-9]*: //p' | sed 's/^campaign$/campaign_runner/')
 if [ "${#targets[@]}" -eq 0 ]; then
     echo "test.sh: no test is labelled threads" >&2
     exit 1

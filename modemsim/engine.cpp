@@ -262,7 +262,7 @@ void Engine::answer(const Execution &execution, bool frees_modem)
         if (plan.intact && silent_until_ < timers.now())
             for (uint64_t id : messages)
                 modem.messages.by_id(id)->handed_over++;
-        if (plan.late_ms == 0)
+        if (plan.late_ms == 0 || plan.late_busy)
             free_modem();
     };
     if (plan.lost)
@@ -275,7 +275,7 @@ void Engine::answer(const Execution &execution, bool frees_modem)
         holding_ = false;
         release_held();
     }
-    if (!plan.lost && plan.late_ms > 0)
+    if (!plan.lost && plan.late_ms > 0 && !plan.late_busy)
         free_modem();
 }
 

@@ -74,17 +74,21 @@ void append_utf8(std::string &text, uint32_t point)
     }
 }
 
+/// A surrogate without its pair becomes "?".
 std::string ucs2_text(const Octets &data)
 {
+    auto unit_at = [&](size_t at) {
+        return at + 1 < data.size() ? static_cast<uint32_t>(data[at]) << 8 | data[at + 1] : 0;
+    };
     std::string text;
     for (size_t i = 0; i + 1 < data.size(); i += 2) {
-        uint32_t unit = static_cast<uint32_t>(data[i]) << 8 | data[i + 1];
-        if (unit >= 0xD800 && unit < 0xDC00 && i + 3 < data.size()) {
-            uint32_t low = static_cast<uint32_t>(data[i + 2]) << 8 | data[i + 3];
-            unit = 0x10000 + ((unit - 0xD800) << 10) + (low & 0x3FF);
+        uint32_t unit = unit_at(i), next = unit_at(i + 2);
+        if (unit >> 10 == 0x36 && next >> 10 == 0x37) {
+            append_utf8(text, 0x10000 + ((unit & 0x3FF) << 10) + (next & 0x3FF));
             i += 2;
+        } else {
+            append_utf8(text, unit >> 11 == 0x1B ? '?' : unit);
         }
-        append_utf8(text, unit);
     }
     return text;
 }

@@ -199,6 +199,8 @@ try {
             rule.reset = member.get<bool>();
         else if (key == "answer")
             rule.answer = member.get<bool>();
+        else if (key == "busy")
+            rule.busy = member.get<bool>();
         else if (key != "kind")
             throw std::invalid_argument(fmt::format("a trouble has no \"{}\"", key));
     }

@@ -208,8 +208,10 @@ AnswerPlan Troubles::plan(const Strikes &strikes, Stage stage, std::string answe
         plan.vanish = rule;
         plan.intact = false;
     }
-    if (RulePtr rule = find_strike(strikes, TroubleKind::late, stage))
+    if (RulePtr rule = find_strike(strikes, TroubleKind::late, stage)) {
         plan.late_ms = draw(rule->ms);
+        plan.late_busy = rule->busy;
+    }
     plan.lost = find_strike(strikes, TroubleKind::never, stage) != nullptr;
     plan.intact = plan.intact && !plan.lost;
     return plan;

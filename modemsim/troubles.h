@@ -52,6 +52,7 @@ struct TroubleRule {
     Stage stage = Stage::answer; ///< of AT+CMGS: what is troubled
     bool reset = false;          ///< vanish: the modem restarts
     bool answer = false;         ///< endless: the answer follows
+    bool busy = false;           ///< late: the modem takes no further commands meanwhile
 
     int64_t seen = 0;   ///< commands that matched `command`
     int64_t struck = 0; ///< how often it struck
@@ -69,6 +70,7 @@ struct Chunk {
 struct AnswerPlan {
     std::vector<Chunk> chunks;
     int64_t late_ms = 0;
+    bool late_busy = false; ///< the modem is busy until it is out
     bool lost = false;
     bool intact = true; ///< the answer goes out whole and unaltered
     RulePtr vanish;     ///< strikes once the chunks are out

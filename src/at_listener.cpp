@@ -15,6 +15,7 @@
 #include "link_step.h"
 #include "log.h"
 #include "port.h"
+#include "request.h"
 #include "resp_processor.h"
 #include "waiting.h"
 
@@ -180,6 +181,7 @@ void *at_listener(void *)
         close(fd);
         if (!lost)
             break;
+        end_scan(); // the sender would only notice at its next command, and there is none during a scan
         fd = reopen_lost_port(&settings_g, O_RDONLY, __func__);
         link_out_of_step(LinkFault::restarted);
     }

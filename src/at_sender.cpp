@@ -1,4 +1,5 @@
-// Runs on the thread at_sender. It does not wait for answers. A port that takes no bytes costs a command, not the thread.
+// Runs on the thread at_sender. It does not wait for answers. A port that takes no bytes costs a command, not the
+// thread.
 
 #include "at_sender.h"
 
@@ -18,9 +19,9 @@
 #include "request.h"
 #include "waiting.h"
 
-constexpr uint32_t IDLE_MS = 60000;       // a push wakes the thread at once
+constexpr uint32_t IDLE_MS = 60000;        // a push wakes the thread at once
 constexpr uint32_t AFTER_FAILURE_MS = 100; // how often the path is looked at while the last write has failed
-constexpr int WRITE_LIMIT_MS = 2000;      // for a port that does not take the bytes
+constexpr int WRITE_LIMIT_MS = 2000;       // for a port that does not take the bytes
 
 // Writes the whole text, or fails with errno set. The descriptor does not block, so that a stop is noticed.
 static bool write_command(int fd, const char *text, size_t size)
@@ -63,11 +64,23 @@ static bool send_element(int fd, const TextElem *element)
     return written;
 }
 
-// Writes everything that is queued after waiting up to `idle_ms` for the first command. *last_write_ok keeps the last outcome.
-static void drain(int fd, uint32_t idle_ms, bool *last_write_ok)
+// Has the path become another port? A modem that restarted between two commands would lose the next one.
+static bool port_replaced(int fd)
 {
-    TextElem *element = static_cast<TextElem *>(pool_queue_pop_for(&at_tx_queue, idle_ms));
+    return file_exists(settings_g.port) && !port_is_same(fd, settings_g.port);
+}
+
+// Writes *kept, if any, and everything that is queued after waiting up to `idle_ms` for the first command.
+// *last_write_ok keeps the last outcome. A command for which another port is there already stays in *kept.
+static void drain(int fd, uint32_t idle_ms, TextElem **kept, bool *last_write_ok)
+{
+    TextElem *element = *kept ? *kept : static_cast<TextElem *>(pool_queue_pop_for(&at_tx_queue, idle_ms));
+    *kept = nullptr;
     while (element) {
+        if (port_replaced(fd)) {
+            *kept = element;
+            return;
+        }
         if (element->size != 0 && element->size == strlen(element->text))
             *last_write_ok = send_element(fd, element);
         free(element->text);
@@ -80,12 +93,12 @@ static void drain(int fd, uint32_t idle_ms, bool *last_write_ok)
 }
 
 // Writes commands until the port is lost (true) or the daemon stops (false).
-static bool send_until_lost(int fd)
+static bool send_until_lost(int fd, TextElem **kept)
 {
     bool last_write_ok = true;
     while (running.load()) {
-        drain(fd, last_write_ok ? IDLE_MS : AFTER_FAILURE_MS, &last_write_ok);
-        if (!last_write_ok && !port_is_same(fd, settings_g.port))
+        drain(fd, last_write_ok ? IDLE_MS : AFTER_FAILURE_MS, kept, &last_write_ok);
+        if (*kept || (!last_write_ok && !port_is_same(fd, settings_g.port)))
             return true;
     }
     return false;
@@ -93,18 +106,22 @@ static bool send_until_lost(int fd)
 
 void *at_sender(void *)
 {
+    TextElem *kept = nullptr;
     int fd = settings_g.port ? open_configured_port(&settings_g, O_WRONLY, __func__) : -1;
     while (fd != -1) {
         (void)fcntl(fd, F_SETFL, O_WRONLY | O_NONBLOCK); // without it a write may block for as long as the port does
         set_ready(&t_sender_ready);
-        bool lost = send_until_lost(fd);
+        bool lost = send_until_lost(fd, &kept);
         close(fd);
         if (!lost)
             break;
-        end_scan(); // a modem that went away has forgotten it
+        if (!kept || strcmp(kept->text, SCAN_COMMAND) != 0)
+            end_scan(); // a modem that went away has forgotten it
         link_out_of_step(LinkFault::restarted);
         fd = reopen_lost_port(&settings_g, O_WRONLY, __func__);
     }
+    if (kept)
+        free(kept->text);
     log_info("%s thread exit gracefully", __func__);
     return nullptr;
 }

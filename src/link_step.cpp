@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 #include "at_mask.h"
 #include "celmux.h"
@@ -16,12 +17,18 @@ constexpr char ESCAPE[] = "\x1b\r";          // leaves the prompt; the line end 
 constexpr int64_t MARK_RENEWAL_MS = 15000;   // a mark without an answer for so long is lost
 constexpr int64_t OWED_LIMIT_MS = 10000;     // a command that nobody waits for has been answered by then, or never is
 constexpr int64_t OWED_PATIENCE_MS = 200;    // most such answers are just about to come
+constexpr int64_t OWED_SLICE_MS = 5;
+constexpr int COUNT_LOOKS = 20;
+constexpr useconds_t COUNT_PAUSE_US = 50;
 constexpr int64_t QUIET_MS = 300;            // after the answer of one of several marks
 constexpr uint32_t MARK_PATIENCE_MS = 1000;  // for room in the sender's queue
 
 LinkStatistics link_statistics;
 
-static std::atomic<int32_t> unanswered{0};       // commands queued less final results seen
+static std::atomic<uint32_t> queued{0};          // commands so far; wraps
+static std::atomic<uint32_t> answered{0};        // final results so far, never more than `queued`
+constexpr uint32_t HASHES_KEPT = 64;             // more than at_tx_queue holds
+static std::atomic<uint32_t> command_hashes[HASHES_KEPT]; // by number
 static std::atomic<int64_t> last_unawaited{0};   // monotonic ms; 0 none yet
 static std::atomic<uint8_t> out_of_step{0};
 static std::atomic<uint8_t> escape_wanted{0};    // the modem may sit at the prompt
@@ -30,22 +37,78 @@ static std::atomic<uint8_t> mark_forgotten{0};   // the modem cannot be relied o
 // Guarded by request_mutex.
 static unsigned marks_out;
 static int64_t mark_sent;
+static uint32_t mark_number;
+static int64_t marks_quiet; // one of several marks has been answered: how long to wait for the others; else 0
+static bool mark_echoed;
 
-void link_command_queued(bool awaited)
+// FNV-1a; tells texts apart, no more.
+static uint32_t hash_text(const char *text, size_t length)
 {
-    unanswered.fetch_add(1);
+    uint32_t hash = 0x811c9dc5;
+    for (size_t i = 0; i < length; i++)
+        hash = (hash ^ static_cast<unsigned char>(text[i])) * 0x01000193;
+    return hash;
+}
+
+uint32_t link_command_queued(const char *command, bool awaited)
+{
     link_statistics.commands.fetch_add(1);
     if (!awaited)
         last_unawaited.store(monotonic_ms());
+    uint32_t number = queued.load() + 1;
+    command_hashes[number % HASHES_KEPT].store(hash_text(command, strlen(command)));
+    queued.store(number);
+    return number;
+}
+
+// Some modems repeat an answer. One that holds more than a final result and equals the last one, though the next command that is to be
+// answered is another one, is that. A bare final result cannot be told from the next command's.
+void link_strip_repeated(char *text)
+{
+    static size_t last_length; // of the last answer and its hash: only this thread
+    static uint32_t last_hash;
+    size_t length = strlen(text);
+    uint32_t now = answered.load();
+    bool same_command = queued.load() != now && command_hashes[now % HASHES_KEPT].load() ==
+                                                    command_hashes[(now + 1) % HASHES_KEPT].load();
+    if (!same_command && last_length > 0 && length >= last_length && hash_text(text, last_length) == last_hash) {
+        memmove(text, text + last_length, length - last_length + 1);
+        length -= last_length;
+        link_statistics.late_answers.fetch_add(1);
+    }
+    if (length == 0)
+        return;
+    bool tells = strchr(text, '+') && !strstr(text, "+CME ERROR") && !strstr(text, "+CMS ERROR");
+    last_length = tells ? length : 0;
+    last_hash = hash_text(text, last_length);
+}
+
+static uint32_t unanswered()
+{
+    uint32_t so_far = answered.load();
+    return queued.load() - so_far;
 }
 
 void link_answers_arrived(unsigned count)
 {
-    int32_t seen = unanswered.load();
-    int32_t left;
+    uint32_t seen = answered.load();
+    uint32_t owed;
     do {
-        left = seen > static_cast<int32_t>(count) ? seen - static_cast<int32_t>(count) : 0;
-    } while (!unanswered.compare_exchange_weak(seen, left));
+        owed = queued.load() - seen;
+    } while (!answered.compare_exchange_weak(seen, seen + (count < owed ? count : owed)));
+}
+
+bool link_queued_since(uint32_t number)
+{
+    return queued.load() != number;
+}
+
+// Everything up to that command counts as answered.
+static void settle(uint32_t number)
+{
+    uint32_t seen = answered.load();
+    while (static_cast<int32_t>(number - seen) > 0 && !answered.compare_exchange_weak(seen, number)) {
+    }
 }
 
 void link_out_of_step(LinkFault fault)
@@ -95,24 +158,29 @@ static void drop_late(char *text)
 static bool take_owed_answers(int64_t deadline_ms)
 {
     if (monotonic_ms() - last_unawaited.load() > OWED_LIMIT_MS)
-        unanswered.store(0);
+        settle(queued.load());
     int64_t patience = monotonic_ms() + OWED_PATIENCE_MS;
     if (patience > deadline_ms)
         patience = deadline_ms;
-    while (unanswered.load() > 0) {
-        char *text = next_answer(patience);
-        if (!text)
+    // The last answer is counted a moment after it was passed on.
+    for (int looks = 0; looks < COUNT_LOOKS && unanswered() > 0; looks++)
+        usleep(COUNT_PAUSE_US);
+    while (unanswered() > 0) {
+        int64_t slice = monotonic_ms() + OWED_SLICE_MS; // an answer that was only counted wakes nobody
+        char *text = next_answer(slice < patience ? slice : patience);
+        if (text)
+            drop_late(text);
+        else if (unanswered() > 0 && (!running.load() || monotonic_ms() >= patience))
             return false;
-        drop_late(text);
     }
     return true;
 }
 
 static bool send_mark()
 {
-    if (escape_wanted.load() && queue_command(ESCAPE, 0, MARK_PATIENCE_MS) == -1)
+    if (escape_wanted.load() && queue_command(ESCAPE, 0, MARK_PATIENCE_MS, Owes::nothing, nullptr) == -1)
         return false;
-    if (queue_command(MARK, 0, MARK_PATIENCE_MS) == -1)
+    if (queue_command(MARK, 0, MARK_PATIENCE_MS, Owes::awaited, &mark_number) == -1)
         return false;
     link_statistics.marks.fetch_add(1);
     mark_forgotten.store(0);
@@ -127,34 +195,34 @@ static bool at_prompt(const char *text)
     return (line ? line[1] : text[0]) == '>';
 }
 
-// Drops answers until the marks are answered. Sets *echo when the modem echoes.
-static bool wait_for_mark(int64_t deadline_ms, bool *echo)
+// Drops answers until the marks are answered. What a call leaves unfinished the next one goes on with.
+static bool wait_for_mark(int64_t deadline_ms)
 {
-    int64_t quiet = 0; // when one of several marks has been answered: how long to wait for the others
     for (;;) {
-        if (quiet == 0 && (marks_out == 0 || mark_forgotten.load() || monotonic_ms() - mark_sent >= MARK_RENEWAL_MS) &&
+        if (marks_quiet == 0 && (marks_out == 0 || mark_forgotten.load() || monotonic_ms() - mark_sent >= MARK_RENEWAL_MS) &&
             !send_mark())
             return false;
-        int64_t limit = quiet ? quiet : mark_sent + MARK_RENEWAL_MS;
+        int64_t limit = marks_quiet ? marks_quiet : mark_sent + MARK_RENEWAL_MS;
         char *text = next_answer(limit < deadline_ms ? limit : deadline_ms);
         if (!text) {
-            if (!running.load() || (until(deadline_ms) == 0 && !(quiet && until(quiet) == 0)))
+            if (!running.load() || (until(deadline_ms) == 0 && !(marks_quiet && until(marks_quiet) == 0)))
                 return false;
-            if (quiet)
+            if (marks_quiet)
                 return true;
             continue;
         }
         if (strstr(text, MARK_ANSWER)) {
-            *echo = strstr(text, MARK_ECHO);
+            mark_echoed = strstr(text, MARK_ECHO);
             free(text);
             if (--marks_out == 0)
                 return true;
-            quiet = monotonic_ms() + QUIET_MS;
+            marks_quiet = monotonic_ms() + QUIET_MS;
         } else if (at_prompt(text)) {
             // The prompt came late and takes the mark for the text of the message.
             drop_late(text);
             escape_wanted.store(1);
             marks_out = 0;
+            marks_quiet = 0;
         } else {
             drop_late(text);
         }
@@ -163,7 +231,8 @@ static bool wait_for_mark(int64_t deadline_ms, bool *echo)
 
 static bool switch_echo_off(int64_t deadline_ms)
 {
-    if (queue_command("ATE0\r", 0, MARK_PATIENCE_MS) == -1)
+    uint32_t number;
+    if (queue_command("ATE0\r", 0, MARK_PATIENCE_MS, Owes::awaited, &number) == -1)
         return false;
     char *text = next_answer(deadline_ms);
     if (!text) {
@@ -171,25 +240,32 @@ static bool switch_echo_off(int64_t deadline_ms)
         return false;
     }
     free(text);
+    settle(number);
     return true;
 }
 
-bool link_get_in_step(int64_t deadline_ms)
+bool link_get_in_step(int64_t deadline_ms, uint32_t *answered_to)
 {
-    if (!out_of_step.load() && (unanswered.load() == 0 || take_owed_answers(deadline_ms)))
+    *answered_to = queued.load(); // before the look at what is owed: what is queued in between is owed still
+    if (!out_of_step.load() && (unanswered() == 0 || take_owed_answers(deadline_ms)))
         return running.load();
-    bool echo = false;
     out_of_step.store(1);
-    if (!wait_for_mark(deadline_ms, &echo))
+    if (!wait_for_mark(deadline_ms))
         return false;
+    bool echo = mark_echoed;
     marks_out = 0;
-    unanswered.store(0);
+    marks_quiet = 0;
+    mark_echoed = false;
+    settle(mark_number);
+    *answered_to = mark_number;
     escape_wanted.store(0);
     out_of_step.store(0);
     if (mark_forgotten.load()) // the modem restarted in the meantime
         out_of_step.store(1);
     if (echo && !switch_echo_off(deadline_ms))
         return false;
+    if (echo)
+        *answered_to = queued.load();
     return until(deadline_ms) > 0;
 }
 

@@ -5,10 +5,15 @@
 #include <atomic>
 #include <cstdint>
 
-// A command that the modem will answer has been queued. `awaited`: a request waits for the answer. Any thread.
-void link_command_queued(bool awaited);
-// A burst with so many final results has come. Only the response processor.
+// A command that the modem will answer is being queued; returns its number, counted from 1 (it wraps). `awaited`: a request waits for the
+// answer. The caller makes numbering and queueing one step.
+uint32_t link_command_queued(const char *command, bool awaited);
+// Takes away from the front of a solicited burst what only repeats the last answer. Only the response processor.
+void link_strip_repeated(char *text);
+// A burst with so many final results has been passed on or dropped. Only the response processor.
 void link_answers_arrived(unsigned count);
+// Is an answer owed to a command that was queued after the one of that number? Any thread.
+bool link_queued_since(uint32_t number);
 
 enum class LinkFault {
     timeout,    // an answer did not come in time
@@ -18,9 +23,10 @@ enum class LinkFault {
 // From here on an answer may come that nobody waits for. Any thread.
 void link_out_of_step(LinkFault fault);
 
-// Makes sure that the next answer is the next command's. Costs nothing while no answer is owed. True; or false when that could not be had
-// until `deadline_ms` (monotonic) or the daemon stops: no command may be sent then. The caller holds request_mutex.
-bool link_get_in_step(int64_t deadline_ms);
+// Makes sure that the next answer is the next command's. Costs nothing while no answer is owed. True, with the number of the last command
+// that is answered; or false when that could not be had until `deadline_ms` (monotonic) or the daemon stops: no command may be sent then.
+// The caller holds request_mutex.
+bool link_get_in_step(int64_t deadline_ms, uint32_t *answered_to);
 
 // Counts since the start; any thread.
 struct LinkStatistics {

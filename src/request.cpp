@@ -10,6 +10,7 @@
 #include "celmux.h"
 #include "link_step.h"
 #include "log.h"
+#include "resp_processor.h"
 #include "waiting.h"
 
 constexpr uint32_t ALLOC_PATIENCE_MS = 3000;  // for a sender that takes nothing off the queue any more
@@ -18,6 +19,8 @@ constexpr int64_t SCAN_LIMIT_MS = 300000;     // a scan without an answer for so
 
 // Makes exchanges strictly one at a time.
 static pthread_mutex_t request_mutex = PTHREAD_MUTEX_INITIALIZER;
+// Makes numbering a command and queueing it one step, so that answers come in the order of the numbers. Held for that only.
+static pthread_mutex_t order_mutex = PTHREAD_MUTEX_INITIALIZER;
 static std::atomic<int64_t> scan_started{0}; // monotonic ms
 
 void end_scan()
@@ -52,7 +55,7 @@ static bool copy_command(TextElem *element, const char *command, int append_cr)
     return true;
 }
 
-int queue_command(const char *command, int append_cr, uint32_t patience_ms)
+int queue_command(const char *command, int append_cr, uint32_t patience_ms, Owes owes, uint32_t *number)
 {
     if (scan_runs()) {
         CELMUX_LOG(LOG_INFO, "modem busy", "at_enqueue");
@@ -79,26 +82,23 @@ int queue_command(const char *command, int append_cr, uint32_t patience_ms)
             end_scan();
         return -1;
     }
+    pthread_mutex_lock(&order_mutex);
+    uint32_t order = owes == Owes::nothing ? 0 : link_command_queued(command, owes == Owes::awaited);
     pool_queue_push(&at_tx_queue, element);
-    return 0;
-}
-
-static int enqueue_unawaited(const char *command, int append_cr, uint32_t patience_ms)
-{
-    if (queue_command(command, append_cr, patience_ms) == -1)
-        return -1;
-    link_command_queued(false);
+    pthread_mutex_unlock(&order_mutex);
+    if (number)
+        *number = order;
     return 0;
 }
 
 int at_enqueue(const char *command, int append_cr)
 {
-    return enqueue_unawaited(command, append_cr, ALLOC_PATIENCE_MS);
+    return queue_command(command, append_cr, ALLOC_PATIENCE_MS, Owes::unawaited, nullptr);
 }
 
 int at_enqueue_nowait(const char *command, int append_cr)
 {
-    return enqueue_unawaited(command, append_cr, 0);
+    return queue_command(command, append_cr, 0, Owes::unawaited, nullptr);
 }
 
 int flush_response()
@@ -120,34 +120,73 @@ static bool acceptable(const char *text, const char *expected)
     return strstr(text, "ERROR") || !expected || strstr(text, expected);
 }
 
-static int wait_until(char **answer, const char *expected, int64_t deadline)
+// The next answer off resp_queue, a heap text; null when none came until the deadline or the daemon stops.
+static char *take_answer(int64_t deadline)
 {
-    *answer = nullptr;
     while (running.load()) {
         int64_t left = deadline - monotonic_ms();
         TextElem *element = static_cast<TextElem *>(
             left > 0 ? pool_queue_pop_for(&resp_queue, static_cast<uint32_t>(left)) : pool_queue_try_pop(&resp_queue));
-        if (!element) {
-            if (left > 0)
-                continue;
-            CELMUX_LOG(LOG_DEBUG, "wait_for_response timeout\n", "wait_for_response");
-            return -1;
+        if (element) {
+            char *text = element->text;
+            element->text = nullptr;
+            pool_queue_release(&resp_queue, element);
+            return text;
         }
-        char *text = element->text;
-        element->text = nullptr;
-        pool_queue_release(&resp_queue, element);
+        if (left <= 0) {
+            CELMUX_LOG(LOG_DEBUG, "wait_for_response timeout\n", "wait_for_response");
+            break;
+        }
+    }
+    return nullptr;
+}
+
+int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
+{
+    int64_t deadline = monotonic_ms() + timeout_ms;
+    *answer = nullptr;
+    while (char *text = take_answer(deadline)) {
         if (acceptable(text, expected)) {
             *answer = text;
             return 0;
         }
         free(text);
     }
-    return 0;
+    return running.load() ? -1 : 0;
 }
 
-int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
+// Cuts a burst down to the answer behind its first `skip` final results, and when `alone` to that answer only.
+static void cut_to_answer(char *text, unsigned skip, bool alone)
 {
-    return wait_until(answer, expected, monotonic_ms() + timeout_ms);
+    const char *start = text;
+    for (; skip > 0; skip--)
+        start = behind_result(start);
+    size_t length = alone ? static_cast<size_t>(behind_result(start) - start) : strlen(start);
+    memmove(text, start, length);
+    text[length] = '\0';
+}
+
+// Waits for the answer to the command of that number, before which `earlier` answers to other commands come.
+static int wait_for_own(uint32_t number, unsigned earlier, char **answer, const char *expected, int64_t deadline)
+{
+    *answer = nullptr;
+    while (char *text = take_answer(deadline)) {
+        unsigned results = results_in(text);
+        if (results > 0 && results <= earlier) {
+            earlier -= results;
+            link_statistics.late_answers.fetch_add(1);
+        } else {
+            if (results > 1 && (earlier > 0 || link_queued_since(number)))
+                cut_to_answer(text, earlier, link_queued_since(number));
+            earlier = 0;
+            if (acceptable(text, expected)) {
+                *answer = text;
+                return 0;
+            }
+        }
+        free(text);
+    }
+    return running.load() ? -1 : 0;
 }
 
 // 0, or the error number of the wait. Whole seconds, on the realtime clock.
@@ -167,14 +206,14 @@ static uint32_t bounded_timeout(uint32_t timeout_ms)
 // One exchange with request_mutex held: in step, nothing stale, the command, its answer.
 static int exchange(const char *command, char **answer, const char *expected, int append_cr, int64_t deadline)
 {
-    if (!link_get_in_step(deadline))
+    uint32_t answered_to, number;
+    if (!link_get_in_step(deadline, &answered_to))
         return running.load() ? -1 : 0;
     while (flush_response() == 0) {
     }
-    if (queue_command(command, append_cr, ALLOC_PATIENCE_MS) == -1)
+    if (queue_command(command, append_cr, ALLOC_PATIENCE_MS, Owes::awaited, &number) == -1)
         return -1;
-    link_command_queued(true);
-    int result = wait_until(answer, expected, deadline);
+    int result = wait_for_own(number, number - answered_to - 1, answer, expected, deadline);
     if (result == -1)
         link_out_of_step(LinkFault::timeout);
     return result;
@@ -217,16 +256,16 @@ static int send_pdu(const char *pdu, int length, uint32_t timeout_ms)
     char command[24];
     snprintf(command, sizeof command, "AT+CMGS=%d\r", length);
     char *answer = nullptr;
-    if (queue_command(command, 0, ALLOC_PATIENCE_MS) == -1)
+    if (queue_command(command, 0, ALLOC_PATIENCE_MS, Owes::awaited, nullptr) == -1)
         return -1;
-    link_command_queued(true);
     if (wait_for_response(&answer, ">", timeout_ms) == -1 || !running.load()) {
         free(answer);
         link_out_of_step(LinkFault::prompt);
         return -1;
     }
     free(answer);
-    if (queue_command(pdu, 0, ALLOC_PATIENCE_MS) == -1 || queue_command("\x1a", 0, ALLOC_PATIENCE_MS) == -1) {
+    if (queue_command(pdu, 0, ALLOC_PATIENCE_MS, Owes::nothing, nullptr) == -1 ||
+        queue_command("\x1a", 0, ALLOC_PATIENCE_MS, Owes::nothing, nullptr) == -1) {
         link_out_of_step(LinkFault::prompt);
         return -1;
     }
@@ -260,7 +299,8 @@ int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
         return error;
     }
     log_debug("start flush while\n");
-    bool in_step = link_get_in_step(monotonic_ms() + timeout_ms);
+    uint32_t answered_to;
+    bool in_step = link_get_in_step(monotonic_ms() + timeout_ms, &answered_to);
     while (flush_response() == 0) {
     }
     log_debug("stop flush while\n");

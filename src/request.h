@@ -15,9 +15,11 @@ constexpr char SCAN_COMMAND[] = "AT+COPS=?\r";
 // The scan is over, or its answer can no longer come.
 void end_scan();
 
-// The one way into at_tx_queue: queues a command, waiting up to `patience_ms` for room. 0, or -1 after a log line. Whether an answer to it is
-// owed is the caller's to say (link_step.h).
-int queue_command(const char *command, int append_cr, uint32_t patience_ms);
+// Whether the modem will answer what is queued, and whether somebody waits for that.
+enum class Owes { nothing, unawaited, awaited };
+// The one way into at_tx_queue: queues a command, waiting up to `patience_ms` for room. 0, or -1 after a log line. *number (null is allowed)
+// gets the command's number among those that are answered (link_step.h).
+int queue_command(const char *command, int append_cr, uint32_t patience_ms, Owes owes, uint32_t *number);
 
 // Queues a command without waiting for an answer. 0, or -1 (a scan runs, the queue stays full, no memory), logged.
 int at_enqueue(const char *command, int append_cr);

@@ -151,14 +151,24 @@ static void run_routine(RequesterState *state)
         state->pre_execute_pending = handle_pre_execute_cmds() != 0;
 }
 
+// A deletion without an answer may have been carried out all the same, and the network may have put the next message
+// into the slot: that one is stored before the slot is emptied again.
+static bool may_delete_again(result_t deleted, int32_t index)
+{
+    if (deleted != RESULT_REQUEST_FAILED)
+        return true;
+    return at_read_sms(index) == RESULT_OK && messages_on_disk();
+}
+
 static void delete_read_sms(int32_t index)
 {
     for (int i = 1; i <= TRIES; i++) {
-        if (at_delete_sms(index) == RESULT_OK)
+        result_t code = at_delete_sms(index);
+        if (code == RESULT_OK)
             return;
         if (i == TRIES)
             log_error("delete sms %d failed\n", index);
-        if (!sleep_while_running(SHORT_PAUSE_MS))
+        if (!sleep_while_running(SHORT_PAUSE_MS) || (i < TRIES && !may_delete_again(code, index)))
             return;
     }
 }
@@ -166,7 +176,8 @@ static void delete_read_sms(int32_t index)
 static void read_announced_sms(int32_t index)
 {
     for (int i = 1; i <= TRIES; i++) {
-        if (at_read_sms(index) == RESULT_OK) {
+        result_t code = at_read_sms(index);
+        if (code == RESULT_OK) {
             if (messages_on_disk())
                 delete_read_sms(index);
             else
@@ -175,6 +186,8 @@ static void read_announced_sms(int32_t index)
         }
         if (i == TRIES)
             log_error("read sms %d failed\n", index);
+        if (i == TRIES && code == RESULT_REQUEST_FAILED)
+            g_sms_sweep.store(1); // it is there all the same: a scan began, or the modem was silent
         if (!sleep_while_running(SHORT_PAUSE_MS))
             return;
     }

@@ -108,13 +108,24 @@ bool ends_with_result(const char *text)
     return strncmp(line, "> ", 2) == 0 || (strchr(line, '\n') && matching_result(shared_results.load(), line));
 }
 
-// How many commands the burst answers.
-static unsigned count_results(const char *text, const ExpectedResults *expected)
+const char *behind_result(const char *text)
+{
+    std::string_view rest = text, line;
+    while (next_line(&rest, &line)) {
+        if (!matching_result(shared_results.load(), line.data()))
+            continue;
+        size_t end = rest.find('\n');
+        return end == std::string_view::npos ? rest.data() + rest.size() : rest.data() + end + 1;
+    }
+    return text + strlen(text);
+}
+
+unsigned results_in(const char *text)
 {
     unsigned count = 0;
     std::string_view rest = text, line;
     while (next_line(&rest, &line))
-        count += matching_result(expected, line.data()) != nullptr;
+        count += matching_result(shared_results.load(), line.data()) != nullptr;
     return count;
 }
 
@@ -129,10 +140,8 @@ static void watch_for_restart(const char *text)
     last_burst = now;
 }
 
-static void process_burst(TextElem *burst, const ExpectedResults *expected)
+static void process_text(TextElem *burst, const ExpectedResults *expected)
 {
-    watch_for_restart(burst->text);
-    link_answers_arrived(count_results(burst->text, expected));
     const char *result = matching_result(expected, last_line(burst->text));
     if (!result) {
         CELMUX_LOG(LOG_INFO, "Unsolicited message: %s", "resp_processor", Masked(burst->text).text);
@@ -154,6 +163,35 @@ void free_results()
     free_expected_results(shared_results.exchange(nullptr));
 }
 
+// Length of the text up to the last line that is a result, when other lines follow it; 0 otherwise.
+static size_t answer_length(const char *text, const ExpectedResults *expected)
+{
+    std::string_view rest = text, line;
+    size_t length = 0;
+    bool followed = false;
+    while (next_line(&rest, &line)) {
+        followed = !matching_result(expected, line.data());
+        if (!followed)
+            length = static_cast<size_t>(line.data() + line.size() - text);
+    }
+    return followed ? length : 0;
+}
+
+// A report may stand right behind an answer, as "+CGEV:" behind that of a data call: the answer is one all the same.
+static void process_burst(TextElem *burst, const ExpectedResults *expected)
+{
+    watch_for_restart(burst->text);
+    size_t length = answer_length(burst->text, expected);
+    TextElem answer = {length ? static_cast<char *>(malloc(length + 3)) : nullptr, static_cast<uint32_t>(length + 3)};
+    if (answer.text) {
+        memcpy(answer.text, burst->text, length);
+        memcpy(answer.text + length, "\r\n", 3);
+        memmove(burst->text, burst->text + length, strlen(burst->text + length) + 1);
+        process_text(&answer, expected);
+    }
+    process_text(burst, expected);
+}
+
 void *resp_processor(void *)
 {
     ExpectedResults *expected = nullptr;
@@ -165,7 +203,11 @@ void *resp_processor(void *)
         TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, IDLE_MS));
         if (!burst)
             continue;
+        if (matching_result(expected, last_line(burst->text)))
+            link_strip_repeated(burst->text);
+        unsigned results = results_in(burst->text);
         process_burst(burst, expected);
+        link_answers_arrived(results); // last: who sees that nothing is owed finds every answer in the queue
         pool_queue_release(&at_rx_queue, burst);
     }
     log_info("%s thread exit gracefully", __func__);

@@ -19,6 +19,11 @@ const char *last_line(const char *text);
 // Does the text end with a whole line that begins with a configured final result, or with the prompt? Any thread.
 bool ends_with_result(const char *text);
 
+// How many final results the text holds, each at the start of a line; and what stands behind the line of the first one (the end of the text
+// without one). Any thread.
+unsigned results_in(const char *text);
+const char *behind_result(const char *text);
+
 // Passes an answer on to the waiting request; takes the text over. When the queue is full its oldest answer makes room.
 // 0, or -1 after a log line (the text is freed then). Only the response processor's thread.
 int resp_enqueue(TextElem *element);

@@ -33,7 +33,7 @@ static pid_t start_shell(const char *command, int output_fd)
     sigemptyset(&none);
     sigfillset(&all);
     posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawn_file_actions_init(&actions);
@@ -76,7 +76,7 @@ static int wait_shell(pid_t child, const char *command, int64_t started)
             return -1;
         if (overdue(started)) {
             log_error("\"%s\" does not end, killed", command);
-            kill(child, SIGKILL);
+            kill(-child, SIGKILL); // with what it started and waits for
             while (waitpid(child, &status, 0) == -1 && errno == EINTR) {
             }
             return -1;

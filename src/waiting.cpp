@@ -76,13 +76,15 @@ void stop_all()
 bool sleep_while_running(uint32_t ms)
 {
     int64_t deadline = monotonic_ms() + ms;
-    while (running.load()) {
+    for (;;) {
+        uint32_t seen = stop_word.load();
         int64_t left = deadline - monotonic_ms();
+        if (!running.load())
+            return false;
         if (left <= 0)
             return true;
-        wait_word(&stop_word, 0, static_cast<uint32_t>(left));
+        wait_word(&stop_word, seen, static_cast<uint32_t>(left));
     }
-    return false;
 }
 
 void set_ready(std::atomic<uint8_t> *flag)

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,16 +31,32 @@ public:
     // A call that was made at `begin` has been answered now.
     void answered(const std::string &method, const nlohmann::json &arguments, const CallOutcome &outcome,
                   std::chrono::steady_clock::time_point begin, int64_t limit_ms);
+    // From now on calls may fail: the daemon is being stopped.
+    void forgive(bool all);
     // What was wrong so far.
     std::string faults() const;
     CallFigures figures() const;
 
 private:
+    // A call that seems to have taken too long. Two answers that come together may be seen in the wrong order: then the
+    // next one, whose call was made before, explains the time.
+    struct Suspect {
+        std::string fault;
+        std::chrono::steady_clock::time_point answered;
+        int64_t served_ms;
+        int64_t limit_ms;
+    };
+    void judge(const std::string &call, std::chrono::steady_clock::time_point begin,
+               std::chrono::steady_clock::time_point now, int64_t limit_ms);
+    void count(const std::string &call, const CallOutcome &outcome);
+
     int64_t slack_ms_;
     mutable std::mutex mutex_; // protects all below
     std::chrono::steady_clock::time_point last_answer_;
     CallFigures figures_;
     std::string faults_;
+    std::optional<Suspect> suspect_;
+    bool forgiving_ = false;
 };
 
 // How long the daemon may take for a call of this method beyond queueing.
@@ -55,6 +72,8 @@ public:
     // The clients call on until pause(), which returns once each has got its last answer.
     void resume();
     void pause();
+    // How long a client waits for an answer; as long as all the others' calls can take, at first.
+    void set_patience(std::chrono::milliseconds limit);
 
 private:
     void run(int number, uint64_t seed);
@@ -71,5 +90,6 @@ private:
     std::atomic<bool> going_ = false;
     std::atomic<bool> ending_ = false;
     std::atomic<int> busy_ = 0;
+    std::atomic<int64_t> patience_ms_;
     std::vector<std::thread> threads_;
 };

@@ -1,7 +1,5 @@
 #include "ledger.h"
 
-#include <regex>
-
 using nlohmann::json;
 
 // The text of a stored message in as far as it is ASCII.
@@ -15,11 +13,18 @@ static std::string text_of(const json &message)
     return text;
 }
 
+// The first "m<number>," of the text, or all of a filler's; empty without a key.
 static std::string key_in(const std::string &text)
 {
-    static const std::regex pattern("m[0-9]+,|^filler [0-9]+$");
-    std::smatch found;
-    return std::regex_search(text, found, pattern) ? found.str() : "";
+    constexpr const char *digits = "0123456789";
+    if (text.starts_with("filler "))
+        return text;
+    for (size_t at = text.find('m'); at != std::string::npos; at = text.find('m', at + 1)) {
+        size_t end = text.find_first_not_of(digits, at + 1);
+        if (end != std::string::npos && end > at + 1 && text[end] == ',')
+            return text.substr(at, end - at + 1);
+    }
+    return "";
 }
 
 std::string Ledger::next_key()

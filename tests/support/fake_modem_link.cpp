@@ -88,7 +88,7 @@ void end_scan()
 {
 }
 
-int queue_command(const char *command, int append_cr, uint32_t)
+int queue_command(const char *command, int append_cr, uint32_t, Owes, uint32_t *)
 {
     return at_enqueue(command, append_cr);
 }

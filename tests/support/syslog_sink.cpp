@@ -61,6 +61,7 @@ void SyslogSink::collect()
         if (poll(watched, 2, -1) < 0) {
             continue;
         }
+        std::lock_guard taking(taking_);
         ssize_t length = 0;
         while ((length = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0) {
             std::lock_guard lock(mutex_);

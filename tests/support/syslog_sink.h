@@ -19,6 +19,11 @@ public:
     bool contains(const std::string &text) const;
     // Drops the messages so far: a long run need not hold them.
     void forget();
+    // Nothing is taken off the socket while the result lives, as when the log's reader hangs.
+    [[nodiscard]] std::unique_lock<std::mutex> hold()
+    {
+        return std::unique_lock(taking_);
+    }
 
 private:
     // A sender blocks once a few messages wait, so they are taken off the socket by a thread.
@@ -26,6 +31,7 @@ private:
 
     int socket_ = -1;
     int stop_pipe_[2] = {-1, -1};
+    std::mutex taking_;        // held while messages are taken off the socket
     mutable std::mutex mutex_; // protects lines_
     std::vector<std::string> lines_;
     std::thread collector_;

@@ -66,12 +66,15 @@ public:
         return fresh(daemon.datagrams(), datagrams_seen_);
     }
 
-    // What the init scripts and nvram recorded, once the last of them is `last`.
-    std::vector<std::string> script_calls(const std::string &last)
+    // What the init scripts and nvram recorded, once there are `count` lines; some run in the background, in any order.
+    std::vector<std::string> script_calls(size_t count)
     {
-        auto calls = [&] { return split_lines(root.read_file("/tmp/calls.log")); };
-        (void)wait_for([&] { return !calls().empty() && calls().back() == last; });
-        return calls();
+        std::vector<std::string> calls;
+        (void)wait_for([&] {
+            calls = split_lines(root.read_file("/tmp/calls.log"));
+            return calls.size() >= count;
+        });
+        return calls;
     }
 
     // Everything that the daemon printed or logged.
@@ -90,8 +93,10 @@ private:
     static DaemonOptions prepare(PrivateRoot &root, const std::string &profile,
                                  const std::vector<std::pair<std::string, std::string>> &files)
     {
-        for (const auto &[path, text] : files)
+        for (const auto &[path, text] : files) {
+            root.remove(path); // it may be a link that leads out of the root
             root.write_file(path, text);
+        }
         root.write_file("/tmp/profile.json", profile);
         DaemonOptions options;
         options.modem.profile = root.path("/tmp/profile.json");

@@ -61,8 +61,7 @@ static std::optional<Modem> modem_for(PrivateRoot &root, Port port)
         options.profile = SOURCE_DIR "/modemsim/profiles/silent.json";
     }
     if (port == Port::FLOODING) {
-        root.write_file("/tmp/flooding.json",
-                        R"({"events": [{"every_ms": 10, "do": "flood", "lines": 200}]})");
+        root.write_file("/tmp/flooding.json", R"({"events": [{"every_ms": 10, "do": "flood", "lines": 200}]})");
         options.profile = root.path("/tmp/flooding.json");
     }
     return std::make_optional<Modem>(root, options);

@@ -14,6 +14,7 @@
 #include "celmux.h"
 #include "config.h"
 #include "indications.h"
+#include "link_step.h"
 #include "port.h"
 #include "request.h"
 #include "resp_processor.h"
@@ -371,6 +372,16 @@ TEST_F(AnswerTest, SortsSolicitedFromUnsolicited)
     EXPECT_EQ(indicated.size(), 3u);
 }
 
+TEST_F(AnswerTest, AReportBehindAnAnswerIsNoPartOfIt)
+{
+    Thread processor(resp_processor);
+    burst("\r\n$QCRMCALL: 1,V4\r\n\r\nOK\r\n\r\n+CGEV: ME PDN ACT 1\r\n");
+    EXPECT_EQ(take_text(&resp_queue), "\r\n$QCRMCALL: 1,V4\r\n\r\nOK\r\n");
+    burst("\r\nERROR\r\n\r\n+CMTI: \"SM\",1\r\n");
+    EXPECT_EQ(take_text(&resp_queue), "\r\nERROR\r\n");
+    EXPECT_GE(log_count("Unsolicited message: ", 6), 1); // the one of the first burst at least
+}
+
 TEST_F(AnswerTest, AFullResponseQueueDropsItsOldest)
 {
     Thread processor(resp_processor);
@@ -423,8 +434,21 @@ TEST_F(AnswerTest, StaleAnswersAreFlushed)
     EXPECT_EQ(request("AT", &answer, nullptr, 1, 5000), 0);
     EXPECT_STREQ(answer, "\r\nfresh\r\nOK\r\n");
     free(answer);
-    EXPECT_EQ(log_count("flushed response: ", 6), 1);
+    EXPECT_EQ(log_count("flushed response: ", 6) + log_count("late answer dropped: ", 6), 1);
     modem.join();
+}
+
+TEST_F(AnswerTest, AMarkAnsweredAtTheEndOfATimeOutCountsForTheNextRequest)
+{
+    Thread processor(resp_processor);
+    uint32_t answered_to;
+    for (LinkFault fault : {LinkFault::timeout, LinkFault::restarted}) { // two marks, one of which is lost
+        link_out_of_step(fault);
+        EXPECT_FALSE(link_get_in_step(monotonic_ms() + 20, &answered_to));
+    }
+    burst("\r\n+CGMI: \"Maker\"\r\n\r\nOK\r\n");
+    EXPECT_FALSE(link_get_in_step(monotonic_ms() + 100, &answered_to)); // the other one may still come
+    EXPECT_TRUE(link_get_in_step(monotonic_ms() + 5000, &answered_to));
 }
 
 TEST_F(AnswerTest, ExecRetrySendsUntilOk)

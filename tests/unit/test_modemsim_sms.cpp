@@ -1,6 +1,8 @@
 #include "modemsim/sms_deliver.h"
+#include "modemsim/sms_submit.h"
 #include "test_modemsim_rig.h"
 
+#include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
 
@@ -82,6 +84,35 @@ TEST(SmsDeliver, RefusesWhatIsNoMessage)
     EXPECT_THROW(deliver_pdus({.from = "twelve chars", .text = "x"}), std::invalid_argument);
     EXPECT_THROW(deliver_pdus({.from = "+1", .text = "x", .time = "yesterday"}), std::invalid_argument);
     EXPECT_THROW(deliver_pdus({.from = "+1", .text = std::string(153 * 255 + 1, 'a')}), std::invalid_argument);
+}
+
+TEST(SmsSubmit, DecodesWhatTheHostSends)
+{
+    struct Row {
+        const char *pdu;
+        const char *to;
+        const char *text;
+        int part, parts, reference;
+    };
+    const Row rows[] = {
+        {"0011000B916407281553F80000AA0AE8329BFD4697D9EC37", "+46708251358", "hellohello", 1, 1, 0},
+        {"0001000481445500080A00470072FC00D83DDE00", "4455", "Gr\xEF\xB0\x80\xF0\x9F\x98\x80", 1, 1, 0},
+        {"0041000B916407281553F800000905000309020190CD", "+46708251358", "HM", 1, 2, 9},
+        {"0041000B916407281553F800080906080401020302D83D", "+46708251358", "?", 2, 3, 258},
+    };
+    for (const Row &row : rows) {
+        modemsim::Submit submit = modemsim::decode_submit(row.pdu);
+        EXPECT_TRUE(submit.valid) << row.pdu;
+        EXPECT_EQ(submit.to, row.to);
+        EXPECT_EQ(submit.text, row.text);
+        EXPECT_EQ(submit.part, row.part);
+        EXPECT_EQ(submit.parts, row.parts);
+        EXPECT_EQ(submit.reference, row.reference);
+        for (size_t length = 0; length < strlen(row.pdu); length++)
+            EXPECT_FALSE(modemsim::decode_submit(std::string_view(row.pdu, length)).valid) << length;
+    }
+    for (const char *pdu : {"xx", "0004000B916407281553F80000AA0AE8329BFD4697D9EC37", "0001000481445500040141"})
+        EXPECT_FALSE(modemsim::decode_submit(pdu).valid) << pdu;
 }
 
 TEST(ModemsimSms, AnnouncesListsReadsAndDeletes)
