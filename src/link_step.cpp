@@ -71,7 +71,8 @@ void link_strip_repeated(char *text)
     uint32_t now = answered.load();
     bool same_command = queued.load() != now && command_hashes[now % HASHES_KEPT].load() ==
                                                     command_hashes[(now + 1) % HASHES_KEPT].load();
-    if (!same_command && last_length > 0 && length >= last_length && hash_text(text, last_length) == last_hash) {
+    bool in_step = !out_of_step.load() && !strstr(text, MARK_ANSWER); // otherwise the numbers do not tell whose turn it is
+    if (in_step && !same_command && last_length > 0 && length >= last_length && hash_text(text, last_length) == last_hash) {
         memmove(text, text + last_length, length - last_length + 1);
         length -= last_length;
         link_statistics.late_answers.fetch_add(1);

@@ -9,6 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 constexpr size_t LINE_SIZE = 1024;  // longer lines go through the heap
@@ -52,6 +55,23 @@ static void write_line(const char *text, size_t length)
         dropped_lines.fetch_add(1);
 }
 
+// syslog() blocks for as long as a logger that hangs does not read. A connected datagram socket is writable only while its peer has room.
+static bool system_log_takes()
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s", _PATH_LOG);
+    int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    bool takes = true; // no logger, or one of another kind, is for syslog() to find out
+    if (probe != -1 && connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
+        pollfd out = {probe, POLLOUT, 0};
+        takes = poll(&out, 1, 0) == 1;
+    }
+    if (probe != -1)
+        close(probe);
+    return takes;
+}
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 // Formats into `line` of LINE_SIZE or, when that is too short, into a heap text. `prefix_length` bytes are there already, and
@@ -93,7 +113,10 @@ void ril_log(int level, const char *format, const char *function, int line, ...)
         text[length] = '\n';
         write_line(text, length + 1);
     } else {
-        syslog(level, "%s", text);
+        if (system_log_takes())
+            syslog(level, "%s", text);
+        else
+            dropped_lines.fetch_add(1);
     }
     if (text != buffer)
         free(text);

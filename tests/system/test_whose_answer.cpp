@@ -213,8 +213,8 @@ struct WhoseAnswer : testing::Test {
             (void)at_enqueue(SCAN_COMMAND, 0);
         }
         judge();
-        printf("%d right, %d wrong, %d halved, %d timed out; messages %d sent, %d not; %u commands, %u marks, %u late answers dropped\n",
-               counts.right.load(), counts.wrong.load(), counts.halved.load(), counts.timed_out.load(), counts.sent.load(),
+        printf("%d right, %d wrong, %d halved, %d without an answer (%d refused during a scan); messages %d sent, %d not; %u commands, %u marks, %u late answers dropped\n",
+               counts.right.load(), counts.wrong.load(), counts.halved.load(), counts.timed_out.load(), log_count("modem busy"), counts.sent.load(),
                counts.not_sent.load(), link_statistics.commands.load(), link_statistics.marks.load(),
                link_statistics.late_answers.load());
     }
