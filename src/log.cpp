@@ -1,5 +1,5 @@
 // Lines are put together whole and written with one write, so that lines of different threads never mix and a reader of
-// standard output that stops reading costs lines, not the daemon.
+// standard output, or of the system log, that stops reading costs lines, not the daemon.
 
 #include "log.h"
 
@@ -17,6 +17,7 @@
 constexpr size_t LINE_SIZE = 1024;  // longer lines go through the heap
 constexpr size_t CHUNK_SIZE = 4096; // a pipe that polls writable takes this much without blocking (PIPE_BUF)
 constexpr int STALL_MS = 50;
+constexpr char SYSTEM_LOG[] = "/dev/log";
 
 static std::atomic<uint32_t> dropped_lines{0};
 static std::atomic<bool> stalled{false}; // the last write found no room: the next ones do not wait for it
@@ -42,6 +43,42 @@ static bool write_out(const char *text, size_t length)
     return true;
 }
 
+static std::atomic<uint32_t> dropped_messages{0};
+static std::atomic<bool> system_log_stalled{false};
+
+// Whether the system log's reader takes a message now. The C library sends on a socket of its own, which blocks for as
+// long as the reader hangs, and holds a lock meanwhile; every socket that leads to that reader tells whether it would.
+static bool system_log_takes()
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, SYSTEM_LOG, sizeof SYSTEM_LOG);
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd == -1)
+        return false;
+    bool takes = true; // where nobody reads, a message is lost at once
+    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+        pollfd out = {fd, POLLOUT, 0};
+        takes = poll(&out, 1, system_log_stalled.load() ? 0 : STALL_MS) == 1;
+    }
+    close(fd);
+    return takes;
+}
+
+static void write_system_log(int level, const char *text)
+{
+    bool takes = system_log_takes();
+    system_log_stalled.store(!takes);
+    if (!takes) {
+        dropped_messages.fetch_add(1);
+        return;
+    }
+    uint32_t missing = dropped_messages.exchange(0);
+    if (missing != 0)
+        syslog(LOG_ERR, "(%u messages dropped)", missing);
+    syslog(level, "%s", text);
+}
+
 static void write_line(const char *text, size_t length)
 {
     uint32_t missing = dropped_lines.load();
@@ -55,27 +92,10 @@ static void write_line(const char *text, size_t length)
         dropped_lines.fetch_add(1);
 }
 
-// syslog() blocks for as long as a logger that hangs does not read. A connected datagram socket is writable only while its peer has room.
-static bool system_log_takes()
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    snprintf(address.sun_path, sizeof address.sun_path, "%s", _PATH_LOG);
-    int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    bool takes = true; // no logger, or one of another kind, is for syslog() to find out
-    if (probe != -1 && connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
-        pollfd out = {probe, POLLOUT, 0};
-        takes = poll(&out, 1, 0) == 1;
-    }
-    if (probe != -1)
-        close(probe);
-    return takes;
-}
-
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-// Formats into `line` of LINE_SIZE or, when that is too short, into a heap text. `prefix_length` bytes are there already, and
-// one byte for a line end is kept free behind the text.
+// Formats into `line` of LINE_SIZE or, when that is too short, into a heap text. `prefix_length` bytes are there
+// already, and one byte for a line end is kept free behind the text.
 static char *format_line(char *line, size_t prefix_length, const char *format, va_list arguments, size_t *length)
 {
     va_list again;
@@ -113,10 +133,7 @@ void ril_log(int level, const char *format, const char *function, int line, ...)
         text[length] = '\n';
         write_line(text, length + 1);
     } else {
-        if (system_log_takes())
-            syslog(level, "%s", text);
-        else
-            dropped_lines.fetch_add(1);
+        write_system_log(level, text);
     }
     if (text != buffer)
         free(text);
