@@ -248,6 +248,8 @@ static bool switch_echo_off(int64_t deadline_ms)
 bool link_get_in_step(int64_t deadline_ms, uint32_t *answered_to)
 {
     *answered_to = queued.load(); // before the look at what is owed: what is queued in between is owed still
+    if (g_scanning.load())
+        return running.load(); // the command will be refused; the scan's own answer is nothing to get in step with
     if (!out_of_step.load() && (unanswered() == 0 || take_owed_answers(deadline_ms)))
         return running.load();
     out_of_step.store(1);
