@@ -2,37 +2,40 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <unistd.h>
 
 #include "at_mask.h"
 #include "celmux.h"
 #include "log.h"
 #include "request.h"
+#include "resp_processor.h"
 #include "waiting.h"
 
 constexpr char MARK[] = "AT+CGMI?\r";
 constexpr char MARK_ECHO[] = "AT+CGMI?";
 constexpr char MARK_ANSWER[] = "+CGMI:";
-constexpr char ESCAPE[] = "\x1b\r";          // leaves the prompt; the line end ends what a modem without prompt took for a command
-constexpr int64_t MARK_RENEWAL_MS = 15000;   // a mark without an answer for so long is lost
-constexpr int64_t OWED_LIMIT_MS = 10000;     // a command that nobody waits for has been answered by then, or never is
-constexpr int64_t OWED_PATIENCE_MS = 200;    // most such answers are just about to come
+constexpr int64_t MARK_RENEWAL_MS = 15000; // a mark without an answer for so long is lost
+constexpr int64_t OWED_LIMIT_MS = 10000;   // a command that nobody waits for has been answered by then, or never is
+constexpr int64_t OWED_PATIENCE_MS = 200;  // most such answers are just about to come
 constexpr int64_t OWED_SLICE_MS = 5;
 constexpr int COUNT_LOOKS = 20;
 constexpr useconds_t COUNT_PAUSE_US = 50;
-constexpr int64_t QUIET_MS = 300;            // after the answer of one of several marks
-constexpr uint32_t MARK_PATIENCE_MS = 1000;  // for room in the sender's queue
+constexpr int64_t QUIET_MS = 300;           // after the answer of one of several marks
+constexpr uint32_t MARK_PATIENCE_MS = 1000; // for room in the sender's queue
 
 LinkStatistics link_statistics;
 
-static std::atomic<uint32_t> queued{0};          // commands so far; wraps
-static std::atomic<uint32_t> answered{0};        // final results so far, never more than `queued`
-constexpr uint32_t HASHES_KEPT = 64;             // more than at_tx_queue holds
+static std::atomic<uint32_t> queued{0};  // commands so far; wraps
+static std::atomic<uint32_t> arrived{0}; // final results so far, never more than `queued`
+static std::atomic<uint32_t> answered{
+    0}; // of them those whose answers have been passed on; lags behind `arrived` for a moment
+constexpr uint32_t HASHES_KEPT = 64;                      // more than at_tx_queue holds
 static std::atomic<uint32_t> command_hashes[HASHES_KEPT]; // by number
-static std::atomic<int64_t> last_unawaited{0};   // monotonic ms; 0 none yet
+static std::atomic<int64_t> last_unawaited{0};            // monotonic ms; 0 none yet
 static std::atomic<uint8_t> out_of_step{0};
-static std::atomic<uint8_t> escape_wanted{0};    // the modem may sit at the prompt
-static std::atomic<uint8_t> mark_forgotten{0};   // the modem cannot be relied on to answer the marks sent so far
+static std::atomic<uint8_t> escape_wanted{0};  // the modem may sit at the prompt
+static std::atomic<uint8_t> mark_forgotten{0}; // the modem cannot be relied on to answer the marks sent so far
 
 // Guarded by request_mutex.
 static unsigned marks_out;
@@ -42,12 +45,18 @@ static int64_t marks_quiet; // one of several marks has been answered: how long 
 static bool mark_echoed;
 
 // FNV-1a; tells texts apart, no more.
-static uint32_t hash_text(const char *text, size_t length)
+static uint32_t hash_text(std::string_view text)
 {
     uint32_t hash = 0x811c9dc5;
-    for (size_t i = 0; i < length; i++)
-        hash = (hash ^ static_cast<unsigned char>(text[i])) * 0x01000193;
+    for (char each : text)
+        hash = (hash ^ static_cast<unsigned char>(each)) * 0x01000193;
     return hash;
+}
+
+// The line end may be there or not.
+static uint32_t hash_command(std::string_view command)
+{
+    return hash_text(command.ends_with('\r') ? command.substr(0, command.size() - 1) : command);
 }
 
 uint32_t link_command_queued(const char *command, bool awaited)
@@ -56,32 +65,71 @@ uint32_t link_command_queued(const char *command, bool awaited)
     if (!awaited)
         last_unawaited.store(monotonic_ms());
     uint32_t number = queued.load() + 1;
-    command_hashes[number % HASHES_KEPT].store(hash_text(command, strlen(command)));
+    command_hashes[number % HASHES_KEPT].store(hash_command(command));
     queued.store(number);
     return number;
 }
 
-// Some modems repeat an answer. One that holds more than a final result and equals the last one, though the next command that is to be
-// answered is another one, is that. A bare final result cannot be told from the next command's.
+// The last answer, as far as it can be told from others: a bare final result cannot. Only the response processor.
+static struct {
+    uint32_t command; // hashes
+    uint32_t text;
+    size_t length; // 0 when it cannot be told
+} last_answer;
+
+static std::string_view without_line_ends(std::string_view text)
+{
+    size_t first = text.find_first_not_of("\r\n");
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of("\r\n") + 1 - first);
+}
+
+static bool has(std::string_view text, std::string_view part)
+{
+    return text.find(part) != std::string_view::npos;
+}
+
+static void remember_answer(std::string_view answer, uint32_t command, bool in_step)
+{
+    bool mark = has(answer, MARK_ANSWER);
+    bool tells = has(answer, "+") && !has(answer, "+CME ERROR") && !has(answer, "+CMS ERROR");
+    last_answer.command = mark ? hash_command(MARK) : command;
+    last_answer.text = hash_text(answer);
+    last_answer.length = mark || (tells && in_step) ? answer.size() : 0; // out of step nobody knows whose it is
+}
+
+// Within a burst a report may stand between an answer and its repetition.
+static bool repeats_last(std::string_view answer, bool within_burst)
+{
+    size_t length = last_answer.length;
+    if (length == 0 || answer.size() < length || (answer.size() > length && !within_burst))
+        return false;
+    size_t front = answer.size() - length;
+    return (front == 0 || answer[front - 1] == '\n') && last_answer.text == hash_text(answer.substr(front));
+}
+
+// Some modems repeat an answer. One that equals the last one, though another command's is due (or none), is that.
 void link_strip_repeated(char *text)
 {
-    static size_t last_length; // of the last answer and its hash: only this thread
-    static uint32_t last_hash;
-    size_t length = strlen(text);
-    uint32_t now = answered.load();
-    bool same_command = queued.load() != now && command_hashes[now % HASHES_KEPT].load() ==
-                                                    command_hashes[(now + 1) % HASHES_KEPT].load();
-    bool in_step = !out_of_step.load() && !strstr(text, MARK_ANSWER); // otherwise the numbers do not tell whose turn it is
-    if (in_step && !same_command && last_length > 0 && length >= last_length && hash_text(text, last_length) == last_hash) {
-        memmove(text, text + last_length, length - last_length + 1);
-        length -= last_length;
-        link_statistics.late_answers.fetch_add(1);
+    uint32_t turn = arrived.load() + 1;
+    char *place = text;
+    while (results_in(place) > 0) {
+        const char *end = behind_result(place);
+        std::string_view answer = without_line_ends({place, static_cast<size_t>(end - place)});
+        bool in_step = !out_of_step.load();
+        bool due = static_cast<int32_t>(queued.load() - turn) >= 0;
+        uint32_t command = due ? command_hashes[turn % HASHES_KEPT].load() : 0;
+        bool expected = due && command == last_answer.command;
+        if (in_step && !expected && repeats_last(answer, place != text)) {
+            memmove(place, end, strlen(end) + 1);
+            link_statistics.late_answers.fetch_add(1);
+            continue;
+        }
+        remember_answer(answer, command, in_step);
+        turn += due;
+        place += end - place;
     }
-    if (length == 0)
-        return;
-    bool tells = strchr(text, '+') && !strstr(text, "+CME ERROR") && !strstr(text, "+CMS ERROR");
-    last_length = tells ? length : 0;
-    last_hash = hash_text(text, last_length);
 }
 
 static uint32_t unanswered()
@@ -92,24 +140,30 @@ static uint32_t unanswered()
 
 void link_answers_arrived(unsigned count)
 {
-    uint32_t seen = answered.load();
+    uint32_t seen = arrived.load();
     uint32_t owed;
     do {
         owed = queued.load() - seen;
-    } while (!answered.compare_exchange_weak(seen, seen + (count < owed ? count : owed)));
+    } while (!arrived.compare_exchange_weak(seen, seen + (count < owed ? count : owed)));
 }
 
-bool link_queued_since(uint32_t number)
+static void raise_to(std::atomic<uint32_t> *counter, uint32_t number)
 {
-    return queued.load() != number;
+    uint32_t seen = counter->load();
+    while (static_cast<int32_t>(number - seen) > 0 && !counter->compare_exchange_weak(seen, number)) {
+    }
+}
+
+void link_answers_passed_on()
+{
+    raise_to(&answered, arrived.load());
 }
 
 // Everything up to that command counts as answered.
 static void settle(uint32_t number)
 {
-    uint32_t seen = answered.load();
-    while (static_cast<int32_t>(number - seen) > 0 && !answered.compare_exchange_weak(seen, number)) {
-    }
+    raise_to(&arrived, number);
+    raise_to(&answered, number);
 }
 
 void link_out_of_step(LinkFault fault)
@@ -179,7 +233,7 @@ static bool take_owed_answers(int64_t deadline_ms)
 
 static bool send_mark()
 {
-    if (escape_wanted.load() && queue_command(ESCAPE, 0, MARK_PATIENCE_MS, Owes::nothing, nullptr) == -1)
+    if (escape_wanted.load() && queue_command(LINK_ESCAPE, 0, MARK_PATIENCE_MS, Owes::nothing, nullptr) == -1)
         return false;
     if (queue_command(MARK, 0, MARK_PATIENCE_MS, Owes::awaited, &mark_number) == -1)
         return false;
@@ -200,8 +254,8 @@ static bool at_prompt(const char *text)
 static bool wait_for_mark(int64_t deadline_ms)
 {
     for (;;) {
-        if (marks_quiet == 0 && (marks_out == 0 || mark_forgotten.load() || monotonic_ms() - mark_sent >= MARK_RENEWAL_MS) &&
-            !send_mark())
+        if (marks_quiet == 0 &&
+            (marks_out == 0 || mark_forgotten.load() || monotonic_ms() - mark_sent >= MARK_RENEWAL_MS) && !send_mark())
             return false;
         int64_t limit = marks_quiet ? marks_quiet : mark_sent + MARK_RENEWAL_MS;
         char *text = next_answer(limit < deadline_ms ? limit : deadline_ms);
@@ -245,9 +299,8 @@ static bool switch_echo_off(int64_t deadline_ms)
     return true;
 }
 
-bool link_get_in_step(int64_t deadline_ms, uint32_t *answered_to)
+bool link_get_in_step(int64_t deadline_ms)
 {
-    *answered_to = queued.load(); // before the look at what is owed: what is queued in between is owed still
     if (g_scanning.load())
         return running.load(); // the command will be refused; the scan's own answer is nothing to get in step with
     if (!out_of_step.load() && (unanswered() == 0 || take_owed_answers(deadline_ms)))
@@ -260,23 +313,21 @@ bool link_get_in_step(int64_t deadline_ms, uint32_t *answered_to)
     marks_quiet = 0;
     mark_echoed = false;
     settle(mark_number);
-    *answered_to = mark_number;
     escape_wanted.store(0);
     out_of_step.store(0);
     if (mark_forgotten.load()) // the modem restarted in the meantime
         out_of_step.store(1);
     if (echo && !switch_echo_off(deadline_ms))
         return false;
-    if (echo)
-        *answered_to = queued.load();
     return until(deadline_ms) > 0;
 }
 
 void log_link_statistics()
 {
     static uint32_t last[5];
-    const std::atomic<uint32_t> *counters[] = {&link_statistics.commands, &link_statistics.timeouts, &link_statistics.late_answers,
-                                               &link_statistics.marks, &link_statistics.gap_bursts};
+    const std::atomic<uint32_t> *counters[] = {&link_statistics.commands, &link_statistics.timeouts,
+                                               &link_statistics.late_answers, &link_statistics.marks,
+                                               &link_statistics.gap_bursts};
     uint32_t since[5];
     bool anything = false;
     for (int i = 0; i < 5; i++) {

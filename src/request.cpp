@@ -10,17 +10,23 @@
 #include "celmux.h"
 #include "link_step.h"
 #include "log.h"
-#include "resp_processor.h"
 #include "waiting.h"
 
-constexpr uint32_t ALLOC_PATIENCE_MS = 3000;  // for a sender that takes nothing off the queue any more
-constexpr uint32_t TIMEOUT_MAX_MS = 600000;   // a caller's mistake must not hold everybody up for weeks
-constexpr int64_t SCAN_LIMIT_MS = 300000;     // a scan without an answer for so long has none coming
+constexpr uint32_t ALLOC_PATIENCE_MS = 3000; // for a sender that takes nothing off the queue any more
+constexpr uint32_t TIMEOUT_MAX_MS = 600000;  // a caller's mistake must not hold everybody up for weeks
+constexpr int64_t SCAN_LIMIT_MS = 300000;    // a scan without an answer for so long has none coming
 
 // Makes exchanges strictly one at a time.
 static pthread_mutex_t request_mutex = PTHREAD_MUTEX_INITIALIZER;
-// Makes numbering a command and queueing it one step, so that answers come in the order of the numbers. Held for that only.
+// Makes numbering a command and queueing it one step, so that answers come in the order of the numbers; guards what
+// stands below it. Held for that only.
 static pthread_mutex_t order_mutex = PTHREAD_MUTEX_INITIALIZER;
+// While an exchange is open, commands without a waiting caller are held back: one would take the place of an answer
+// that does not come, or end up in the text of a message.
+static bool exchange_open;
+constexpr unsigned HELD_MAX = 16; // leaves the exchange room in at_tx_queue
+static TextElem *held[HELD_MAX];
+static unsigned held_count;
 static std::atomic<int64_t> scan_started{0}; // monotonic ms
 
 void end_scan()
@@ -57,7 +63,7 @@ static bool copy_command(TextElem *element, const char *command, int append_cr)
 
 int queue_command(const char *command, int append_cr, uint32_t patience_ms, Owes owes, uint32_t *number)
 {
-    if (scan_runs()) {
+    if (owes != Owes::nothing && scan_runs()) { // what belongs to the command before it is not refused
         CELMUX_LOG(LOG_INFO, "modem busy", "at_enqueue");
         return -1;
     }
@@ -82,13 +88,56 @@ int queue_command(const char *command, int append_cr, uint32_t patience_ms, Owes
             end_scan();
         return -1;
     }
+    uint32_t order = 0;
     pthread_mutex_lock(&order_mutex);
-    uint32_t order = owes == Owes::nothing ? 0 : link_command_queued(command, owes == Owes::awaited);
-    pool_queue_push(&at_tx_queue, element);
+    bool hold = owes == Owes::unawaited && exchange_open;
+    bool room = !hold || held_count < HELD_MAX;
+    if (hold && room) {
+        held[held_count++] = element;
+    } else if (room) {
+        if (owes != Owes::nothing)
+            order = link_command_queued(command, owes == Owes::awaited);
+        pool_queue_push(&at_tx_queue, element);
+    }
     pthread_mutex_unlock(&order_mutex);
+    if (!room) {
+        CELMUX_LOG(LOG_ERR, "too many commands wait, refused: %s", "at_enqueue", Masked(command).text);
+        free(element->text);
+        element->text = nullptr;
+        pool_queue_release(&at_tx_queue, element);
+        if (scan)
+            end_scan();
+        return -1;
+    }
     if (number)
         *number = order;
     return 0;
+}
+
+static void open_exchange()
+{
+    pthread_mutex_lock(&order_mutex);
+    exchange_open = true;
+    pthread_mutex_unlock(&order_mutex);
+}
+
+// Lets the commands go that were held back. `at_prompt`: the modem may still wait for the text of a message.
+static void close_exchange(bool at_prompt)
+{
+    pthread_mutex_lock(&order_mutex);
+    bool escape = at_prompt && held_count > 0;
+    pthread_mutex_unlock(&order_mutex);
+    if (escape)
+        (void)queue_command(LINK_ESCAPE, 0, ALLOC_PATIENCE_MS, Owes::nothing,
+                            nullptr); // a full queue has been logged there
+    pthread_mutex_lock(&order_mutex);
+    exchange_open = false;
+    for (unsigned i = 0; i < held_count; i++) {
+        link_command_queued(held[i]->text, false);
+        pool_queue_push(&at_tx_queue, held[i]);
+    }
+    held_count = 0;
+    pthread_mutex_unlock(&order_mutex);
 }
 
 int at_enqueue(const char *command, int append_cr)
@@ -155,40 +204,6 @@ int wait_for_response(char **answer, const char *expected, uint32_t timeout_ms)
     return running.load() ? -1 : 0;
 }
 
-// Cuts a burst down to the answer behind its first `skip` final results, and when `alone` to that answer only.
-static void cut_to_answer(char *text, unsigned skip, bool alone)
-{
-    const char *start = text;
-    for (; skip > 0; skip--)
-        start = behind_result(start);
-    size_t length = alone ? static_cast<size_t>(behind_result(start) - start) : strlen(start);
-    memmove(text, start, length);
-    text[length] = '\0';
-}
-
-// Waits for the answer to the command of that number, before which `earlier` answers to other commands come.
-static int wait_for_own(uint32_t number, unsigned earlier, char **answer, const char *expected, int64_t deadline)
-{
-    *answer = nullptr;
-    while (char *text = take_answer(deadline)) {
-        unsigned results = results_in(text);
-        if (results > 0 && results <= earlier) {
-            earlier -= results;
-            link_statistics.late_answers.fetch_add(1);
-        } else {
-            if (results > 1 && (earlier > 0 || link_queued_since(number)))
-                cut_to_answer(text, earlier, link_queued_since(number));
-            earlier = 0;
-            if (acceptable(text, expected)) {
-                *answer = text;
-                return 0;
-            }
-        }
-        free(text);
-    }
-    return running.load() ? -1 : 0;
-}
-
 // 0, or the error number of the wait. Whole seconds, on the realtime clock.
 static int lock_requests(uint32_t timeout_ms)
 {
@@ -206,14 +221,14 @@ static uint32_t bounded_timeout(uint32_t timeout_ms)
 // One exchange with request_mutex held: in step, nothing stale, the command, its answer.
 static int exchange(const char *command, char **answer, const char *expected, int append_cr, int64_t deadline)
 {
-    uint32_t answered_to, number;
-    if (!link_get_in_step(deadline, &answered_to))
+    if (!link_get_in_step(deadline))
         return running.load() ? -1 : 0;
     while (flush_response() == 0) {
     }
-    if (queue_command(command, append_cr, ALLOC_PATIENCE_MS, Owes::awaited, &number) == -1)
+    if (queue_command(command, append_cr, ALLOC_PATIENCE_MS, Owes::awaited, nullptr) == -1)
         return -1;
-    int result = wait_for_own(number, number - answered_to - 1, answer, expected, deadline);
+    int64_t left = deadline - monotonic_ms();
+    int result = wait_for_response(answer, expected, left > 0 ? static_cast<uint32_t>(left) : 0);
     if (result == -1)
         link_out_of_step(LinkFault::timeout);
     return result;
@@ -228,7 +243,9 @@ int request(const char *command, char **answer, const char *expected, int append
         return error;
     }
     char *text = nullptr;
+    open_exchange();
     int result = exchange(command, &text, expected, append_cr, monotonic_ms() + timeout_ms);
+    close_exchange(false);
     pthread_mutex_unlock(&request_mutex);
     if (result == 0)
         *answer = text;
@@ -299,13 +316,14 @@ int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
         return error;
     }
     log_debug("start flush while\n");
-    uint32_t answered_to;
-    bool in_step = link_get_in_step(monotonic_ms() + timeout_ms, &answered_to);
+    open_exchange();
+    bool in_step = link_get_in_step(monotonic_ms() + timeout_ms);
     while (flush_response() == 0) {
     }
     log_debug("stop flush while\n");
     int result = in_step ? send_pdu(pdu, length, timeout_ms) : -1;
     log_debug("exit thread\n");
+    close_exchange(result == -1);
     pthread_mutex_unlock(&request_mutex);
     return result;
 }

@@ -203,11 +203,15 @@ void *resp_processor(void *)
         TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, IDLE_MS));
         if (!burst)
             continue;
-        if (matching_result(expected, last_line(burst->text)))
-            link_strip_repeated(burst->text);
-        unsigned results = results_in(burst->text);
-        process_burst(burst, expected);
-        link_answers_arrived(results); // last: who sees that nothing is owed finds every answer in the queue
+        bool answers = results_in(burst->text) > 0;
+        link_strip_repeated(burst->text);
+        link_answers_arrived(results_in(burst->text));
+        if (!answers || burst->text[strspn(burst->text, "\r\n")]) // more than a repeated answer
+            process_burst(burst, expected);
+        else
+            free(burst->text);
+        burst->text = nullptr;
+        link_answers_passed_on(); // who sees that nothing is owed finds every answer in the queue
         pool_queue_release(&at_rx_queue, burst);
     }
     log_info("%s thread exit gracefully", __func__);

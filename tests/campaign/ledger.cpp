@@ -48,8 +48,6 @@ void Ledger::sent(const std::string &key, const std::string &text, const std::ve
 
 void Ledger::deleted_by_client(const json &message)
 {
-    if (!message.is_object() || !message.contains("message"))
-        return;
     std::string key = key_in(text_of(message));
     std::lock_guard lock(mutex_);
     if (!key.empty())

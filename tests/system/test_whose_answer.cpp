@@ -91,7 +91,8 @@ struct WhoseAnswer : testing::Test {
             while (TextElem *element = static_cast<TextElem *>(pool_queue_try_pop(queue)))
                 free(element->text);
         }
-        std::filesystem::remove_all(folder);
+        if (!getenv("CELMUX_KEEP_ROOTS"))
+            std::filesystem::remove_all(folder);
     }
     void start(const std::string &troubles)
     {
@@ -180,7 +181,7 @@ struct WhoseAnswer : testing::Test {
             else if (commands[std::stol(match[1])] == each.command + "\\r")
                 counts.right++;
             else if (++counts.wrong < 5)
-                printf("%s got: %s\n", each.command.c_str(), each.answer.c_str());
+                printf("%s got: %s\nto %s\n", each.command.c_str(), each.answer.c_str(), commands[std::stol(match[1])].c_str());
         }
     }
     void run_mix(int exchanges, const std::string &late, uint32_t timeout_ms)
@@ -220,9 +221,7 @@ struct WhoseAnswer : testing::Test {
     }
 };
 
-// Not yet right for long runs: about one answer in a thousand still goes astray where a repeated answer meets a command that nobody waits
-// for. Run it with --gtest_also_run_disabled_tests.
-TEST_F(WhoseAnswer, DISABLED_NobodyGetsAnotherCallersAnswerOrHalfOfOne)
+TEST_F(WhoseAnswer, NobodyGetsAnotherCallersAnswerOrHalfOfOne)
 {
     const char *late = getenv("CELMUX_LATE");
     std::string bounds = late ? late : "300 900";

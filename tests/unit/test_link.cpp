@@ -441,14 +441,56 @@ TEST_F(AnswerTest, StaleAnswersAreFlushed)
 TEST_F(AnswerTest, AMarkAnsweredAtTheEndOfATimeOutCountsForTheNextRequest)
 {
     Thread processor(resp_processor);
-    uint32_t answered_to;
     for (LinkFault fault : {LinkFault::timeout, LinkFault::restarted}) { // two marks, one of which is lost
         link_out_of_step(fault);
-        EXPECT_FALSE(link_get_in_step(monotonic_ms() + 20, &answered_to));
+        EXPECT_FALSE(link_get_in_step(monotonic_ms() + 20));
     }
     burst("\r\n+CGMI: \"Maker\"\r\n\r\nOK\r\n");
-    EXPECT_FALSE(link_get_in_step(monotonic_ms() + 100, &answered_to)); // the other one may still come
-    EXPECT_TRUE(link_get_in_step(monotonic_ms() + 5000, &answered_to));
+    EXPECT_FALSE(link_get_in_step(monotonic_ms() + 100)); // the other one may still come
+    EXPECT_TRUE(link_get_in_step(monotonic_ms() + 5000));
+}
+
+TEST_F(AnswerTest, CommandsThatNobodyWaitsForAreHeldBackDuringAnExchange)
+{
+    Thread processor(resp_processor);
+    std::thread modem([] {
+        EXPECT_EQ(next_command(), "AT+X?\r");
+        for (int i = 0; i < 20; i++)
+            EXPECT_EQ(at_enqueue_nowait("AT+Y\r", 0), i < 16 ? 0 : -1);
+        EXPECT_EQ(at_tx_queue.msg_count.load(), 0);
+        burst("\r\n+X: 1\r\n\r\nOK\r\n");
+    });
+    char *answer = nullptr;
+    EXPECT_EQ(request("AT+X?", &answer, "+X:", 1, 5000), 0);
+    free(answer);
+    modem.join();
+    EXPECT_EQ(log_count("too many commands wait, refused: AT+Y"), 4);
+    for (int i = 0; i < 16; i++)
+        EXPECT_EQ(next_command(), "AT+Y\r");
+}
+
+TEST_F(AnswerTest, ARepeatedAnswerIsNotTheNextCommandsOwn)
+{
+    Thread processor(resp_processor);
+    const struct {
+        std::vector<std::string> bursts;
+    } rows[] = {
+        {{"\r\n+X: 1\r\n\r\nOK\r\n", "\r\n+Y: 1\r\n\r\nOK\r\n"}},
+        {{"\r\n+X: 1\r\n\r\nOK\r\n\r\n+Y: 1\r\n\r\nOK\r\n"}},
+        {{"\r\n+X: 1\r\n\r\nOK\r\n\r\n+CTZV: +8\r\n", "\r\n+Y: 1\r\n\r\nOK\r\n"}},
+    };
+    for (const auto &row : rows) {
+        char *answer = nullptr;
+        std::thread first = answer_next({"\r\n+X: 1\r\n\r\nOK\r\n"});
+        EXPECT_EQ(request("AT+X?", &answer, nullptr, 1, 5000), 0);
+        free(answer);
+        first.join();
+        std::thread second = answer_next(row.bursts);
+        EXPECT_EQ(request("AT+Y?", &answer, nullptr, 1, 5000), 0);
+        EXPECT_STREQ(answer, "\r\n+Y: 1\r\n\r\nOK\r\n");
+        free(answer);
+        second.join();
+    }
 }
 
 TEST_F(AnswerTest, ExecRetrySendsUntilOk)
