@@ -12,11 +12,11 @@
 #include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
+#include "final_results.h"
 #include "link_step.h"
 #include "log.h"
 #include "port.h"
 #include "request.h"
-#include "resp_processor.h"
 #include "waiting.h"
 
 constexpr uint32_t GROWTH = 1024;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "at_text.h"
+#include "final_results.h"
 #include "log.h"
 #include "message_decode.h"
 #include "message_merge.h"
@@ -42,6 +43,7 @@ static void sim_ready(std::string_view)
                                            "AT+CPMS?\r"};
     for (const char *command : commands)
         (void)at_enqueue_nowait(command, 0); // refused and not repeated while a scan runs; logged there
+    g_sms_sweep.store(1);
 }
 
 static void new_message(std::string_view line)

@@ -7,9 +7,9 @@
 
 #include "at_mask.h"
 #include "celmux.h"
+#include "final_results.h"
 #include "log.h"
 #include "request.h"
-#include "resp_processor.h"
 #include "waiting.h"
 
 constexpr char MARK[] = "AT+CGMI?\r";

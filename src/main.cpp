@@ -11,6 +11,7 @@
 #include "at_sender.h"
 #include "celmux.h"
 #include "config.h"
+#include "final_results.h"
 #include "log.h"
 #include "message_store.h"
 #include "probe.h"
@@ -88,7 +89,8 @@ static void wait_for_stop(const sigset_t *signals)
     } while (sig != SIGINT && sig != SIGTERM);
 }
 
-// A worker may hang in a library or a device that knows nothing of `running`; what it holds is lost then, the messages are not.
+// A worker may hang in a library or a device that knows nothing of `running`; what it holds is lost then, the messages
+// are not.
 static void leave_workers_behind()
 {
     CELMUX_LOG(LOG_ERR, "a thread does not end, leaving it behind", "main");
@@ -103,7 +105,8 @@ static void join_workers()
         while (worker->started && !worker->ended.load()) {
             uint32_t seen = ended_word.load();
             if (worker == ubus_worker)
-                pthread_kill(worker->thread, SIGUSR1); // again and again: one that comes between two waits of a library is lost
+                pthread_kill(worker->thread,
+                             SIGUSR1); // again and again: one that comes between two waits of a library is lost
             if (worker->ended.load())
                 break;
             if (monotonic_ms() >= deadline)

@@ -193,14 +193,27 @@ static void read_announced_sms(int32_t index)
     }
 }
 
-// Indexes were dropped because the queue was full: has the modem list what the SIM still holds. The indication handler
-// stores and deletes what is listed.
+// Without a usable SIM there is nothing to list until "+SIM READY" (3GPP TS 27.005 3.2.5, 27.007 9.2.1).
+static bool sim_unusable(const AtAnswer &answer)
+{
+    static const char *const REASONS[] = {"+CMS ERROR: 310", "+CMS ERROR: 311", "+CMS ERROR: 316",
+                                          "+CME ERROR: 10",  "+CME ERROR: 11",  "+CME ERROR: 12"};
+    for (const char *reason : REASONS) {
+        if (answer.text && strstr(answer.text, reason))
+            return true;
+    }
+    return false;
+}
+
+// Messages came while nobody listened, or indexes were dropped because the queue was full: has the modem list what the
+// SIM still holds. The indication handler stores and deletes what is listed.
 static void sweep_sim(RequesterState *state)
 {
     constexpr uint32_t LISTING_MS = 10000;
     AtAnswer answer;
     g_sms_sweep.store(0);
-    if (request("AT+CMGL=4\r", &answer.text, nullptr, 0, LISTING_MS) != 0 || !answer.usable()) {
+    int result = request("AT+CMGL=4\r", &answer.text, nullptr, 0, LISTING_MS);
+    if (result != 0 || (!answer.usable() && !sim_unusable(answer))) {
         g_sms_sweep.store(1);
         state->may_sweep = false;
     }
@@ -255,10 +268,16 @@ void requester_pass(RequesterState *state)
 
 static bool modem_is_expected()
 {
-    AtAnswer answer;
-    for (int i = 0; i < TRIES; i++) {
-        if (request("AT+CGMI?", &answer.text, "+CGMI:", 1, AT_TIMEOUT_MS) == 0)
+    constexpr int BUSY_TRIES = 180; // a network scan that a stopped daemon left behind ends within that many seconds
+    int failed = 0;
+    for (int i = 0; i < BUSY_TRIES && failed < TRIES && running.load(); i++) {
+        AtAnswer answer;
+        if (request("AT+CGMI?", &answer.text, "+CGMI:", 1, AT_TIMEOUT_MS) != 0)
+            failed++;
+        else if (!answer.text || !strstr(answer.text, "+CME ERROR: 14")) // SIM busy
             return answer.text && strstr(answer.text, "Fibocom");
+        else
+            (void)sleep_while_running(PASS_MS);
     }
     CELMUX_LOG(LOG_INFO, "%s failed", "get_modem_manufacturer", "AT+CGMI?");
     return false;
@@ -277,6 +296,7 @@ void *requester(void *)
     if (expected) {
         if (set_modem() != 0)
             log_info("set_modem failed");
+        g_sms_sweep.store(1);
         set_ready(&t_requester_ready);
     }
     RequesterState state = requester_start();

@@ -6,8 +6,7 @@
 #include <cstring>
 
 #include "at_mask.h"
-#include "at_text.h"
-#include "config.h"
+#include "final_results.h"
 #include "indications.h"
 #include "link_step.h"
 #include "log.h"
@@ -18,19 +17,8 @@ constexpr int64_t NO_INDEX = 0;
 constexpr unsigned PENDING_MAX = 128; // as many as incomming_sms_queue holds
 
 std::atomic<uint8_t> g_sms_sweep{0};
-// Written once, when the thread starts; the listener reads it as well, so it is freed after both have ended.
-static std::atomic<ExpectedResults *> shared_results{nullptr};
 // Indexes that wait in incomming_sms_queue, each plus 1: filled by this thread, emptied by the requester.
 static std::atomic<int64_t> pending_indexes[PENDING_MAX];
-
-const char *last_line(const char *text)
-{
-    const char *line = text;
-    const char *end;
-    while ((end = strchr(line, '\n')) && end[1] != '\0')
-        line = end + 1;
-    return line;
-}
 
 int resp_enqueue(TextElem *element)
 {
@@ -92,43 +80,6 @@ void sms_index_done(int32_t index)
         slot->store(NO_INDEX);
 }
 
-static const char *matching_result(const ExpectedResults *expected, const char *line)
-{
-    for (uint32_t i = 0; expected && i < expected->count; i++) {
-        const char *entry = expected->entries[i];
-        if (entry && strncmp(line, entry, strlen(entry)) == 0)
-            return entry;
-    }
-    return nullptr;
-}
-
-bool ends_with_result(const char *text)
-{
-    const char *line = last_line(text);
-    return strncmp(line, "> ", 2) == 0 || (strchr(line, '\n') && matching_result(shared_results.load(), line));
-}
-
-const char *behind_result(const char *text)
-{
-    std::string_view rest = text, line;
-    while (next_line(&rest, &line)) {
-        if (!matching_result(shared_results.load(), line.data()))
-            continue;
-        size_t end = rest.find('\n');
-        return end == std::string_view::npos ? rest.data() + rest.size() : rest.data() + end + 1;
-    }
-    return text + strlen(text);
-}
-
-unsigned results_in(const char *text)
-{
-    unsigned count = 0;
-    std::string_view rest = text, line;
-    while (next_line(&rest, &line))
-        count += matching_result(shared_results.load(), line.data()) != nullptr;
-    return count;
-}
-
 // A modem that says so after a silence has restarted, and answers nothing that it was asked before.
 static void watch_for_restart(const char *text)
 {
@@ -140,9 +91,9 @@ static void watch_for_restart(const char *text)
     last_burst = now;
 }
 
-static void process_text(TextElem *burst, const ExpectedResults *expected)
+static void process_text(TextElem *burst)
 {
-    const char *result = matching_result(expected, last_line(burst->text));
+    const char *result = matching_result(last_line(burst->text));
     if (!result) {
         CELMUX_LOG(LOG_INFO, "Unsolicited message: %s", "resp_processor", Masked(burst->text).text);
         handle_indications(burst);
@@ -158,46 +109,24 @@ static void process_text(TextElem *burst, const ExpectedResults *expected)
         (void)resp_enqueue(burst); // a failure is logged there and leaves nothing to free
 }
 
-void free_results()
-{
-    free_expected_results(shared_results.exchange(nullptr));
-}
-
-// Length of the text up to the last line that is a result, when other lines follow it; 0 otherwise.
-static size_t answer_length(const char *text, const ExpectedResults *expected)
-{
-    std::string_view rest = text, line;
-    size_t length = 0;
-    bool followed = false;
-    while (next_line(&rest, &line)) {
-        followed = !matching_result(expected, line.data());
-        if (!followed)
-            length = static_cast<size_t>(line.data() + line.size() - text);
-    }
-    return followed ? length : 0;
-}
-
 // A report may stand right behind an answer, as "+CGEV:" behind that of a data call: the answer is one all the same.
-static void process_burst(TextElem *burst, const ExpectedResults *expected)
+static void process_burst(TextElem *burst)
 {
     watch_for_restart(burst->text);
-    size_t length = answer_length(burst->text, expected);
+    size_t length = length_to_last_result(burst->text);
     TextElem answer = {length ? static_cast<char *>(malloc(length + 3)) : nullptr, static_cast<uint32_t>(length + 3)};
     if (answer.text) {
         memcpy(answer.text, burst->text, length);
         memcpy(answer.text + length, "\r\n", 3);
         memmove(burst->text, burst->text + length, strlen(burst->text + length) + 1);
-        process_text(&answer, expected);
+        process_text(&answer);
     }
-    process_text(burst, expected);
+    process_text(burst);
 }
 
 void *resp_processor(void *)
 {
-    ExpectedResults *expected = nullptr;
-    if (load_expected_results(&expected) == 0)
-        log_info("load expected results ok");
-    shared_results.store(expected);
+    load_results();
     set_ready(&t_processor_ready);
     while (running.load()) {
         TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, IDLE_MS));
@@ -207,7 +136,7 @@ void *resp_processor(void *)
         link_strip_repeated(burst->text);
         link_answers_arrived(results_in(burst->text));
         if (!answers || burst->text[strspn(burst->text, "\r\n")]) // more than a repeated answer
-            process_burst(burst, expected);
+            process_burst(burst);
         else
             free(burst->text);
         burst->text = nullptr;

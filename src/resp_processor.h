@@ -1,5 +1,5 @@
-// Sorts what the modem sends: a burst whose last line begins with a configured final result answers the command in progress, every other
-// one is unsolicited. Every burst is also scanned for indications.
+// Sorts what the modem sends: a burst whose last line begins with a configured final result answers the command in
+// progress, every other one is unsolicited. Every burst is also scanned for indications.
 #pragma once
 
 #include <atomic>
@@ -10,29 +10,16 @@
 // Thread function.
 void *resp_processor(void *);
 
-// Frees the list of final results; after listener and response processor have ended.
-void free_results();
-
-// The last line of a burst, with its line end: the text behind the last "\n" that is followed by another character.
-const char *last_line(const char *text);
-
-// Does the text end with a whole line that begins with a configured final result, or with the prompt? Any thread.
-bool ends_with_result(const char *text);
-
-// How many final results the text holds, each at the start of a line; and what stands behind the line of the first one (the end of the text
-// without one). Any thread.
-unsigned results_in(const char *text);
-const char *behind_result(const char *text);
-
 // Passes an answer on to the waiting request; takes the text over. When the queue is full its oldest answer makes room.
 // 0, or -1 after a log line (the text is freed then). Only the response processor's thread.
 int resp_enqueue(TextElem *element);
 
-// Announces a SIM storage index to the requester. An index that already waits is not queued twice; when the queue is full the index is
-// dropped with a log line and g_sms_sweep is set. 0 or -1. Only the response processor's thread.
+// Announces a SIM storage index to the requester. An index that already waits is not queued twice; when the queue is
+// full the index is dropped with a log line and g_sms_sweep is set. 0 or -1. Only the response processor's thread.
 int sms_index_enqueue(int32_t index);
 // The requester has taken the index off the queue: it may be announced again.
 void sms_index_done(int32_t index);
 
-// Set when an index was dropped: the requester then lists the SIM's stored messages once its queue is empty.
+// Set at the start, when a SIM is ready and when an index was dropped: the requester lists what the SIM holds once its
+// queue is empty.
 extern std::atomic<uint8_t> g_sms_sweep;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "file_ops.h"
+#include "final_results.h"
 #include "indications.h"
 #include "message_store.h"
 #include "request.h"

@@ -10,6 +10,7 @@
 
 #include "celmux.h"
 #include "config.h"
+#include "final_results.h"
 #include "fake_files.h"
 #include "fake_shell.h"
 #include "message_store.h"

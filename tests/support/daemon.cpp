@@ -42,6 +42,13 @@ void Daemon::start_celmuxd()
     }
 }
 
+bool Daemon::wait_until_calm()
+{
+    return wait_for([&] {
+        return celmuxd_.output().find("Send: AT+CMGL=4") != std::string::npos && call("get_rssi").result() != 65537;
+    });
+}
+
 std::string Daemon::troubles() const
 {
     constexpr size_t kept = 4000;

@@ -48,6 +48,9 @@ public:
         return bus.call(method, arguments);
     }
 
+    // Waits until the daemon asks nothing of its own accord any more: its first network scan has ended, and it has looked for messages.
+    bool wait_until_calm();
+
     // SIGTERM to celmuxd; the others stay, so that it can be started again.
     ExitStatus stop();
     void start_again();

@@ -15,7 +15,7 @@ public:
                     const std::vector<std::pair<std::string, std::string>> &files = {})
         : daemon(root, prepare(root, profile, files))
     {
-        if (!wait_until_free())
+        if (!daemon.wait_until_calm())
             throw std::runtime_error("the first network scan does not end");
     }
 

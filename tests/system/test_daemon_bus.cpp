@@ -70,6 +70,7 @@ TEST(DaemonBus, RefusesWhatItCannotUse)
         {"at_passthrough", {{"timeout_ms", 1000}}, 2},
         {"at_passthrough", {{"at", true}}, 2},
     };
+    ASSERT_TRUE(daemon.wait_until_calm());
     const std::string before = daemon.modem().record();
     for (const auto &row : rows) {
         BusAnswer answer = daemon.call(row.method, row.arguments);

@@ -230,8 +230,8 @@ TEST(Restart, FirstBootAndReboot)
     EXPECT_EQ(router.daemon.stop().code, 0);
     router.root.remove("/tmp/celmuxd_init");
     router.modem({{"do", "reset"}, {"ms", "50"}});
-    ASSERT_TRUE(wait_for([&] { // the restart begins a moment after it was asked for
-        return router.modem_state("/port/losses") == 1 && router.modem_state("/port/present") == true;
+    ASSERT_TRUE(wait_for([&] { // the restart begins a moment after it was asked for, and the SIM needs longest
+        return router.modem_state("/port/losses") == 1 && router.modem_state("/service") == true;
     }));
     (void)router.commands();
     router.daemon.start_again();

@@ -21,6 +21,7 @@
 #include "captured_log.h"
 #include "celmux.h"
 #include "config.h"
+#include "final_results.h"
 #include "indications.h"
 #include "link_step.h"
 #include "process.h"

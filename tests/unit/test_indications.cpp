@@ -8,6 +8,7 @@
 #include "fake_files.h"
 #include "fake_modem_link.h"
 #include "fake_shell.h"
+#include "final_results.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
 

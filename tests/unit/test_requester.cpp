@@ -104,7 +104,22 @@ TEST_F(Requester, ModemIsInitialisedWhenItIsTheExpectedOne)
     EXPECT_EQ(modem_runs, 1);
     EXPECT_EQ(log_count("set_modem failed", LOG_INFO), 1);
     EXPECT_EQ(t_requester_ready.load(), 1);
+    EXPECT_EQ(g_sms_sweep.load(), 1); // messages came while nobody listened
     EXPECT_EQ(log_count("requester thread exit gracefully", LOG_INFO), 1);
+    EXPECT_TRUE(fake_shell.commands.empty());
+}
+
+TEST_F(Requester, AModemInTheMiddleOfAScanIsWaitedFor)
+{
+    fake_link.answer_in_turn({"\r\n+CME ERROR: 14\r\n", "\r\n+CME ERROR: 14\r\n", std::nullopt, "\r\n+CME ERROR: 14\r\n",
+                              ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""})});
+    fake_clock.on_sleep = [this](uint32_t) {
+        if (modem_runs == 1)
+            running.store(0);
+    };
+    g_connecting.store(1);
+    requester(nullptr);
+    EXPECT_EQ(modem_runs, 1);
     EXPECT_TRUE(fake_shell.commands.empty());
 }
 
@@ -345,6 +360,12 @@ TEST_F(Requester, TheSimIsListedWhenIndexesWereDroppedAndTheQueueIsEmpty)
     for (int i = 0; i < 15; i++)
         requester_pass(&state);
     EXPECT_EQ(fake_link.sent, Strings(3, listing));
+    fake_link.reset();
+    fake_link.answer_always("\r\n+CMS ERROR: 310\r\n");
+    g_sms_sweep.store(1);
+    for (int i = 0; i < 15; i++)
+        requester_pass(&state);
+    EXPECT_EQ(fake_link.sent, Strings(1, listing)); // no SIM
     EXPECT_EQ(fake_link.expected.front(), "");
     EXPECT_EQ(fake_link.timeouts.front(), 10000u);
     EXPECT_EQ(g_sms_sweep.load(), 0);
