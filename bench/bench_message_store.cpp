@@ -1,20 +1,26 @@
 // What the message store costs by its size: adding one message, listing, saving, loading, memory. Works on a real file
-// in the folder given as first argument (default: the temporary folder).
+// in the folder given as first argument (default: the temporary folder) and prints JSON: an array with an object for
+// each number of messages, times in microseconds.
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <malloc.h>
+#include <nlohmann/json.hpp>
 #include <string>
 
 extern "C" {
 #include <libubox/blobmsg.h>
 }
 
+#include "file_ops.h"
 #include "message_merge.h"
 #include "message_store.h"
+
+constexpr size_t TEXT_SIZE = 140;
 
 // Best of `rounds`, in microseconds.
 static double best_time(int rounds, const std::function<void()> &work)
@@ -31,7 +37,7 @@ static double best_time(int rounds, const std::function<void()> &work)
 
 static void add_text(int number)
 {
-    std::string text(140, 'x');
+    std::string text(TEXT_SIZE, 'x');
     auto *message = static_cast<DecodedMessage *>(calloc(1, sizeof(DecodedMessage) + text.size()));
     snprintf(message->sender, sizeof message->sender, "49170%07d", number);
     strcpy(message->date, "24-03-15");
@@ -54,7 +60,21 @@ static void empty_store()
     message_array = {};
 }
 
-static void measure(int count, const char *path)
+// The disk's own time for as much as an added message takes.
+static double sync_time(const std::string &path)
+{
+    int fd = file_open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND);
+    const std::string record(2 * TEXT_SIZE, 'x');
+    double best = best_time(20, [&] {
+        if (fd < 0 || file_write(fd, record.data(), record.size()) != 0 || file_sync(fd) != 0)
+            abort();
+    });
+    (void)file_close(fd);
+    remove(path.c_str());
+    return best;
+}
+
+static nlohmann::json measure(int count, const char *path)
 {
     empty_store();
     remove(path);
@@ -83,16 +103,25 @@ static void measure(int count, const char *path)
         add_text(next++);
         save_messages(path);
     });
-    printf("%8d %10.1f %14.1f %13.1f %10.1f %10.1f %12zu\n", count, add, append, rewrite, load, list, heap);
     blob_buf_free(&reply);
+    return {{"messages", count},
+            {"add", add},
+            {"append", append},
+            {"sync", sync_time(std::string(path) + ".sync")},
+            {"rewrite", rewrite},
+            {"load", load},
+            {"list", list},
+            {"heap", heap},
+            {"per_byte", static_cast<double>(heap) / (static_cast<double>(count) * TEXT_SIZE)}};
 }
 
 int main(int argc, char **argv)
 {
     std::string path = std::string(argc > 1 ? argv[1] : "/tmp") + "/bench_messages";
-    printf("messages   add (us) add+save (us)  rewrite (us)  load (us)  list (us)  heap (bytes)\n");
+    nlohmann::json rows = nlohmann::json::array();
     for (int count : {10, 100, 1000, 5000})
-        measure(count, path.c_str());
+        rows.push_back(measure(count, path.c_str()));
     remove(path.c_str());
+    printf("%s\n", rows.dump().c_str());
     return 0;
 }

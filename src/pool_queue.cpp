@@ -1,5 +1,5 @@
-// The queue between the daemon's threads. Any thread may call any operation; no lock is taken. The counters decide who may
-// claim or fill a slot, the slots themselves hand the elements over.
+// The queue between the daemon's threads. Any thread may call any operation; no lock is taken. The counters decide who
+// may claim or fill a slot, the slots themselves hand the elements over.
 
 #include "pool_queue.h"
 
@@ -18,7 +18,8 @@ constexpr useconds_t SPIN_US = 10;
 namespace {
 struct Ring {
     std::atomic<void *> *slots;
-    uint32_t mask;
+    uint32_t capacity;
+    uint32_t ahead; // by so much an element's take index is ahead of the give index: it was full or empty at the start
     std::atomic<int32_t> *count;
     std::atomic<uint32_t> *take_index;
     std::atomic<uint32_t> *give_index;
@@ -31,14 +32,14 @@ struct Ring {
 
 static Ring free_ring_of(PoolQueue *q)
 {
-    return {q->free_ring,     q->capacity - 1, &q->free_count, &q->alloc_index, &q->release_index,
-            &q->free_waiters, q->free_sem,     &q->free_event, &q->free_event_waiters};
+    return {q->free_ring,      q->capacity,      q->capacity, &q->free_count, &q->alloc_index,
+            &q->release_index, &q->free_waiters, q->free_sem, &q->free_event, &q->free_event_waiters};
 }
 
 static Ring msg_ring_of(PoolQueue *q)
 {
-    return {q->msg_ring,     q->capacity - 1, &q->msg_count, &q->pop_index, &q->push_index,
-            &q->msg_waiters, q->msg_sem,      &q->msg_event, &q->msg_event_waiters};
+    return {q->msg_ring,    q->capacity,     0,          &q->msg_count, &q->pop_index,
+            &q->push_index, &q->msg_waiters, q->msg_sem, &q->msg_event, &q->msg_event_waiters};
 }
 
 // Takes one off a counter of waiters unless it is 0 already, so that two givers never make it wrap.
@@ -52,26 +53,52 @@ static bool retract(std::atomic<uint32_t> *waiters)
     return false;
 }
 
+// Takes one off the count. Never below 0, not even for a moment: two threads whose last tries before they sleep overlap
+// would otherwise hide an element from each other, and both sleep.
+static bool claim(std::atomic<int32_t> *count)
+{
+    int32_t seen = count->load();
+    while (seen > 0) {
+        if (count->compare_exchange_weak(seen, seen - 1))
+            return true;
+    }
+    return false;
+}
+
+// A slot holds the element, or null, and in the low bits (elements are aligned to 8 bytes) whose turn it is: how often,
+// modulo 8, the ring went around until the taker that gets this element, or the element that comes next. Without it a
+// thread that pauses between its claim and the slot while the others go once around would give out an element twice or
+// wipe one out. Two threads can only have the same number when 8 wait for the same slot.
+constexpr uintptr_t TURNS = 7;
+
+static uintptr_t turn_of(const Ring &ring, uint32_t take_index)
+{
+    return take_index / ring.capacity & TURNS;
+}
+
 static void *try_take(const Ring &ring)
 {
-    if (ring.count->fetch_sub(1) < 1) {
-        ring.count->fetch_add(1);
+    if (!claim(ring.count))
         return nullptr;
-    }
-    std::atomic<void *> &slot = ring.slots[ring.take_index->fetch_add(1) & ring.mask];
-    void *element;
-    while ((element = slot.load(std::memory_order_acquire)) == nullptr)
+    uint32_t index = ring.take_index->fetch_add(1);
+    std::atomic<void *> &slot = ring.slots[index & (ring.capacity - 1)];
+    uintptr_t turn = turn_of(ring, index);
+    uintptr_t held;
+    while ((held = reinterpret_cast<uintptr_t>(slot.load(std::memory_order_acquire))) <= TURNS ||
+           (held & TURNS) != turn)
         usleep(SPIN_US);
-    slot.store(nullptr, std::memory_order_release);
-    return element;
+    slot.store(reinterpret_cast<void *>(turn_of(ring, index + ring.capacity)), std::memory_order_release);
+    return reinterpret_cast<void *>(held - turn);
 }
 
 static void give(const Ring &ring, void *element)
 {
-    std::atomic<void *> &slot = ring.slots[ring.give_index->fetch_add(1) & ring.mask];
-    while (slot.load(std::memory_order_acquire) != nullptr)
+    uint32_t index = ring.give_index->fetch_add(1);
+    std::atomic<void *> &slot = ring.slots[index & (ring.capacity - 1)];
+    uintptr_t turn = turn_of(ring, index + ring.ahead);
+    while (slot.load(std::memory_order_acquire) != reinterpret_cast<void *>(turn))
         usleep(SPIN_US);
-    slot.store(element, std::memory_order_release);
+    slot.store(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(element) + turn), std::memory_order_release);
     ring.count->fetch_add(1);
     if (retract(ring.waiters))
         sem_post(ring.sem);
@@ -180,8 +207,9 @@ int pool_queue_init(PoolQueue *queue, uint32_t element_size, uint32_t capacity)
     queue->free_count = static_cast<int32_t>(queue->capacity);
     queue->msg_count = 0;
     for (std::atomic<uint32_t> *counter :
-         {&queue->free_waiters, &queue->free_event, &queue->free_event_waiters, &queue->alloc_index, &queue->release_index,
-          &queue->msg_waiters, &queue->msg_event, &queue->msg_event_waiters, &queue->pop_index, &queue->push_index})
+         {&queue->free_waiters, &queue->free_event, &queue->free_event_waiters, &queue->alloc_index,
+          &queue->release_index, &queue->msg_waiters, &queue->msg_event, &queue->msg_event_waiters, &queue->pop_index,
+          &queue->push_index})
         counter->store(0);
     return 0;
 }

@@ -11,7 +11,7 @@ struct alignas(64) PoolQueue {
     uint32_t elem_size; // rounded up to a multiple of 8
     uint32_t capacity;  // rounded up to a power of two
     unsigned char *storage;
-    std::atomic<void *> *free_ring; // null = empty slot
+    std::atomic<void *> *free_ring; // elements and empty slots, with their turns
     std::atomic<void *> *msg_ring;
 
     alignas(64) sem_t free_sem_embedded; // allocators sleep here

@@ -174,8 +174,8 @@ void Mischief::end()
                    {{"rat", 20},
                     {"pref1", 6},
                     {"pref2", 3},
-                    {"bands", {1, 8, 101, 103, 5041, 5078}}}}, // a client may have chosen what the cell does not have
-                  {"settings", {{"cfun", 1}}},
+                    {"bands", {1, 8, 101, 103, 5041, 5078}}}},   // a client may have chosen what the cell does not have
+                  {"settings", {{"cfun", 1}, {"cops_mode", 0}}}, // a client may have left the network
                   {"behaviour", {{"latency_ms", 1}}}};
     (void)control({{"do", "set"}, {"args", {usual.dump()}}});
     (void)control({{"do", "hangup"}});
