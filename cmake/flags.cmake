@@ -11,7 +11,9 @@ add_library(celmux_daemon_flags INTERFACE)
 target_link_libraries(celmux_daemon_flags INTERFACE celmux_strict_flags)
 target_compile_options(celmux_daemon_flags INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
-    -ffunction-sections -fdata-sections)
+    -ffunction-sections -fdata-sections
+    # Tables for exceptions that nobody throws; elsewhere they serve debuggers and profilers.
+    $<$<CONFIG:MinSizeRel>:-fno-asynchronous-unwind-tables -fno-unwind-tables>)
 target_link_options(celmux_daemon_flags INTERFACE -Wl,--gc-sections)
 
 # -O3 makes a router's daemon larger, not quicker.
@@ -28,7 +30,7 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported()
 add_compile_options(-fstack-protector-strong)
-add_link_options(-Wl,-z,relro,-z,now)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 if(CELMUX_SANITIZE STREQUAL none AND NOT CMAKE_BUILD_TYPE STREQUAL Debug)
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()

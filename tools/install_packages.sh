@@ -1,14 +1,15 @@
 #!/bin/sh
-# Installs those packages of tools/packages.txt that are missing; with none missing it changes nothing and needs no rights.
+# Installs those packages of the given lists, or of tools/packages.txt, that are missing; with none missing it changes nothing and needs
+# no rights.
 set -eu
 
-list="$(dirname "$0")/packages.txt"
+[ $# -gt 0 ] || set -- "$(dirname "$0")/packages.txt"
 missing=
-while read -r package; do
-    case $package in "#"*) continue ;; esac
+packages=$(sed '/^#/d' "$@")
+for package in $packages; do
     status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
     [ "$status" = installed ] || missing="$missing $package"
-done <"$list"
+done
 [ -n "$missing" ] || exit 0
 
 echo "Missing Debian packages:$missing"

@@ -226,12 +226,25 @@ int choose_type(int type, const Number &number, std::uint8_t &type_of_address)
     return 0;
 }
 
-int build_list(Message &message, sms_pdu **head)
+// Takes what is to be sent; its text stays where it is. Returns the number of PDUs, or an error.
+int plan(const char *destination, int type, const char *text, int text_length, Message &message)
 {
-    const int parts = count_parts(message.text, message.alphabet);
-    if (parts < 0) {
-        return parts;
+    if (!destination || !text || text_length < 0) {
+        return SMS_ERROR_ARGUMENT;
     }
+    message.text = {text, static_cast<std::size_t>(text_length)};
+    int error = parse_number(destination, message.number);
+    if (error == 0) {
+        error = choose_type(type, message.number, message.type_of_address);
+    }
+    if (error == 0) {
+        error = choose_alphabet(message.text, message.alphabet);
+    }
+    return error == 0 ? count_parts(message.text, message.alphabet) : error;
+}
+
+int build_list(Message &message, int parts, sms_pdu **head)
+{
     const Room room = room_of(message.alphabet);
     Place place{0, static_cast<std::uint8_t>(parts), 1};
     if (parts > 1) {
@@ -257,24 +270,21 @@ int build_list(Message &message, sms_pdu **head)
 
 int encode_pdu(const char *destination, int type, const char *text, int text_length, struct sms_pdu **head, int)
 {
-    using namespace sms;
     if (!head) {
         return SMS_ERROR_ARGUMENT;
     }
     *head = nullptr;
-    if (!destination || !text || text_length < 0) {
-        return SMS_ERROR_ARGUMENT;
-    }
-    Message message{};
-    message.text = {text, static_cast<std::size_t>(text_length)};
-    int error = parse_number(destination, message.number);
-    if (error == 0) {
-        error = choose_type(type, message.number, message.type_of_address);
-    }
-    if (error == 0) {
-        error = choose_alphabet(message.text, message.alphabet);
-    }
-    return error == 0 ? build_list(message, head) : error;
+    sms::Message message{};
+    const int parts = sms::plan(destination, type, text, text_length, message);
+    return parts < 0 ? parts : sms::build_list(message, parts, head);
+}
+
+int sms_parts(const char *destination, int type, const char *text, int text_length, int *alphabet)
+{
+    sms::Message message{};
+    const int parts = sms::plan(destination, type, text, text_length, message);
+    *alphabet = message.alphabet;
+    return parts;
 }
 
 void free_list(struct sms_pdu **head)

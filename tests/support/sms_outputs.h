@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +64,11 @@ inline std::string text_of(const std::vector<unsigned char> &data, int alphabet,
 {
     std::vector<char> text(3 * data.size() + 1);
     const int length = sms_text(data.data(), data.size(), alphabet, header_text.c_str(), text.data(), text.size());
+    if (header_text.empty()) { // then it needs no national language tables
+        std::vector<char> plain(text.size());
+        EXPECT_EQ(sms_plain_text(data.data(), data.size(), alphabet, plain.data(), plain.size()), length);
+        EXPECT_STREQ(plain.data(), text.data());
+    }
     return length < 0 ? "error " + std::to_string(length) : std::string(text.data(), static_cast<std::size_t>(length));
 }
 
@@ -96,6 +102,12 @@ inline Parts encode(const std::string &destination, int type, const std::string 
         parts.pdus.push_back(*element);
     }
     free_list(&head);
+    int alphabet = 0;
+    const int count = sms_parts(destination.c_str(), type, text.data(), static_cast<int>(text.size()), &alphabet);
+    EXPECT_EQ(count, parts.error ? parts.error : static_cast<int>(parts.pdus.size()));
+    if (!parts.pdus.empty()) {
+        EXPECT_EQ(alphabet, parts.pdus[0].alphabet);
+    }
     return parts;
 }
 

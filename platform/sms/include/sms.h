@@ -105,6 +105,10 @@ struct sms_pdu {
 int encode_pdu(const char *destination, int type, const char *text, int text_length, struct sms_pdu **head,
                int constant_0);
 
+/* Tells how many PDUs encode_pdu() would build from the same arguments, and in which alphabet. Returns their number, or a
+ * negative enum sms_error. */
+int sms_parts(const char *destination, int type, const char *text, int text_length, int *alphabet);
+
 /* Prints one element to standard output for diagnosis, one member per line, control characters escaped. */
 void print_sms_pdu(const struct sms_pdu *element);
 
@@ -125,6 +129,9 @@ void free_list(struct sms_pdu **head);
  * Returns the bytes written without the terminating zero, or a negative enum sms_error; then text is empty. */
 int sms_text(const unsigned char *user_data, size_t length, int alphabet, const char *header_text, char *text,
              size_t text_size);
+
+/* The same without a header, and without the national language tables in the program. */
+int sms_plain_text(const unsigned char *user_data, size_t length, int alphabet, char *text, size_t text_size);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,6 @@
+// Commands for the stored APN profiles.
+#pragma once
+
+#include "command.h"
+
+int command_apn(const Arguments &arguments);
