@@ -114,8 +114,7 @@ void link_strip_repeated(char *text)
 {
     uint32_t turn = arrived.load() + 1;
     char *place = text;
-    while (results_in(place) > 0) {
-        const char *end = behind_result(place);
+    while (const char *end = behind_result(place)) {
         std::string_view answer = without_line_ends({place, static_cast<size_t>(end - place)});
         bool in_step = !out_of_step.load();
         bool due = static_cast<int32_t>(queued.load() - turn) >= 0;
