@@ -46,7 +46,7 @@ build() { # preset, target...
 run_tests() { # ctest argument...
     part="tests of $folder"
     rm -rf "$folder/roots" # left by tests that were cut off
-    "${with[@]}" ctest --test-dir "$folder" -j "$jobs" --output-on-failure --no-tests=error --repeat until-pass:2 "$@"
+    "${with[@]}" ctest --test-dir "$folder" -j "$jobs" --output-on-failure --no-tests=error "$@"
 }
 
 export ASAN_OPTIONS=halt_on_error=1:detect_stack_use_after_return=1:strict_string_checks=1:detect_leaks=1:exitcode=99

@@ -92,6 +92,8 @@ struct WhoseAnswer : testing::Test {
             while (TextElem *element = static_cast<TextElem *>(pool_queue_try_pop(queue)))
                 free(element->text);
         }
+        for (PoolQueue *queue : {&at_tx_queue, &at_rx_queue, &resp_queue, &incomming_sms_queue})
+            pool_queue_destroy(queue);
         if (!getenv("CELMUX_KEEP_ROOTS"))
             std::filesystem::remove_all(folder);
     }

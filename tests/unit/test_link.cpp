@@ -329,6 +329,7 @@ struct AnswerTest : LinkTest {
     }
     void TearDown() override
     {
+        free_results();
         cJSON_Delete(json_g);
         json_g = nullptr;
         LinkTest::TearDown();
