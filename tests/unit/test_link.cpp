@@ -1,5 +1,6 @@
 // Port, listener and sender on a pseudo-terminal; response processor and request API on the real queues.
 
+#include <atomic>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -21,7 +22,6 @@
 #include "resp_processor.h"
 #include "waiting.h"
 
-#include <atomic>
 #include <cjson/cJSON.h>
 
 // The indication handler has tests of its own; here it only shows what it was given.
