@@ -193,13 +193,21 @@ static void read_announced_sms(int32_t index)
     }
 }
 
+// Is it that error? "+CME ERROR: 10" is not "+CME ERROR: 100".
+static bool has_error(const AtAnswer &answer, const char *error)
+{
+    const char *found = answer.text ? strstr(answer.text, error) : nullptr;
+    char behind = found ? found[strlen(error)] : '0';
+    return behind < '0' || behind > '9';
+}
+
 // Without a usable SIM there is nothing to list until "+SIM READY" (3GPP TS 27.005 3.2.5, 27.007 9.2.1).
 static bool sim_unusable(const AtAnswer &answer)
 {
     static const char *const REASONS[] = {"+CMS ERROR: 310", "+CMS ERROR: 311", "+CMS ERROR: 316",
                                           "+CME ERROR: 10",  "+CME ERROR: 11",  "+CME ERROR: 12"};
     for (const char *reason : REASONS) {
-        if (answer.text && strstr(answer.text, reason))
+        if (has_error(answer, reason))
             return true;
     }
     return false;
@@ -274,7 +282,7 @@ static bool modem_is_expected()
         AtAnswer answer;
         if (request("AT+CGMI?", &answer.text, "+CGMI:", 1, AT_TIMEOUT_MS) != 0)
             failed++;
-        else if (!answer.text || !strstr(answer.text, "+CME ERROR: 14")) // SIM busy
+        else if (!has_error(answer, "+CME ERROR: 14")) // SIM busy
             return answer.text && strstr(answer.text, "Fibocom");
         else
             (void)sleep_while_running(PASS_MS);

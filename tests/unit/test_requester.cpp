@@ -352,7 +352,7 @@ TEST_F(Requester, TheSimIsListedWhenIndexesWereDroppedAndTheQueueIsEmpty)
     requester_pass(&state);
     EXPECT_EQ(fake_link.sent, (Strings{"AT+CMGR=1\r", "AT+CMGD=1\r"}));
     fake_link.reset();
-    fake_link.answer_in_turn({std::nullopt, "\r\nERROR\r\n", "\r\nOK\r\n"});
+    fake_link.answer_in_turn({std::nullopt, "\r\n+CME ERROR: 100\r\n", "\r\nOK\r\n"});
     const int64_t then = fake_clock.now_ms;
     requester_pass(&state);
     EXPECT_EQ(fake_link.sent, Strings(1, listing)); // not again before the next routine
