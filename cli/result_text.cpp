@@ -12,7 +12,7 @@ constexpr int32_t RESULT_NO_ANSWER = 65537;
 constexpr int32_t RESULT_INCOMPLETE = 65538;
 constexpr int32_t RESULT_REFUSED = -1;
 
-// The daemon gives the same result while it scans, but then at once.
+// The daemon gives the same result at once while it scans, and when the modem answers without a value.
 constexpr int SURELY_WAITED_MS = 900;
 
 struct Reason {
@@ -59,7 +59,7 @@ ExitCode describe_failure(const Reply &reply, char *text, size_t size)
     int32_t result = reply.result;
     if (reply.bus_status == 0 && reply.answered && result == RESULT_NO_ANSWER) {
         if (reply.elapsed_ms < SURELY_WAITED_MS) {
-            snprintf(text, size, "the modem is busy (a network scan, or it is starting); try again later");
+            snprintf(text, size, "the modem is busy (a network scan, or it is starting) or has nothing to tell");
             return EXIT_REFUSED;
         }
         snprintf(text, size, "the modem did not answer within %d s", (reply.elapsed_ms + 500) / 1000);

@@ -136,15 +136,11 @@ static int explain_encoding(const char *number, int error)
 }
 
 // The daemon's result tells no more than that a part was not confirmed.
-static int explain_sending(Reply &reply, int parts)
+static int explain_sending(const Reply &reply, int parts)
 {
-    constexpr int SURELY_TRIED_MS = 900;
-    constexpr int32_t BUSY = 65537;
-    bool tried = reply.elapsed_ms >= SURELY_TRIED_MS;
-    if (reply.bus_status == 0 && reply.answered && tried)
-        return fail(EXIT_REFUSED, "sms: the modem refused %s, or did not confirm it in time",
+    if (reply.bus_status == 0 && reply.answered)
+        return fail(EXIT_REFUSED, "sms: the modem is busy, refused %s, or did not confirm it in time",
                     parts > 1 ? "a part of it" : "it");
-    reply.result = BUSY;
     return explain("sms", reply);
 }
 

@@ -1,4 +1,5 @@
-// Runs on the thread at_listener. It never interprets the text and never waits for longer than it takes the stop event to come.
+// Runs on the thread at_listener. It never interprets the text and never waits for longer than it takes the stop event
+// to come.
 
 #include "at_listener.h"
 
@@ -12,19 +13,17 @@
 #include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
-#include "final_results.h"
-#include "link_step.h"
+#include "link.h"
 #include "log.h"
 #include "port.h"
-#include "request.h"
 #include "waiting.h"
 
 constexpr uint32_t GROWTH = 1024;
 constexpr size_t CHUNK_SIZE = 1023;
 constexpr useconds_t CHUNK_PAUSE_US = 1000;
-constexpr uint32_t ASSEMBLY_LIMIT = 256 * 1024; // a port that never pauses gets its bursts cut here
-constexpr uint32_t PUSH_PATIENCE_MS = 5000;     // for a processor that is busy with a shell command
-constexpr int FRUITLESS_LIMIT = 20;             // readable but nothing to read, so often in a row: the descriptor is dead
+constexpr uint32_t ASSEMBLY_LIMIT = 64 * 1024; // a port that never pauses gets its bursts cut here
+constexpr uint32_t PUSH_PATIENCE_MS = 5000;    // for a processor that is busy with a shell command
+constexpr int FRUITLESS_LIMIT = 20; // readable but nothing to read, so often in a row: the descriptor is dead
 constexpr uint32_t FRUITLESS_PAUSE_MS = 100;
 
 enum class Reading { again, lost, stopped };
@@ -89,10 +88,27 @@ static bool port_gone(int fd)
     return !file_exists(settings_g.port) || !port_is_same(fd, settings_g.port);
 }
 
+// Does the text end with a whole final result code, or with the prompt of a message (3GPP TS 27.005 3.5.1)? What comes
+// behind them is another burst.
+static bool ends_with_result(const Assembly &assembly)
+{
+    std::string_view text(assembly.text ? assembly.text : "", assembly.length);
+    size_t end = text.find_last_not_of("\r\n");
+    if (end == std::string_view::npos)
+        return false;
+    size_t before = text.find_last_of("\r\n", end);
+    std::string_view line = text.substr(before + 1, end - before);
+    if (end + 1 == text.size())
+        return line == ">" || line == "> ";
+    return text.ends_with('\n') && is_final_result(line, CommandKind::dial);
+}
+
 // Behind a chunk: waits as long as the silence that ends a burst. True when reading is to go on.
 static bool burst_goes_on(int fd, const Assembly *assembly, bool chunk_full)
 {
     uint32_t gap = settings_g.burst_gap_ms;
+    if (ends_with_result(*assembly))
+        return false;
     bool serial = settings_g.port_type == PORT_SERIAL;
     if (gap > 0)
         usleep(CHUNK_PAUSE_US);
@@ -103,29 +119,40 @@ static bool burst_goes_on(int fd, const Assembly *assembly, bool chunk_full)
     pollfd in = {fd, POLLIN, 0};
     if (poll(&in, 1, 0) == 1)
         return true;
-    if (assembly->text && ends_with_result(assembly->text))
-        return false;
     if (poll(&in, 1, static_cast<int>(gap - 1)) == 1)
         return true;
-    link_statistics.gap_bursts.fetch_add(1);
+    link_gap_bursts.fetch_add(1);
     return false;
+}
+
+// Takes zero bytes out, which line noise and some modems bring: what is handed on is a text. Returns the length left.
+static ssize_t without_zero_bytes(char *bytes, ssize_t length)
+{
+    ssize_t kept = 0;
+    for (ssize_t i = 0; i < length; i++) {
+        if (bytes[i] != '\0')
+            bytes[kept++] = bytes[i];
+    }
+    return kept;
 }
 
 // Reads until the burst is complete and pushes it. `fruitless` counts the reads in a row that found nothing.
 static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
 {
-    uint32_t total = 0;
+    uint32_t chunks = 0;
     char chunk[CHUNK_SIZE + 1];
     for (;;) {
         ssize_t got = read(fd, chunk, CHUNK_SIZE);
+        bool full = got == static_cast<ssize_t>(CHUNK_SIZE);
         if (got > 0) {
+            got = without_zero_bytes(chunk, got);
             chunk[got] = '\0';
-            total += static_cast<uint32_t>(got);
+            chunks++;
             CELMUX_LOG(LOG_INFO, "BUF: %s", "at_listener", Masked(chunk).text);
             (void)append_resp(assembly, chunk); // logged there; the burst goes on without the chunk
             if (assembly->length >= ASSEMBLY_LIMIT)
                 message_enqueue(assembly);
-            bool goes_on = burst_goes_on(fd, assembly, got == CHUNK_SIZE);
+            bool goes_on = burst_goes_on(fd, assembly, full);
             if (!running.load())
                 return Reading::stopped;
             if (goes_on)
@@ -139,7 +166,7 @@ static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
         }
         break;
     }
-    if (total > 0) {
+    if (chunks > 0) {
         *fruitless = 0;
         message_enqueue(assembly);
         return Reading::again;
@@ -181,9 +208,9 @@ void *at_listener(void *)
         close(fd);
         if (!lost)
             break;
-        end_scan(); // the sender would only notice at its next command, and there is none during a scan
+        link_restarted(); // the sender only notices at its next command
         fd = reopen_lost_port(&settings_g, O_RDONLY, __func__);
-        link_out_of_step(LinkFault::restarted);
+        link_restarted();
     }
     free(assembly.text);
     log_info("%s thread exit gracefully", __func__);

@@ -13,10 +13,9 @@
 #include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
-#include "link_step.h"
+#include "link.h"
 #include "log.h"
 #include "port.h"
-#include "request.h"
 #include "waiting.h"
 
 constexpr uint32_t IDLE_MS = 60000;        // a push wakes the thread at once
@@ -57,10 +56,10 @@ static bool send_element(int fd, const TextElem *element)
         int error = errno;
         CELMUX_LOG(LOG_ERR, "write error: %d, %s", "at_sender", error, strerror(error));
         CELMUX_LOG(LOG_ERR, "send %s failed", "at_sender", Masked(element->text).text);
-        if (scan)
-            end_scan(); // no answer will come that ends it
     }
     CELMUX_LOG(LOG_INFO, "Send: %.*s", "at_sender", static_cast<int>(element->size - 1), Masked(element->text).text);
+    if (!written)
+        link_write_failed(element->number);
     return written;
 }
 
@@ -81,7 +80,7 @@ static void drain(int fd, uint32_t idle_ms, TextElem **kept, bool *last_write_ok
             *kept = element;
             return;
         }
-        if (element->size != 0 && element->size == strlen(element->text))
+        if (element->size != 0 && element->size == strlen(element->text) && link_may_write(element->number))
             *last_write_ok = send_element(fd, element);
         free(element->text);
         element->text = nullptr;
@@ -112,12 +111,13 @@ void *at_sender(void *)
         (void)fcntl(fd, F_SETFL, O_WRONLY | O_NONBLOCK); // without it a write may block for as long as the port does
         set_ready(&t_sender_ready);
         bool lost = send_until_lost(fd, &kept);
+        if (!lost && link_at_prompt())
+            (void)!write(fd, LINK_ESCAPE,
+                         strlen(LINK_ESCAPE)); // who comes next finds no prompt; a full port is no prompt
         close(fd);
         if (!lost)
             break;
-        if (!kept || strcmp(kept->text, SCAN_COMMAND) != 0)
-            end_scan(); // a modem that went away has forgotten it
-        link_out_of_step(LinkFault::restarted);
+        link_restarted();
         fd = reopen_lost_port(&settings_g, O_WRONLY, __func__);
     }
     if (kept)

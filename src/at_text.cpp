@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "link_text.h"
 #include "log.h"
 #include "request.h"
 
@@ -106,10 +107,10 @@ result_t at_exchange(const char *command, const char *expected, const char *comp
     free(answer->text);
     answer->text = nullptr;
     if (request(command, &answer->text, expected, 0, timeout_ms) == -1)
-        answer->code = RESULT_REQUEST_FAILED;
-    else
-        answer->code = at_classify(answer->text, complete_marker);
-    return answer->code;
+        return answer->code = RESULT_REQUEST_FAILED;
+    if (answer->text)
+        remove_reports(answer->text, command);
+    return answer->code = at_classify(answer->text, complete_marker);
 }
 
 result_t at_send_setter(const char *command, uint32_t timeout_ms)

@@ -19,6 +19,7 @@ constexpr result_t RESULT_REFUSED = 0xFFFFFFFF;      // an argument refused befo
 struct TextElem {
     char *text;
     uint32_t size; // length of the string in at_tx_queue, capacity of the buffer in the other two
+    uint32_t number = 0; // of the command (link.h): what is written, or what the text answers
 };
 
 // The only channels between threads; created once by main before the threads start.

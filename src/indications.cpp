@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "at_text.h"
-#include "final_results.h"
 #include "log.h"
 #include "message_decode.h"
 #include "message_merge.h"
 #include "message_store.h"
+#include "link.h"
 #include "request.h"
 #include "resp_processor.h"
 #include "shell.h"
@@ -32,7 +32,6 @@ struct Block {
     bool unread;       // one of them was stored
     bool answers_read; // a "+CMGR:" line was there
     bool listed;       // a message behind "+CMGL:" was decoded
-    bool pass_on;      // the block is for the sender of a message
     bool whole;        // it ends with "OK"
     bool torn;         // it begins in the middle of a PDU
 };
@@ -42,7 +41,7 @@ static void sim_ready(std::string_view)
     static const char *const commands[] = {"AT+CPMS=\"SM\",\"SM\",\"SM\"\r", "AT+CMGF=0\r", "AT+CNMI=2,1\r",
                                            "AT+CPMS?\r"};
     for (const char *command : commands)
-        (void)at_enqueue_nowait(command, 0); // refused and not repeated while a scan runs; logged there
+        (void)at_enqueue(command, 0); // refused and not repeated while a scan runs; logged there
     g_sms_sweep.store(1);
 }
 
@@ -136,8 +135,7 @@ static void scan_result(std::string_view line)
     char script[SCRIPT_SIZE];
     std::string_view operators = line.substr(0, line.find(",,"));
     std::string_view group;
-    g_scanning.store(0);
-    g_scan_began.store(0);
+    end_scan();
     int used = snprintf(script, sizeof script, "uci delete modem.scan.network");
     for (unsigned count = 0; count < MOST_OPERATORS && next_group(&operators, &group);) {
         size_t comma = group.rfind(',');
@@ -163,9 +161,8 @@ struct Indication {
 static constexpr Indication indications[] = {
     {"+CMT:", nullptr, Expectation::delivered},       {"+CMTI:", new_message, Expectation::none},
     {"+CMGL:", nullptr, Expectation::listed},         {"+CMGR:", nullptr, Expectation::read},
-    {"+CMGS:", nullptr, Expectation::none},           {"+SIM READY", sim_ready, Expectation::none},
-    {"+CGDCONT: 1,", pdp_context, Expectation::none}, {"+CPMS:", storage_state, Expectation::none},
-    {"+COPS: (", scan_result, Expectation::none},
+    {"+SIM READY", sim_ready, Expectation::none},     {"+CGDCONT: 1,", pdp_context, Expectation::none},
+    {"+CPMS:", storage_state, Expectation::none},     {"+COPS: (", scan_result, Expectation::none},
 };
 
 static void information_line(Block *block, std::string_view line)
@@ -181,7 +178,6 @@ static void information_line(Block *block, std::string_view line)
         break;
     }
     block->answers_read = block->answers_read || block->expectation == Expectation::read;
-    block->pass_on = line.starts_with("+CMGS:");
 }
 
 static void store_message(Block *block, const DecodedMessage *message)
@@ -231,7 +227,7 @@ static void other_line(Block *block, std::string_view line)
     block->whole = line == "OK";
     block->torn = block->torn || (expectation == Expectation::none && is_pdu_text(line));
     if (expectation == Expectation::delivered)
-        (void)at_enqueue_nowait("AT+CNMA\r", 0); // not repeated; a refusal is logged there
+        (void)at_enqueue("AT+CNMA\r", 0); // not repeated; a refusal is logged there
     if (expectation == Expectation::listed || expectation == Expectation::read)
         message_line(block, line);
     block->expectation = Expectation::none;
@@ -254,24 +250,19 @@ static void finish_block(const Block *block)
         log_error("listing of messages is not whole, they stay on the SIM");
         g_sms_sweep.store(1);
     } else {
-        (void)at_enqueue_nowait("AT+CMGD=0,3\r", 0); // not repeated; a refusal is logged there
+        (void)at_enqueue("AT+CMGD=0,3\r", 0); // not repeated; a refusal is logged there
     }
 }
 
-void handle_indications(TextElem *element)
+void handle_indications(std::string_view text)
 {
     Block block = {};
-    std::string_view rest = element->text;
     std::string_view line;
-    while (!block.pass_on && next_line(&rest, &line)) {
-        if (line.starts_with('>'))
-            block.pass_on = true;
-        else if (line.starts_with('+'))
+    while (next_line(&text, &line)) {
+        if (line.starts_with('+'))
             information_line(&block, line);
         else
             other_line(&block, line);
     }
     finish_block(&block);
-    if (block.pass_on)
-        (void)resp_enqueue(element); // takes the text over, also when it fails
 }

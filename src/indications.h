@@ -2,14 +2,14 @@
 // scan (3GPP TS 27.005 and 27.007). Runs on the thread resp_processor and never waits for a consumer.
 #pragma once
 
-#include "celmux.h"
+#include <cstddef>
+#include <string_view>
 
 constexpr size_t APN_SIZE = 64;
 
 // APN of PDP context 1, empty when unknown; written by handle_indications alone.
 extern char g_apn[APN_SIZE];
 
-// Acts on every line of a block, solicited or not. Messages in it are in the store and on the disk when this returns. A
-// block that holds the prompt or a "+CMGS:" line is passed on to resp_queue: its text is null then. Otherwise the text
-// is as it was.
-void handle_indications(TextElem *block);
+// Acts on every line of what the modem said: reports of its own, and the lines of answers before their callers get them.
+// Messages in it are in the store and on the disk when this returns.
+void handle_indications(std::string_view text);

@@ -12,8 +12,10 @@
 #include "celmux.h"
 #include "config.h"
 #include "final_results.h"
+#include "link.h"
 #include "log.h"
 #include "message_store.h"
+#include "port.h"
 #include "probe.h"
 #include "requester.h"
 #include "resp_processor.h"
@@ -78,6 +80,7 @@ static void create_queues()
     (void)pool_queue_init(&at_rx_queue, sizeof(TextElem), 32);
     (void)pool_queue_init(&resp_queue, sizeof(TextElem), 32);
     (void)pool_queue_init(&incomming_sms_queue, sizeof(int32_t), 127);
+    link_init(settings_g.port && file_exists(settings_g.port) && file_exists("/dev/mhi_at"));
 }
 
 static void wait_for_stop(const sigset_t *signals)
@@ -138,6 +141,7 @@ int main()
     stop_all();
     join_workers();
     log_info("%s thread exit gracefully", "main");
+    link_free();
     free_results();
     free_configuration();
     return 0;

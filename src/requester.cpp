@@ -8,7 +8,7 @@
 #include "at_text.h"
 #include "celmux.h"
 #include "config.h"
-#include "link_step.h"
+#include "link.h"
 #include "log.h"
 #include "message_store.h"
 #include "modem_init.h"

@@ -6,9 +6,10 @@
 #include <cstring>
 
 #include "at_mask.h"
+#include "at_text.h"
 #include "final_results.h"
 #include "indications.h"
-#include "link_step.h"
+#include "link.h"
 #include "log.h"
 #include "waiting.h"
 
@@ -20,7 +21,8 @@ std::atomic<uint8_t> g_sms_sweep{0};
 // Indexes that wait in incomming_sms_queue, each plus 1: filled by this thread, emptied by the requester.
 static std::atomic<int64_t> pending_indexes[PENDING_MAX];
 
-int resp_enqueue(TextElem *element)
+// Passes an answer on to its caller; takes the text over. When the queue is full its oldest answer makes room.
+static void resp_enqueue(const TextElem *element)
 {
     TextElem *answer = static_cast<TextElem *>(pool_queue_try_alloc(&resp_queue));
     if (!answer) {
@@ -33,13 +35,10 @@ int resp_enqueue(TextElem *element)
     if (!answer) {
         log_error("failed to alloc resp");
         free(element->text);
-        element->text = nullptr;
-        return -1;
+        return;
     }
     *answer = *element;
-    element->text = nullptr;
     pool_queue_push(&resp_queue, answer);
-    return 0;
 }
 
 static std::atomic<int64_t> *pending_slot(int64_t wanted)
@@ -80,48 +79,100 @@ void sms_index_done(int32_t index)
         slot->store(NO_INDEX);
 }
 
-// A modem that says so after a silence has restarted, and answers nothing that it was asked before.
-static void watch_for_restart(const char *text)
+// A modem that says so after a silence has started, and may not answer what it was asked before.
+static void watch_for_start(const char *text)
 {
     constexpr int64_t SILENCE_MS = 3000;
-    static int64_t last_burst; // only this thread
+    static int64_t last_text; // only this thread
     int64_t now = monotonic_ms();
-    if (now - last_burst > SILENCE_MS && strstr(text, "+SIM READY"))
-        link_out_of_step(LinkFault::restarted);
-    last_burst = now;
+    if (now - last_text > SILENCE_MS && strstr(text, "+SIM READY"))
+        link_doubt();
+    last_text = now;
 }
 
-static void process_text(TextElem *burst)
+static const char *result_of(const char *text)
 {
-    const char *result = matching_result(last_line(burst->text));
-    if (!result) {
-        CELMUX_LOG(LOG_INFO, "Unsolicited message: %s", "resp_processor", Masked(burst->text).text);
-        handle_indications(burst);
-        free(burst->text);
-        burst->text = nullptr;
+    std::string_view rest = text, line;
+    const char *result = nullptr;
+    while (next_line(&rest, &line)) {
+        const char *entry = matching_result(line);
+        result = entry ? entry : result;
+    }
+    return result ? result : "";
+}
+
+// Acts on what the lines announce; the reports among them have been acted on when they came.
+static void scan_lines(const char *text)
+{
+    char *copy = strdup(text);
+    if (!copy)
         return;
-    }
-    if (strstr(result, "ERROR") && g_scan_began.load())
-        g_scanning.store(0);
-    CELMUX_LOG(LOG_INFO, "Solicited message %s: %s", "resp_processor", result, Masked(burst->text).text);
-    handle_indications(burst);
-    if (burst->text)
-        (void)resp_enqueue(burst); // a failure is logged there and leaves nothing to free
+    remove_reports(copy, "");
+    handle_indications(copy);
+    free(copy);
 }
 
-// A report may stand right behind an answer, as "+CGEV:" behind that of a data call: the answer is one all the same.
-static void process_burst(TextElem *burst)
+// The answer goes to its caller when what it says has been acted on.
+static void pass_on(const LinkItem &item)
 {
-    watch_for_restart(burst->text);
-    size_t length = length_to_last_result(burst->text);
-    TextElem answer = {length ? static_cast<char *>(malloc(length + 3)) : nullptr, static_cast<uint32_t>(length + 3)};
-    if (answer.text) {
-        memcpy(answer.text, burst->text, length);
-        memcpy(answer.text + length, "\r\n", 3);
-        memmove(burst->text, burst->text + length, strlen(burst->text + length) + 1);
-        process_text(&answer);
+    if (item.text) {
+        CELMUX_LOG(LOG_INFO, "Solicited message %s: %s", "resp_processor", result_of(item.text),
+                   Masked(item.text).text);
+        scan_lines(item.text);
     }
-    process_text(burst);
+    if (item.scan)
+        end_scan();
+    TextElem answer = {item.text, item.text ? static_cast<uint32_t>(strlen(item.text) + 1) : 0, item.number};
+    if (item.awaited)
+        resp_enqueue(&answer);
+    else
+        free(answer.text);
+}
+
+static void act_on(const LinkItem &item)
+{
+    if (item.text)
+        watch_for_start(item.text);
+    switch (item.kind) {
+    case LinkItem::Kind::nothing:
+        break;
+    case LinkItem::Kind::answer:
+    case LinkItem::Kind::prompt:
+        pass_on(item);
+        break;
+    case LinkItem::Kind::report:
+        CELMUX_LOG(LOG_INFO, "Unsolicited message: %s", "resp_processor", Masked(item.text).text);
+        handle_indications(item.text);
+        free(item.text);
+        break;
+    case LinkItem::Kind::late:
+        if (!item.text)
+            break;
+        CELMUX_LOG(LOG_INFO, "late answer dropped: %s", "resp_processor", Masked(item.text).text);
+        scan_lines(item.text);
+        free(item.text);
+        break;
+    }
+}
+
+static void process_bytes(const char *data, size_t size)
+{
+    LinkItem item;
+    do {
+        size_t used = link_take(data, size, &item);
+        data += used;
+        size -= used;
+        act_on(item);
+    } while (size > 0 || item.kind != LinkItem::Kind::nothing);
+}
+
+static void process_time()
+{
+    LinkItem item;
+    do {
+        link_tick(&item);
+        act_on(item);
+    } while (item.kind != LinkItem::Kind::nothing);
 }
 
 void *resp_processor(void *)
@@ -129,19 +180,15 @@ void *resp_processor(void *)
     load_results();
     set_ready(&t_processor_ready);
     while (running.load()) {
-        TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, IDLE_MS));
-        if (!burst)
-            continue;
-        bool answers = results_in(burst->text) > 0;
-        link_strip_repeated(burst->text);
-        link_answers_arrived(results_in(burst->text));
-        if (!answers || burst->text[strspn(burst->text, "\r\n")]) // more than a repeated answer
-            process_burst(burst);
-        else
-            free(burst->text);
-        burst->text = nullptr;
-        link_answers_passed_on(); // who sees that nothing is owed finds every answer in the queue
-        pool_queue_release(&at_rx_queue, burst);
+        TextElem *burst = static_cast<TextElem *>(pool_queue_pop_for(&at_rx_queue, link_sleep_ms(IDLE_MS)));
+        if (burst) {
+            TextElem taken = *burst;
+            pool_queue_release(&at_rx_queue, burst);
+            if (taken.text)
+                process_bytes(taken.text, strlen(taken.text));
+            free(taken.text);
+        }
+        process_time();
     }
     log_info("%s thread exit gracefully", __func__);
     return nullptr;

@@ -10,9 +10,10 @@
 
 #include "celmux.h"
 #include "config.h"
-#include "final_results.h"
 #include "fake_files.h"
 #include "fake_shell.h"
+#include "final_results.h"
+#include "link.h"
 #include "message_store.h"
 #include "request.h"
 #include "resp_processor.h"
@@ -89,8 +90,8 @@ static void drain(PoolQueue *queue, bool commands)
 {
     while (TextElem *element = static_cast<TextElem *>(pool_queue_try_pop(queue))) {
         // What goes to the modem is whole commands of this daemon, whatever the modem said.
-        if (commands && (element->size != strlen(element->text) || strncmp(element->text, "AT+C", 4) != 0 ||
-                         element->text[element->size - 1] != '\r'))
+        if (commands && (element->size != strlen(element->text) || element->text[element->size - 1] != '\r' ||
+                         (strncmp(element->text, "AT+", 3) != 0 && strcmp(element->text, LINK_ESCAPE) != 0)))
             abort();
         free(element->text);
         pool_queue_release(queue, element);
@@ -118,6 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fake_shell.reset();
     array_clear(&message_array);
     end_scan();
+    link_free();
+    link_init(false);
     running.store(1);
     for (size_t from = 0; from < size;) {
         const void *zero = memchr(data + from, 0, size - from);

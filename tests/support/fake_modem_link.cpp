@@ -56,11 +56,6 @@ int at_enqueue(const char *command, int append_cr)
     return fake_link.enqueue_result;
 }
 
-int at_enqueue_nowait(const char *command, int append_cr)
-{
-    return at_enqueue(command, append_cr);
-}
-
 int exec_retry(const char *command, char **answer, int append_cr, int tries)
 {
     for (int i = 0; i < tries; i++) {
@@ -82,24 +77,4 @@ int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
     fake_link.timeouts.push_back(timeout_ms);
     FakeLink::Answer text = fake_link.answer ? fake_link.answer(fake_link.sent.back()) : ok_answer({});
     return text && text->find("OK") != std::string::npos ? 0 : -1;
-}
-
-void end_scan()
-{
-}
-
-int queue_command(const char *command, int append_cr, uint32_t, Owes, uint32_t *)
-{
-    return at_enqueue(command, append_cr);
-}
-
-int wait_for_response(char **answer, const char *, uint32_t)
-{
-    *answer = nullptr;
-    return -1;
-}
-
-int flush_response()
-{
-    return -1;
 }

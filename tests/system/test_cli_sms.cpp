@@ -139,7 +139,7 @@ TEST(CliSms, TellsTheNumberOfPartsAndSends)
         {{"do", "trouble"}, {"args", {R"({"kind": "error", "command": "AT+CMGS", "text": "+CMS ERROR: 38"})"}}});
     ShellResult refused = celmux(router, "sms send 1234 Hello");
     EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.errors, "celmux: sms: the modem refused it, or did not confirm it in time\n");
+    EXPECT_EQ(refused.errors, "celmux: sms: the modem is busy, refused it, or did not confirm it in time\n");
     EXPECT_THAT(refused.output, Not(HasSubstr("Sent")));
 }
 

@@ -219,7 +219,7 @@ TEST(Results, InWordsAndAsExitStatus)
         {0, 0, 5, EXIT_DONE, ""},
         {0, 65535, 5, EXIT_REFUSED, "the modem refused it"},
         {0, 65537, 3004, EXIT_TIMED_OUT, "the modem did not answer within 3 s"},
-        {0, 65537, 4, EXIT_REFUSED, "the modem is busy (a network scan, or it is starting); try again later"},
+        {0, 65537, 4, EXIT_REFUSED, "the modem is busy (a network scan, or it is starting) or has nothing to tell"},
         {0, 65535 | 65537, 4, EXIT_REFUSED, "the modem refused a part of it, or did not answer"},
         {0, 3, 4, EXIT_REFUSED, "the router's settings could not be changed (error 3)"},
         {UBUS_STATUS_TIMEOUT, 0, 1002, EXIT_TIMED_OUT, "the daemon did not answer within 1 s"},

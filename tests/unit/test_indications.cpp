@@ -5,19 +5,17 @@
 #include <syslog.h>
 
 #include "captured_log.h"
+#include "celmux.h"
 #include "fake_files.h"
 #include "fake_modem_link.h"
 #include "fake_shell.h"
-#include "final_results.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
 
 using Lines = std::vector<std::string>;
 
-static Lines passed_on;
 static std::vector<int> indexes;
 static size_t index_room;
-static size_t messages_at_pass_on;
 
 // Other bodies for the response processor, which calls the unit under test.
 std::atomic<uint8_t> g_sms_sweep{0};
@@ -25,19 +23,7 @@ void *resp_processor(void *)
 {
     return nullptr;
 }
-const char *last_line(const char *text)
-{
-    return text;
-}
 void sms_index_done(int32_t) {}
-int resp_enqueue(TextElem *element)
-{
-    passed_on.push_back(element->text);
-    messages_at_pass_on = fake_files.content(MESSAGE_FILE).size();
-    free(element->text);
-    element->text = nullptr;
-    return 0;
-}
 int sms_index_enqueue(int32_t index)
 {
     if (indexes.size() == index_room)
@@ -60,7 +46,6 @@ protected:
         fake_files.reset();
         fake_shell.reset();
         clear_log();
-        passed_on.clear();
         indexes.clear();
         index_room = 128;
         forget_store();
@@ -78,15 +63,9 @@ protected:
         forget_store();
     }
 
-    // Handles a block and checks that it is left alone unless it is passed on.
     static void handle(const std::string &text)
     {
-        TextElem element = {strdup(text.c_str()), static_cast<uint32_t>(text.size() + 1)};
-        size_t before = passed_on.size();
-        handle_indications(&element);
-        EXPECT_EQ(element.text ? std::string(element.text) : passed_on.back(), text);
-        EXPECT_EQ(element.text == nullptr, passed_on.size() > before);
-        free(element.text);
+        handle_indications(text);
     }
     static Lines on_disk()
     {
@@ -117,8 +96,7 @@ TEST_F(Indications, AReadMessageIsOnTheDiskBeforeTheAnswerIsHandedOver)
     EXPECT_EQ(on_disk(), (Lines{"491701234567 Hello"}));
     handle("\r\n+CMGR: 1,,29\r\n" + HELLO + "\r\n\r\nOK\r\n");
     EXPECT_EQ(fake_shell.commands.size(), 1u) << "a duplicate is not unread again";
-    handle("+CMGR: 1,,29\r\n" + NUMBER + "\r\n> ");
-    EXPECT_EQ(messages_at_pass_on, fake_files.content(MESSAGE_FILE).size()) << "saved before the block goes on";
+    handle("+CMGR: 1,,29\r\n" + NUMBER + "\r\n\r\nOK\r\n");
     EXPECT_EQ(on_disk().size(), 2u);
 }
 
@@ -164,14 +142,6 @@ TEST_F(Indications, OnlyTheLineBehindAHeaderIsAMessage)
     EXPECT_EQ(fake_link.sent, (Lines{"AT+CNMA\r"}));
     EXPECT_TRUE(fake_shell.commands.empty());
     EXPECT_EQ(fake_files.calls, 0);
-}
-
-TEST_F(Indications, PassesOnPromptAndSendingResult)
-{
-    handle("\r\n> ");
-    handle("\r\n+CMGS: 64\r\n+CMTI: \"SM\",7\r\nOK\r\n");
-    EXPECT_EQ(passed_on, (Lines{"\r\n> ", "\r\n+CMGS: 64\r\n+CMTI: \"SM\",7\r\nOK\r\n"}));
-    EXPECT_TRUE(indexes.empty()) << "no line behind it is looked at";
 }
 
 TEST_F(Indications, SimReady)

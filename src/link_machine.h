@@ -1,0 +1,144 @@
+// Who is asked, what is owed, what has come: the one place that knows which command an answer belongs to. A state
+// machine without threads, clock or files: its owner (link.cpp) holds a lock, hands in events with their time in
+// microseconds and carries out what comes back. docs/architecture.md has its states and rules as tables.
+//
+// One command is under way at a time (ITU-T V.250 5.2.1). An answer belongs to it unless something speaks against that:
+// then a mark, a harmless question whose answer cannot be mistaken, tells what else the modem has to say.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "link_text.h"
+
+// Leaves the prompt of a message (3GPP TS 27.005 3.5.1); the line end ends what a modem without prompt took for a
+// command.
+constexpr char LINK_ESCAPE[] = "\x1b\r";
+
+constexpr uint32_t LINK_ANSWER_MAX = 256 * 1024; // bytes of an answer; a longer one is a failure
+constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: a caller's and 16 others
+
+struct LinkCommand {
+    char *text;           // heap, ends in "\r"
+    const char *expected; // what a successful answer holds, or null; the caller keeps it until the command is over
+    uint32_t number;      // never 0
+    bool awaited;         // a caller waits for the answer
+    CommandKind kind;
+};
+
+enum class LinkPhase : uint8_t {
+    idle,       // nothing is under way
+    queued,     // the command is on its way to the port
+    sent,       // it has been written; its final result code is due
+    prompted,   // the prompt has come; the text of the message is due from the caller
+    confirming, // a final result code has come that may not be the command's own; a mark tells
+};
+
+// Why an answer was not taken at once.
+enum class LinkDoubt : uint8_t {
+    none,
+    early,   // sooner than this modem ever answered
+    foreign, // its lines carry another command's name
+    bare,    // no line, although the command asks for one
+    crowded, // another final result code came together with it
+    listing, // a text listing may hold a line "OK"
+};
+
+// What comes out of an event.
+struct LinkItem {
+    enum class Kind : uint8_t {
+        nothing,
+        answer, // text is the answer to `number`, or null: there is none, or it cannot be had
+        prompt, // `number` may go on with the text of the message
+        report, // unsolicited
+        late,   // a final result code that nobody waits for, with what stood before it
+    } kind;
+    uint32_t number;
+    bool awaited;
+    bool scan;  // the answer ends the network scan
+    char *text; // heap; the receiver frees it
+};
+
+struct LinkMachine {
+    // Hands bytes to the port; false when it takes none now. Number 0 belongs to the command before it.
+    bool (*send)(const char *text, size_t length, uint32_t number);
+
+    // What is to be sent.
+    LinkCommand waiting[LINK_WAITING_MAX];
+    unsigned waiting_count;
+    uint32_t last_number;
+
+    // What has been sent.
+    LinkPhase phase;
+    LinkCommand due; // unless idle
+    int64_t sent_at;
+    LinkDoubt doubt;
+    char *candidate;   // while confirming: what may be the answer; null when no answer could be accepted so far
+    bool tells_itself; // the command was sent out of step, since its answer cannot be mistaken
+    bool replaced;     // the candidate is not the first final result code that came
+    bool message_sent; // the text of the message has followed the prompt
+
+    // Getting in step.
+    bool in_step;       // nothing is owed but the answer to `due`
+    bool escape;        // the modem may sit at a prompt
+    bool mark_out;      // a mark has been sent
+    bool mark_written;  // it has been written to the port
+    bool mark_decisive; // its answer can only be its own
+    uint8_t mark;       // which question it asks
+    uint8_t busy;       // bit per question: an answer to it may still come from before
+    uint8_t proven;     // bit per question: this modem answers it by name
+    uint32_t mark_number;
+    int64_t mark_at;
+    int64_t not_before;   // no mark before then: the port refused one
+    int64_t silent_since; // 0 while the modem answers
+    uint8_t floor_samples;
+    int64_t floor; // the shortest time that this modem took for an answer with a name; 0 unknown
+
+    // What has come and is not over yet.
+    char *text;
+    size_t length, capacity;
+    size_t line;   // where the incomplete last line begins
+    size_t header; // while header_open: where a report of two lines begins
+    bool header_open;
+    bool result_open; // the last line is a final result code whose CR has come, perhaps not yet its LF
+    bool overflow;    // some of the answer did not fit
+    bool more;        // another final result code stands in the bytes at hand
+    int64_t last_byte;
+
+    // Counts since the start.
+    uint32_t commands, timeouts, late_answers, marks;
+};
+
+// Prepares a machine out of step: what the modem was asked before is not known. `probed`: of late the modem was asked
+// for its identity (probe.h), and may still answer that.
+void machine_init(LinkMachine *machine, bool probed, bool (*send)(const char *text, size_t length, uint32_t number));
+// Frees what the machine holds.
+void machine_free(LinkMachine *machine);
+
+// Takes over `text` and sends it when its turn comes. Its number, or 0 (the text is freed) when too many commands wait.
+uint32_t machine_submit(LinkMachine *machine, char *text, const char *expected, bool awaited, int64_t now);
+// The port is about to write what `send` was given. False: nobody wants it any more, do not write it.
+bool machine_may_write(LinkMachine *machine, uint32_t number, int64_t now);
+void machine_write_failed(LinkMachine *machine, uint32_t number, int64_t now, LinkItem *item);
+
+// Bytes from the port, without zero bytes. Returns how many were taken; call again with the rest until an event gives
+// nothing, also with none left.
+size_t machine_take(LinkMachine *machine, const char *data, size_t size, int64_t now, LinkItem *item);
+// Time has passed. Call until it gives nothing.
+void machine_tick(LinkMachine *machine, int64_t now, LinkItem *item);
+// When machine_tick is due; INT64_MAX for not before the next other event.
+int64_t machine_next_tick(const LinkMachine *machine, int64_t now);
+
+// The prompt has come: sends the text of the message and its end (Ctrl-Z). False when that is no longer wanted.
+bool machine_send_message(LinkMachine *machine, uint32_t number, const char *pdu);
+// The caller waits no longer. True: *answer gets what is taken for the answer (heap) or null for none. False: the
+// answer was given out before.
+bool machine_abandon(LinkMachine *machine, uint32_t number, int64_t now, char **answer);
+
+// The port was opened anew: the modem has forgotten what it was asked, but a command that has not been written yet is
+// sent. An item for a caller whose answer cannot come.
+void machine_restarted(LinkMachine *machine, int64_t now, LinkItem *item);
+// The modem says that it has started: what it was asked before may never be answered.
+void machine_doubt(LinkMachine *machine, int64_t now);
+// May the modem wait for the text of a message?
+bool machine_at_prompt(const LinkMachine *machine);
