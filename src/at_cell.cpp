@@ -36,13 +36,6 @@ result_t at_get_extended_signal_quality(ExtendedSignalQuality *quality)
     return answer.code;
 }
 
-static std::string_view unquoted(std::string_view text)
-{
-    if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
-        return behind(text.substr(0, text.size() - 1), 1);
-    return text;
-}
-
 static bool take_operator_name(OperatorInfo *info, std::string_view field)
 {
     std::string_view name = unquoted(trimmed(field));
