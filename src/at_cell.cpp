@@ -1,6 +1,5 @@
 #include "at_cell.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,35 +11,42 @@ result_t at_get_rssi(uint8_t *rssi)
 {
     AtAnswer answer;
     at_exchange("AT+CSQ\r", "+CSQ:", "+CSQ: ", &answer);
-    Cut value = after_marker(answer.view(), "+CSQ:");
-    if (answer.usable() && value.found)
-        *rssi = static_cast<uint8_t>(leading_int(value.text));
+    Cut value = own_line(answer.view(), "+CSQ:");
+    if (!answer.usable() || !value.found)
+        return answer.code;
+    uint8_t figure = byte_figure(value.text);
+    *rssi = figure == BYTE_ABSENT ? RSSI_UNKNOWN : figure;
     return answer.code;
 }
 
 result_t at_get_extended_signal_quality(ExtendedSignalQuality *quality)
 {
+    constexpr uint8_t UNKNOWN = 99; // of the first two, beside their range
     AtAnswer answer;
     at_exchange("AT+CESQ\r", "+CESQ:", "+CESQ: ", &answer);
-    Cut value = after_marker(answer.view(), "+CESQ:");
+    Cut value = own_line(answer.view(), "+CESQ:");
     if (!answer.usable() || !value.found)
         return answer.code;
-    uint8_t *const figures[] = {&quality->rxlev, &quality->ber,     &quality->rscp,    &quality->ecno,   &quality->rsrq,
-                                &quality->rsrp,  &quality->ss_rsrq, &quality->ss_rsrp, &quality->ss_sinr};
-    std::string_view rest = first_line(value.text), field;
-    for (uint8_t *figure : figures) {
-        if (!next_field(&rest, &field))
-            break;
-        *figure = static_cast<uint8_t>(leading_int(field));
+    const struct {
+        uint8_t *figure;
+        uint8_t max;
+    } figures[] = {{&quality->rxlev, 63},
+                   {&quality->ber, 7},
+                   {&quality->rscp, 96},
+                   {&quality->ecno, UMTS_ECIO_MAX},
+                   {&quality->rsrq, LTE_RSRQ_MAX},
+                   {&quality->rsrp, LTE_RSRP_MAX},
+                   {&quality->ss_rsrq, NR_RSRQ_MAX},
+                   {&quality->ss_rsrp, NR_RSRP_MAX},
+                   {&quality->ss_sinr, 127}};
+    std::string_view rest = value.text;
+    for (const auto &[figure, max] : figures) {
+        std::string_view field; // empty when the answer has no more
+        next_field(&rest, &field);
+        bool has_unknown = figure == &quality->rxlev || figure == &quality->ber;
+        *figure = has_unknown && byte_figure(field) == UNKNOWN ? UNKNOWN : byte_figure(field, max);
     }
     return answer.code;
-}
-
-static std::string_view unquoted(std::string_view text)
-{
-    if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
-        return behind(text.substr(0, text.size() - 1), 1);
-    return text;
 }
 
 static bool take_operator_name(OperatorInfo *info, std::string_view field)
@@ -58,26 +64,29 @@ static bool take_operator_name(OperatorInfo *info, std::string_view field)
     return true;
 }
 
+static void take_optional(uint8_t *given, uint8_t *value, std::string_view field)
+{
+    uint8_t figure = byte_figure(field);
+    *given = figure != BYTE_ABSENT;
+    *value = *given ? figure : 0;
+}
+
 result_t at_get_operator_info(OperatorInfo *info)
 {
     AtAnswer answer;
     at_exchange("AT+COPS?\r", "+COPS:", "+COPS: ", &answer);
-    Cut value = after_marker(answer.view(), "+COPS:");
+    Cut value = own_line(answer.view(), "+COPS:");
     if (!answer.usable() || !value.found)
         return answer.code;
-    std::string_view rest = first_line(value.text), field;
+    std::string_view rest = value.text, field;
     if (next_field(&rest, &field))
-        info->mode = static_cast<uint8_t>(leading_int(field));
-    if (next_field(&rest, &field)) {
-        info->has_format = 1;
-        info->format = static_cast<uint8_t>(leading_int(field));
-    }
+        info->mode = byte_figure(field);
+    if (next_field(&rest, &field))
+        take_optional(&info->has_format, &info->format, field);
     if (next_field(&rest, &field) && !take_operator_name(info, field))
         return RESULT_ERROR;
-    if (next_field(&rest, &field)) {
-        info->has_act = 1;
-        info->act = static_cast<uint8_t>(leading_int(field));
-    }
+    if (next_field(&rest, &field))
+        take_optional(&info->has_act, &info->act, field);
     return answer.code;
 }
 
@@ -101,27 +110,40 @@ result_t at_select_operator(const OperatorInfo *info)
     return at_send_setter(&command, __func__);
 }
 
-static void take_byte(uint8_t *out, std::string_view field)
+static bool whole_hex(std::string_view field, uint64_t *value)
 {
+    field = trimmed(field);
+    return field.find_first_not_of("0123456789ABCDEFabcdef") == std::string_view::npos && parse_hex(field, value);
+}
+
+// All ones stand for an area that is not known, whatever the width; a wider number than the RAT has is no area.
+static void take_area(ServingCellRecord *cell, std::string_view field)
+{
+    constexpr uint64_t ONES_16 = 0xFFFF, ONES_24 = 0xFFFFFF;
+    uint64_t value;
+    bool narrow = cell->rat == RAT_UMTS || cell->rat == RAT_LTE;
+    if (!whole_hex(field, &value) || value >= (narrow ? ONES_16 : ONES_24) || (value == ONES_16 && field.size() == 4))
+        return;
+    snprintf(cell->lac, sizeof cell->lac, "%u", static_cast<unsigned>(value));
+}
+
+// All ones of 28 bits stand for an unknown cell in an NR line too.
+static void take_cell_id(ServingCellRecord *cell, std::string_view field)
+{
+    constexpr uint64_t ONES_28 = 0xFFFFFFF, ONES_32 = 0xFFFFFFFF, ONES_36 = 0xFFFFFFFFF;
+    uint64_t value;
+    uint64_t end = cell->rat == RAT_LTE ? ONES_28 : cell->rat == RAT_UMTS ? ONES_32 : ONES_36;
+    if (whole_hex(field, &value) && value < end && value != ONES_28 && value != ONES_32)
+        snprintf(cell->cellid, sizeof cell->cellid, "%llu", static_cast<unsigned long long>(value));
+}
+
+static void take_noise(ServingCellRecord *cell, std::string_view field)
+{
+    size_t digit = field.starts_with('-') ? 1 : 0;
     int32_t value = leading_int(field);
-    if (value >= 0 && value <= UINT8_MAX)
-        *out = static_cast<uint8_t>(value);
-}
-
-// A number that a tracking area cannot be, the sentinel FFFFFFF for one, leaves the text empty.
-static void take_area(std::span<char> lac, std::string_view field)
-{
-    constexpr uint64_t MAX_AREA = 99'999'999;
-    uint64_t value;
-    if (parse_hex(field, &value) && value <= MAX_AREA)
-        snprintf(lac.data(), lac.size(), "%u", static_cast<unsigned>(value));
-}
-
-static void take_cell_id(std::span<char> cellid, std::string_view field)
-{
-    uint64_t value;
-    if (parse_hex(field, &value))
-        snprintf(cellid.data(), cellid.size(), "%lld", static_cast<long long>(value));
+    if (digit < field.size() && field[digit] >= '0' && field[digit] <= '9' && value >= NOISE_MIN &&
+        value < NOISE_ABSENT)
+        cell->noise = value;
 }
 
 static void take_cell_field(ServingCellRecord *cell, unsigned number, std::string_view field)
@@ -129,9 +151,6 @@ static void take_cell_field(ServingCellRecord *cell, unsigned number, std::strin
     bool has_rsrq = cell->rat == RAT_LTE || cell->rat == RAT_NR;
     uint64_t value;
     switch (number) {
-    case 1:
-        take_byte(&cell->rat, field);
-        break;
     case 2:
         copy_cut(cell->mcc, field);
         break;
@@ -139,10 +158,10 @@ static void take_cell_field(ServingCellRecord *cell, unsigned number, std::strin
         copy_cut(cell->mnc, field);
         break;
     case 4:
-        take_area(cell->lac, field);
+        take_area(cell, field);
         break;
     case 5:
-        take_cell_id(cell->cellid, field);
+        take_cell_id(cell, field);
         break;
     case 7:
         if (has_rsrq && parse_hex(field, &value) && value <= INT32_MAX)
@@ -152,57 +171,69 @@ static void take_cell_field(ServingCellRecord *cell, unsigned number, std::strin
         copy_cut(cell->band, field);
         break;
     case 10:
-        cell->noise = leading_int(field);
+        take_noise(cell, field);
         break;
     case 12:
         if (has_rsrq)
-            take_byte(&cell->rsrp, field);
+            cell->rsrp = byte_figure(field, cell->rat == RAT_LTE ? LTE_RSRP_MAX : NR_RSRP_MAX);
         break;
     case 13:
         if (has_rsrq)
-            take_byte(&cell->rsrq, field);
+            cell->rsrq = byte_figure(field, cell->rat == RAT_LTE ? LTE_RSRQ_MAX : NR_RSRQ_MAX);
         break;
     case 14:
-        if (cell->rat == RAT_UMTS) {
-            take_byte(&cell->rsrp, field);
-            cell->ecio = cell->rsrp;
-        }
+        if (cell->rat == RAT_UMTS)
+            cell->rsrp = cell->ecio = byte_figure(field, UMTS_ECIO_MAX);
         break;
     default:
         break;
     }
 }
 
+// False for a line that is no serving cell or does not name its RAT.
+static bool take_cell(ServingCellRecord *cell, std::string_view line)
+{
+    std::string_view field;
+    next_field(&line, &field);
+    if (field != "1" || !next_field(&line, &field))
+        return false;
+    uint8_t rat = byte_figure(field);
+    if (rat == RAT_NONE || rat == BYTE_ABSENT)
+        return false;
+    cell->rat = rat;
+    cell->noise = NOISE_ABSENT;
+    if (rat == RAT_LTE || rat == RAT_NR)
+        cell->rsrp = cell->rsrq = BYTE_ABSENT;
+    else if (rat == RAT_UMTS)
+        cell->rsrp = cell->ecio = BYTE_ABSENT;
+    for (unsigned number = 2; next_field(&line, &field); number++) {
+        field = trimmed(field);
+        if (!field.empty())
+            take_cell_field(cell, number, field);
+    }
+    return true;
+}
+
+// What stands behind the marker's line; not found without such a line.
+static Cut behind_line(std::string_view answer, std::string_view marker)
+{
+    std::string_view line;
+    bool found = next_own_line(&answer, marker, &line);
+    return {answer, found};
+}
+
 result_t at_get_serving_cells(std::span<ServingCellRecord, SERVING_CELLS> cells)
 {
     AtAnswer answer;
     at_exchange("AT+GTCCINFO?\r", "+GTCCINFO:", "+GTCCINFO:", &answer);
-    Cut value = after_marker(answer.view(), "+GTCCINFO:");
-    if (!answer.usable() || !value.found)
+    Cut rows = behind_line(answer.view(), "+GTCCINFO:");
+    if (!answer.usable() || !rows.found)
         return answer.code;
     size_t filled = 0;
-    // What stands on the marker's own line is no cell.
-    std::string_view rest = behind(value.text, first_line(value.text).size()), line, field;
-    while (filled < cells.size() && next_line(&rest, &line)) {
-        if (line.front() != '1')
-            continue;
-        for (unsigned number = 0; next_field(&line, &field); number++) {
-            field = trimmed(field);
-            if (!field.empty())
-                take_cell_field(&cells[filled], number, field);
-        }
-        filled++;
-    }
+    std::string_view line;
+    while (filled < cells.size() && next_line(&rows.text, &line))
+        filled += take_cell(&cells[filled], line);
     return answer.code;
-}
-
-// Index of the line end at or after `from`: of its line feed when it is CR LF; npos without one.
-static size_t line_end(std::string_view text, size_t from)
-{
-    size_t end = text.find_first_of("\r\n", from);
-    if (end != std::string_view::npos && text[end] == '\r' && end + 1 < text.size() && text[end + 1] == '\n')
-        end++;
-    return end;
 }
 
 // Longest part of `text` that fits `room` characters and ends with a line.
@@ -214,24 +245,30 @@ static std::string_view whole_lines(std::string_view text, size_t room)
     return text.substr(0, end == std::string_view::npos ? 0 : end + 1);
 }
 
+// The line is somebody else's: the lines of a cell listing carry no name of their own.
+static bool foreign(std::string_view line)
+{
+    return line.starts_with('+');
+}
+
 result_t at_get_gtccinfo(std::span<char> text)
 {
-    // Distances that find the end of the marker's line and then of the label's line, whatever blanks follow the marker.
-    constexpr size_t BEHIND_MARKER = 10, INSIDE_LABEL = 13;
     AtAnswer answer;
     at_exchange("AT+GTCCINFO?\r", "+GTCCINFO:", "+GTCCINFO:", &answer);
-    Cut value = after_marker(answer.view(), "+GTCCINFO:");
-    if (!answer.usable() || !value.found)
+    Cut rows = behind_line(answer.view(), "+GTCCINFO:");
+    if (!answer.usable() || !rows.found)
         return answer.code;
-    std::string_view section = behind(answer.view(), answer.view().find("+GTCCINFO:"));
-    if (section.find("service cell") == std::string_view::npos)
+    std::string_view line, rest = rows.text;
+    do {
+        if (!next_line(&rest, &line))
+            return RESULT_REFUSED;
+    } while (foreign(line) || line.find("service cell") == std::string_view::npos);
+    if (rest.empty())
         return RESULT_REFUSED;
-    size_t end = line_end(section, BEHIND_MARKER);
-    if (end != std::string_view::npos)
-        end = line_end(section, end + INSIDE_LABEL);
-    if (end == std::string_view::npos)
-        return RESULT_REFUSED;
-    size_t start = section.find_first_not_of("\r\n", end + 1);
+    std::string_view section = rest;
+    while (next_line(&rest, &line) && foreign(line))
+        section = rest;
+    size_t start = section.find_first_not_of("\r\n");
     if (start == std::string_view::npos)
         return RESULT_OK;
     std::string_view lines = whole_lines(behind(section, start), text.size() - 1);
@@ -241,24 +278,33 @@ result_t at_get_gtccinfo(std::span<char> text)
     return RESULT_OK;
 }
 
-static void take_figure(std::span<char> out, std::string_view text, std::string_view key)
+// The value of `key` in one line; "--" stays for one that is empty or no figure.
+static void take_figure(std::span<char> out, std::string_view line, std::string_view key)
 {
-    copy_cut(out, "--");
-    size_t at = text.find(key);
-    if (at == std::string_view::npos)
-        return;
-    Cut value = after_marker(first_line(behind(text, at)), ":");
+    Cut value = after_marker(behind(line, line.find(key)), ":");
     if (!value.found)
         return;
-    if (value.text.starts_with(' '))
-        value.text.remove_prefix(1);
+    std::string_view figure = value.text.starts_with(' ') ? value.text.substr(1) : value.text;
     if (key == "RANK") {
-        size_t digit = value.text.find_first_of("0123456789");
+        size_t digit = figure.find_first_of("0123456789");
         if (digit == std::string_view::npos)
             return;
-        value.text.remove_prefix(digit);
+        figure.remove_prefix(digit);
     }
-    copy_cut(out, value.text);
+    if (!figure.empty() && trimmed(figure) != "255")
+        copy_cut(out, figure);
+}
+
+static void take_first_figure(std::span<char> out, std::string_view text, std::string_view key)
+{
+    std::string_view line;
+    copy_cut(out, "--");
+    while (next_line(&text, &line)) {
+        if (foreign(line) || line.find(key) == std::string_view::npos)
+            continue;
+        take_figure(out, line, key);
+        return;
+    }
 }
 
 result_t at_get_cell_info(CellInfo *info)
@@ -266,25 +312,22 @@ result_t at_get_cell_info(CellInfo *info)
     constexpr size_t SHORTEST_BLOCK = 10;
     AtAnswer answer;
     at_exchange("AT+GTCELLINFO?\r", "+GTCELLINFO:", "+GTCELLINFO:", &answer);
-    Cut value = after_marker(answer.view(), "+GTCELLINFO:");
-    if (!answer.usable() || !value.found)
+    std::string_view text = answer.view(), state, mode;
+    if (!answer.usable() || !next_own_line(&text, "+GTCELLINFO:", &state))
         return answer.code;
-    std::string_view text = value.text;
-    if (text.starts_with(' '))
-        text.remove_prefix(1);
-    if (text.starts_with('0')) {
+    if (trimmed(state).starts_with('0')) {
         log_error("GTCCINFO not enabled");
         return RESULT_INCOMPLETE;
     }
-    text.remove_prefix(first_line(text).size());
-    text.remove_prefix(std::min(text.find_first_not_of("\r\n"), text.size()));
-    if (text.size() < SHORTEST_BLOCK) {
-        log_error("maybe no simcard");
-        return RESULT_INCOMPLETE;
-    }
-    std::string_view mode = first_line(text);
+    do {
+        text = behind(text, text.find_first_not_of("\r\n"));
+        if (text.size() < SHORTEST_BLOCK) {
+            log_error("maybe no simcard");
+            return RESULT_INCOMPLETE;
+        }
+        next_line(&text, &mode);
+    } while (foreign(mode));
     copy_cut(info->Mode, mode.substr(0, mode.find(':')));
-    text.remove_prefix(mode.size());
     const struct {
         const char *key;
         std::span<char> out;
@@ -293,6 +336,6 @@ result_t at_get_cell_info(CellInfo *info)
         {"RANK", info->RANK},     {"DLMCS", info->DLMCS}, {"ULMCS", info->ULMCS},
     };
     for (const auto &figure : figures)
-        take_figure(figure.out, text, figure.key);
+        take_first_figure(figure.out, text, figure.key);
     return answer.code;
 }

@@ -27,10 +27,9 @@ result_t at_get_pcm_loopback_state(uint8_t *enabled)
     result_t code = at_exchange("AT+GTPCMLOOPBACK?\r", MARKER, MARKER, &answer);
     if (!answer.usable())
         return code;
-    Cut state = after_marker(answer.view(), MARKER);
-    size_t at = state.text.find_first_not_of(' ');
-    if (at != std::string_view::npos && state.text[at] != '\r' && state.text[at] != '\n')
-        *enabled = state.text[at] != '0';
+    std::string_view state = trimmed(own_line(answer.view(), MARKER).text);
+    if (!state.empty())
+        *enabled = state.front() != '0';
     return code;
 }
 

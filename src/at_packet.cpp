@@ -153,7 +153,7 @@ static void exchange_persistently(const char *command, const char *expected, AtA
 // Only the state parameter counts: error numbers and echoes hold digits too.
 static bool ims_voice_is(std::string_view answer, bool wanted)
 {
-    std::string_view state = after_marker(answer, "+CAVIMS:").text;
+    std::string_view state = own_line(answer, "+CAVIMS:").text;
     size_t digit = state.find_first_not_of(' ');
     if (digit == std::string_view::npos || !isdigit(static_cast<unsigned char>(state[digit])))
         return false;
@@ -185,11 +185,10 @@ result_t at_set_fm160_usb_lock(uint8_t locked)
 // The fields of the line that defines context `cid`, the context's number first; empty when it is not listed.
 static std::string_view context_line(std::string_view answer, int32_t cid)
 {
-    std::string_view line;
-    while (next_line(&answer, &line)) {
-        Cut fields = after_marker(line, "+CGDCONT: ");
-        if (fields.found && fields.text.find(',') != std::string_view::npos && leading_int(fields.text) == cid)
-            return fields.text;
+    std::string_view fields;
+    while (next_own_line(&answer, CONTEXT_MARKER, &fields)) {
+        if (fields.find(',') != std::string_view::npos && leading_int(fields) == cid)
+            return fields;
     }
     return {};
 }
@@ -213,7 +212,7 @@ result_t at_check_connectivity(uint8_t *connected)
     std::string_view address;
     if (!nth_field(context_line(answer.view(), DATA_CONTEXT), ADDRESS_FIELD, &address))
         return code;
-    *connected = address.find_first_not_of("\",.0") != std::string_view::npos;
+    *connected = address.find_first_not_of("\",.:0 ") != std::string_view::npos;
     return *connected ? RESULT_OK : code;
 }
 

@@ -143,10 +143,8 @@ static void append_band(AtCommand *command, std::string_view name, bool umts_by_
 static void append_bands(AtCommand *command, std::string_view bands, bool umts_by_number, const char *function)
 {
     // A list that holds the end of a command is refused whole, wherever in it that stands.
-    if (bands.find_first_of("\r\n\x1a\x1b") != std::string_view::npos) {
-        at_append_raw(command, bands);
-        return;
-    }
+    if (!at_text_allowed(bands))
+        at_refuse(command);
     std::string_view name;
     while (!command->fault && next_field(&bands, &name)) {
         name = trimmed(name);
@@ -219,6 +217,8 @@ static void name_of_code(std::string_view code, std::span<char, 16> name)
         snprintf(name.data(), name.size(), "b%d", leading_int(behind(code, 1)));
     } else if (code == "300") {
         copy_cut(name, "BC0");
+    } else if (code == "255") {
+        return; // no band
     } else if (length <= 5 && first == '5') {
         snprintf(name.data(), name.size(), "n%d", leading_int(behind(code, 1)));
     } else if (length <= 4) {
@@ -251,14 +251,14 @@ result_t at_get_current_rat_and_band(RatAndBand *current, std::span<char> bands)
 {
     AtAnswer answer;
     at_exchange("AT+GTACT?\r", "+GTACT:", "+GTACT:", &answer);
-    Cut value = after_marker(answer.view(), "+GTACT:");
+    Cut value = own_line(answer.view(), "+GTACT:");
     if (!answer.usable() || !value.found)
         return answer.code;
-    // The list ends with its line: the last band is a band too, and what follows is not.
-    std::string_view rest = first_line(value.text), field;
+    std::string_view rest = value.text, field;
     for (int32_t *number : {&current->rat, &current->pref_act1, &current->pref_act2}) {
-        if (next_field(&rest, &field))
-            *number = leading_int(field);
+        uint8_t figure = next_field(&rest, &field) ? byte_figure(field) : BYTE_ABSENT;
+        if (figure != BYTE_ABSENT)
+            *number = figure;
     }
     if (!bands.empty() && !write_bands(bands, rest)) {
         log_error("band list too long");

@@ -7,9 +7,9 @@
 #include "celmux.h"
 
 struct PinRetryGroup {
-    uint8_t present; // the modem reported this code
-    uint8_t retries; // attempts left
-    uint8_t default_retries;
+    uint8_t present;         // the modem reported this code
+    uint8_t retries;         // attempts left
+    uint8_t default_retries; // 255 when the modem does not tell
 };
 
 constexpr unsigned PIN_CODES = 4;
@@ -22,7 +22,7 @@ struct PinRetries {
 // RESULT_ERROR.
 
 // `selection` names the code that is asked for, as "SIM PIN"; null asks for all. A line without its two commas ends the
-// list.
+// list; a code whose attempts are missing or above 254 is not reported.
 result_t at_get_remaining_pin_retries(const char *selection, PinRetries *retries);
 // The caller sets both counts to -1 beforehand; a count that the modem does not give stays.
 result_t at_get_sim_remaining_attempts(int32_t *pin, int32_t *puk);

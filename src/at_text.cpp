@@ -1,5 +1,6 @@
 #include "at_text.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -40,27 +41,57 @@ void at_append_number(AtCommand *command, int64_t value)
     at_append(command, std::string_view(digits, static_cast<size_t>(length)));
 }
 
-static bool ends_a_command(char c)
+static bool holds_control(std::string_view text)
 {
-    return c == '\r' || c == '\n' || c == '\x1a' || c == '\x1b' || c == '\0';
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
+}
+
+static bool allowed(std::string_view text, bool *quote_open)
+{
+    *quote_open = false;
+    for (char c : text) {
+        if (c == '"')
+            *quote_open = !*quote_open;
+        else if (c == ';' && !*quote_open)
+            return false;
+    }
+    return !holds_control(text);
+}
+
+bool at_text_allowed(std::string_view text)
+{
+    bool quote_open;
+    return allowed(text, &quote_open);
+}
+
+void at_refuse(AtCommand *command)
+{
+    command->fault = FAULT_CHARACTER;
 }
 
 void at_append_raw(AtCommand *command, std::string_view text)
 {
-    for (char c : text) {
-        if (ends_a_command(c))
-            command->fault = FAULT_CHARACTER;
-    }
+    bool quote_open;
+    if (!allowed(text, &quote_open) || quote_open)
+        at_refuse(command);
     at_append(command, text);
 }
 
 void at_append_quoted(AtCommand *command, std::string_view text)
 {
-    if (text.find('"') != std::string_view::npos)
-        command->fault = FAULT_CHARACTER;
+    if (holds_control(text) || text.find('"') != std::string_view::npos)
+        at_refuse(command);
     at_append(command, "\"");
-    at_append_raw(command, text);
+    at_append(command, text);
     at_append(command, "\"");
+}
+
+bool at_one_command(std::string_view text)
+{
+    if (text.ends_with('\r'))
+        text.remove_suffix(1);
+    return text.find_first_of("\r\n\x1a\x1b") == std::string_view::npos;
 }
 
 bool at_command_ok(AtCommand *command, const char *function)
@@ -142,6 +173,28 @@ Cut until_any(std::string_view text, std::string_view ends)
     return {text.substr(0, end), true};
 }
 
+bool next_own_line(std::string_view *rest, std::string_view prefix, std::string_view *line)
+{
+    while (next_line(rest, line)) {
+        size_t start = 0;
+        while (start < line->size() && ((*line)[start] <= ' ' || (*line)[start] > '~'))
+            start++;
+        line->remove_prefix(start);
+        if (line->starts_with(prefix)) {
+            line->remove_prefix(prefix.size());
+            return true;
+        }
+    }
+    return false;
+}
+
+Cut own_line(std::string_view answer, std::string_view prefix)
+{
+    std::string_view line;
+    bool found = next_own_line(&answer, prefix, &line);
+    return {found ? line : std::string_view(), found};
+}
+
 std::string_view first_line(std::string_view text)
 {
     return text.substr(0, text.find_first_of("\r\n"));
@@ -156,12 +209,22 @@ std::string_view trimmed(std::string_view text)
     return behind(text.substr(0, text.find_last_not_of(AROUND) + 1), first);
 }
 
+std::string_view unquoted(std::string_view text)
+{
+    if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
+        return text.substr(1, text.size() - 2);
+    return text;
+}
+
 bool next_field(std::string_view *rest, std::string_view *field)
 {
     // A null view marks the end: an empty one that is not null still is a last, empty field.
     if (rest->data() == nullptr)
         return false;
-    size_t comma = rest->find(',');
+    size_t start = rest->find_first_not_of(" \t");
+    bool quoted = start != std::string_view::npos && (*rest)[start] == '"';
+    size_t closing = quoted ? rest->find('"', start + 1) : std::string_view::npos;
+    size_t comma = rest->find(',', closing == std::string_view::npos ? 0 : closing);
     *field = rest->substr(0, comma);
     *rest = comma == std::string_view::npos ? std::string_view() : rest->substr(comma + 1);
     return true;
@@ -193,6 +256,15 @@ int32_t leading_int(std::string_view text)
             return negative ? INT32_MIN : INT32_MAX;
     }
     return static_cast<int32_t>(negative ? -value : value);
+}
+
+uint8_t byte_figure(std::string_view field, uint8_t max)
+{
+    field = trimmed(field);
+    if (field.empty() || field.front() < '0' || field.front() > '9')
+        return BYTE_ABSENT;
+    int32_t value = leading_int(field);
+    return value <= max ? static_cast<uint8_t>(value) : BYTE_ABSENT;
 }
 
 static int hex_digit(char c)

@@ -9,8 +9,8 @@
 
 constexpr uint32_t AT_TIMEOUT_MS = 3000;
 
-// A bounded AT command under construction. Whatever does not fit, or would end the command and start another one, makes the
-// whole command invalid: it is then refused by `send_setter`, `send_query` and `at_command_ok`, with one log line.
+// A bounded AT command under construction. Whatever does not fit, or would end the command and start another one, makes
+// the whole command invalid: it is then refused by `send_setter`, `send_query` and `at_command_ok`, with one log line.
 struct AtCommand {
     char text[1400];
     uint16_t length;
@@ -20,10 +20,17 @@ struct AtCommand {
 void at_begin(AtCommand *command, std::string_view start);
 void at_append(AtCommand *command, std::string_view literal); // our own text, as it stands
 void at_append_number(AtCommand *command, int64_t value);
-// Text of a caller: refused if it holds CR, LF, Ctrl-Z, ESC or NUL.
+// Text of a caller, as it stands. Refused if at_text_allowed refuses it, or if a double quote in it is not closed.
 void at_append_raw(AtCommand *command, std::string_view text);
-// The same in double quotes; a double quote in it is refused too.
+// Text of a caller in double quotes. Refused if it holds a control character or a double quote.
 void at_append_quoted(AtCommand *command, std::string_view text);
+// False for text that would end a command or start another one: with a control character, or a ";" outside double
+// quotes (V.250 5.2.1).
+bool at_text_allowed(std::string_view text);
+// Refuses the command, whatever is appended.
+void at_refuse(AtCommand *command);
+// True for a text that is one command line to the modem: without CR, LF, Ctrl-Z and ESC. One CR at its end is its own.
+bool at_one_command(std::string_view text);
 // Appends "\r" and reports whether the command may be sent; logs a refusal at level 3 with `function`.
 bool at_command_ok(AtCommand *command, const char *function);
 
@@ -36,12 +43,13 @@ struct AtAnswer {
     AtAnswer(const AtAnswer &) = delete;
     AtAnswer &operator=(const AtAnswer &) = delete;
     ~AtAnswer();
-    std::string_view view() const;         // empty without an answer
-    bool usable() const;                   // there is a text and it does not hold "ERROR": values may be cut from it
+    std::string_view view() const; // empty without an answer
+    bool usable() const;           // there is a text and it does not hold "ERROR": values may be cut from it
 };
 
-// Requests `command` (ending in "\r") and classifies: no answer text or "ERROR" gives RESULT_ERROR, then "OK" RESULT_OK, "NO CARRIER"
-// RESULT_NO_CARRIER, `complete_marker` (null for a setter) RESULT_INCOMPLETE, else RESULT_ERROR; request's -1 gives RESULT_REQUEST_FAILED.
+// Requests `command` (ending in "\r") and classifies: no answer text or "ERROR" gives RESULT_ERROR, then "OK"
+// RESULT_OK, "NO CARRIER" RESULT_NO_CARRIER, `complete_marker` (null for a setter) RESULT_INCOMPLETE, else
+// RESULT_ERROR; request's -1 gives RESULT_REQUEST_FAILED.
 result_t at_exchange(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
                      uint32_t timeout_ms = AT_TIMEOUT_MS);
 // at_exchange for a command that has no value to read. Refused commands give RESULT_ERROR, nothing is sent.
@@ -60,6 +68,13 @@ Cut after_marker(std::string_view text, std::string_view marker);
 // The text before the first of `ends`; not found when none of them is in `text`.
 Cut until_any(std::string_view text, std::string_view ends);
 
+// Takes the next line of an answer that begins with `prefix` off the front of *rest, and what stands before it. *line
+// is that line without the prefix; blanks and bytes that are no text do not count at its start. False when none is
+// left.
+bool next_own_line(std::string_view *rest, std::string_view prefix, std::string_view *line);
+// The first such line.
+Cut own_line(std::string_view answer, std::string_view prefix);
+
 // The text before the first CR or LF; the whole text without one.
 std::string_view first_line(std::string_view text);
 // The text without its first `count` characters; empty when it has no more.
@@ -71,13 +86,21 @@ constexpr std::string_view behind(std::string_view text, size_t count)
 // The text without the blanks, tabs and line ends around it.
 std::string_view trimmed(std::string_view text);
 
-// Takes the next comma-separated field off the front of *rest; false when none is left. "a,,b" has three fields, an empty text one
-// (empty), a null view none.
+// The text without the double quotes around it, if there are two.
+std::string_view unquoted(std::string_view text);
+
+// Takes the next comma-separated field off the front of *rest; false when none is left. "a,,b" has three fields, an
+// empty text one (empty), a null view none. A comma in a field that stands in double quotes does not end it.
 bool next_field(std::string_view *rest, std::string_view *field);
 // Takes the next line (maximal run without CR and LF) off the front of *rest; false when none is left.
 bool next_line(std::string_view *rest, std::string_view *line);
-// Value of the leading decimal digits (a sign and leading blanks allowed); 0 without any; saturates at the limits of int32.
+// Value of the leading decimal digits (a sign and leading blanks allowed); 0 without any; saturates at the limits of
+// int32.
 int32_t leading_int(std::string_view text);
+// What stands for "not known or not detectable" in one byte (3GPP TS 27.007 8.69).
+constexpr uint8_t BYTE_ABSENT = 255;
+// Value of a field of 0 to `max`; BYTE_ABSENT for one that is missing, not a number or greater.
+uint8_t byte_figure(std::string_view field, uint8_t max = BYTE_ABSENT - 1);
 // Value of a field of hexadecimal digits (leading blanks allowed); false when there is no digit or more than 64 bits.
 bool parse_hex(std::string_view text, uint64_t *value);
 

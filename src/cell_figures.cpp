@@ -67,9 +67,12 @@ static std::string_view band_number(const ServingCellRecord *cell)
 
 void append_band_label(std::span<char, BAND_LIST_SIZE> list, const ServingCellRecord *cell)
 {
-    if (!cell->band[0] || (cell->rat != RAT_UMTS && cell->rat != RAT_LTE && cell->rat != RAT_NR))
+    if (cell->rat != RAT_UMTS && cell->rat != RAT_LTE && cell->rat != RAT_NR)
         return;
     std::string_view number = band_number(cell);
+    if (number.empty() || number.find_first_not_of("0123456789") != std::string_view::npos ||
+        std::string_view(cell->band) == "255")
+        return;
     size_t used = strnlen(list.data(), list.size());
     // Three labels of at most ten characters always fit; one more is left out whole.
     if (used + number.size() + 3 > list.size())

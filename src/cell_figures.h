@@ -11,9 +11,7 @@
 constexpr size_t FIGURE_SIZE = 32;
 constexpr size_t BAND_LIST_SIZE = 64;
 
-constexpr uint8_t INDEX_ABSENT = 255; // of the 8-bit indexes
-constexpr int32_t NOISE_LIMIT = 254;  // a `noise` above it is absent
-constexpr uint8_t RSSI_UNKNOWN = 99;  // of AT+CSQ
+constexpr uint8_t RSSI_MAX = 31; // of AT+CSQ; a greater one is no level
 
 using Figure = char[FIGURE_SIZE];
 
@@ -27,8 +25,8 @@ void write_nr_ss_sinr(Figure &text, int32_t noise); // 3GPP TS 38.133 10.1.16; i
 void write_umts_ec_io(Figure &text, uint8_t ecio);
 void write_umts_rssi(Figure &text, uint8_t rssi); // 3GPP TS 27.007 8.5
 
-// Appends the label of the cell's band, such as "b3" or "n78", to the comma-separated list; nothing for a cell without
-// a band or of another RAT.
+// Appends the label of the cell's band, such as "b3" or "n78", to the comma-separated list; nothing for a cell whose
+// band is missing, no number or 255, or of another RAT.
 void append_band_label(std::span<char, BAND_LIST_SIZE> list, const ServingCellRecord *cell);
 
 // The cell of the highest RAT among the first `count` records, the earliest of equals; null for count 0.

@@ -238,8 +238,13 @@ int handle_at_passthrough(HANDLER_ARGUMENTS)
     uint32_t timeout_ms = AT_TIMEOUT_MS;
     if (fields[AT_PASSTHROUGH_TIMEOUT_MS])
         timeout_ms = std::min(blobmsg_get_u32(fields[AT_PASSTHROUGH_TIMEOUT_MS]), LONGEST_MS);
+    const std::string_view command = blobmsg_get_string(fields[AT_PASSTHROUGH_AT]);
     char *answer = nullptr;
-    int result = request(blobmsg_get_string(fields[AT_PASSTHROUGH_AT]), &answer, nullptr, 1, timeout_ms);
+    int result = -1;
+    if (at_one_command(command))
+        result = request(command.data(), &answer, nullptr, !command.ends_with('\r'), timeout_ms);
+    else
+        CELMUX_LOG(LOG_ERR, "command holds a line end, Ctrl-Z or ESC", "at_passthrough");
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
     const char *text = answer ? answer : "";

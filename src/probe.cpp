@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "at_text.h"
 #include "config.h"
 #include "log.h"
 #include "port.h"
@@ -50,45 +51,70 @@ static bool append_value(InfoLine *line, std::string_view value)
 
 enum class Field { MISSING, TAKEN, BROKEN };
 
-// Takes the value that starts `skip` characters after the start of `marker` and ends before `end`, and leaves *rest
-// behind it.
-static Field take_value(std::string_view *rest, std::string_view marker, size_t skip, char end, InfoLine *line)
+// Appends the text before the closing double quote.
+static Field append_quoted(InfoLine *info, std::string_view text)
 {
-    size_t at = rest->find(marker);
-    if (at == std::string_view::npos)
-        return Field::MISSING;
-    size_t stop = at + skip > rest->size() ? std::string_view::npos : rest->find(end, at + skip);
-    if (stop == std::string_view::npos || !append_value(line, rest->substr(at + skip, stop - at - skip)))
-        return Field::BROKEN;
-    *rest = rest->substr(stop);
-    return Field::TAKEN;
+    Cut value = until_any(text, "\"");
+    return value.found && append_value(info, value.text) ? Field::TAKEN : Field::BROKEN;
 }
 
-static Field take_hardware_version(std::string_view *rest, InfoLine *line)
+static bool take_imei(std::string_view *rest, InfoLine *info)
 {
-    size_t at = rest->find("ATI9\r\n\"");
-    if (at == std::string_view::npos)
+    std::string_view line;
+    if (!next_own_line(rest, "+CGSN:", &line) || rest->empty()) // cut off before its line end
+        return false;
+    std::string_view value = unquoted(trimmed(line));
+    return !value.empty() && value.find('"') == std::string_view::npos && append_value(info, value);
+}
+
+// The value in double quotes of the next line that begins with `marker`; leaves *rest behind that line.
+static Field take_quoted(std::string_view *rest, std::string_view marker, InfoLine *info)
+{
+    std::string_view behind_line = *rest, line;
+    if (!next_own_line(&behind_line, marker, &line))
         return Field::MISSING;
-    std::string_view behind = rest->substr(at);
-    Field taken = take_value(&behind, ":", 2, '"', line);
-    if (taken != Field::TAKEN)
-        return Field::BROKEN;
-    *rest = behind;
-    return Field::TAKEN;
+    *rest = behind_line;
+    return append_quoted(info, after_marker(line, "\"").text);
+}
+
+// The line that answers `command` behind its echo, without its opening double quote; leaves *rest behind that line.
+static Cut echoed_answer(std::string_view *rest, std::string_view command)
+{
+    std::string_view behind_line = *rest, line;
+    while (next_own_line(&behind_line, command, &line)) {
+        do {
+            if (!next_line(&behind_line, &line))
+                return {{}, false};
+        } while (line.starts_with('+')); // a report
+        if (line.starts_with('"')) {
+            *rest = behind_line;
+            return {line.substr(1), true};
+        }
+    }
+    return {{}, false};
+}
+
+static Field take_hardware_version(std::string_view *rest, InfoLine *info)
+{
+    Cut line = echoed_answer(rest, "ATI9");
+    if (!line.found)
+        return Field::MISSING;
+    Cut value = after_marker(line.text, ":");
+    if (!value.found && until_any(line.text, "\"").found)
+        return Field::MISSING; // another layout
+    return append_quoted(info, behind(value.text, 1));
 }
 
 bool modem_info_line(std::string_view answers, std::span<char> line)
 {
-    constexpr std::string_view SOFTWARE = "ATI8\r\n\"";
     InfoLine info = {line, 0};
     std::string_view rest = answers.substr(0, answers.find('\0'));
-    if (take_value(&rest, "+CGSN:", 7, '\r', &info) != Field::TAKEN || info.used == 0)
+    if (!take_imei(&rest, &info))
         return false;
-    if (take_value(&rest, "+GMM:", 7, '"', &info) == Field::BROKEN ||
-        take_value(&rest, "+CGMI:", 8, '"', &info) == Field::BROKEN ||
+    if (take_quoted(&rest, "+GMM:", &info) == Field::BROKEN || take_quoted(&rest, "+CGMI:", &info) == Field::BROKEN ||
         take_hardware_version(&rest, &info) == Field::BROKEN)
         return false;
-    (void)take_value(&rest, SOFTWARE, SOFTWARE.size(), '"', &info); // a broken one is only left out
+    (void)append_quoted(&info, echoed_answer(&rest, "ATI8").text); // a broken one is only left out
     return true;
 }
 

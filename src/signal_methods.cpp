@@ -2,12 +2,13 @@
 
 #include "at_cell.h"
 #include "at_rat.h"
+#include "at_text.h"
 #include "cell_figures.h"
 
 int handle_get_rssi(HANDLER_ARGUMENTS)
 {
     CELMUX_LOG(LOG_INFO, "%s enter", "get_rssi", "get_rssi");
-    uint8_t rssi = 0;
+    uint8_t rssi = RSSI_UNKNOWN;
     result_t result = at_get_rssi(&rssi);
     reply_begin();
     reply_add_u32("result", result);
@@ -19,7 +20,8 @@ int handle_get_rssi(HANDLER_ARGUMENTS)
 int handle_get_extended_signal_quality(HANDLER_ARGUMENTS)
 {
     CELMUX_LOG(LOG_INFO, "%s enter", "get_extended_signal_quality", "get_extended_signal_quality");
-    ExtendedSignalQuality quality = {};
+    ExtendedSignalQuality quality = {BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT,
+                                     BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT};
     result_t result = at_get_extended_signal_quality(&quality);
     reply_begin();
     reply_add_u32("result", result);
@@ -40,9 +42,9 @@ int handle_get_extended_signal_quality(HANDLER_ARGUMENTS)
 static void add_signal(const ServingCellRecord *cell)
 {
     Figure text = "Unknown";
-    if (cell->rat == RAT_LTE && cell->rsrp != INDEX_ABSENT)
+    if (cell->rat == RAT_LTE && cell->rsrp != BYTE_ABSENT)
         write_lte_rsrp(text, cell->rsrp);
-    else if (cell->rat == RAT_NR && cell->rsrp != INDEX_ABSENT)
+    else if (cell->rat == RAT_NR && cell->rsrp != BYTE_ABSENT)
         write_nr_ss_rsrp(text, cell->rsrp);
     reply_add_string("signal", text);
 }
@@ -50,12 +52,12 @@ static void add_signal(const ServingCellRecord *cell)
 // AT+GTCCINFO gives no signal strength of a UMTS cell, so AT+CSQ is asked for it.
 static result_t add_umts_signal()
 {
-    uint8_t rssi = 0;
+    uint8_t rssi = RSSI_UNKNOWN;
     result_t result = at_get_rssi(&rssi);
     if (result != RESULT_OK)
         return result;
     Figure text = "Unknown";
-    if (rssi != RSSI_UNKNOWN)
+    if (rssi <= RSSI_MAX)
         write_umts_rssi(text, rssi);
     reply_add_string("signal", text);
     return result;
@@ -81,56 +83,7 @@ int handle_get_signal_quality(HANDLER_ARGUMENTS)
     return reply_send(ctx, req);
 }
 
-static void add_signal_members(const ServingCellRecord *cell, const ServingCellRecord *best)
-{
-    Figure text;
-    switch (cell->rat) {
-    case RAT_LTE:
-        reply_add_u32("pcellid", static_cast<uint32_t>(best->pcellid));
-        write_lte_rsrp(text, cell->rsrp);
-        reply_add_string("rsrp", text);
-        break;
-    case RAT_NR:
-        reply_add_u32("pcellid", static_cast<uint32_t>(best->pcellid));
-        write_nr_ss_rsrp(text, cell->rsrp);
-        reply_add_string("ss_rsrp", text);
-        break;
-    case RAT_UMTS:
-        write_umts_ec_io(text, cell->rsrp);
-        reply_add_string("ec_io", text);
-        break;
-    default:
-        break;
-    }
-}
-
-int handle_get_current_cell_info(HANDLER_ARGUMENTS)
-{
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info", "get_current_cell_info");
-    ServingCellRecord cells[SERVING_CELLS] = {};
-    result_t result = at_get_serving_cells(cells);
-    size_t count = filled_cells(cells);
-    if (result != RESULT_OK || count == 0)
-        return reply_result(ctx, req, RESULT_REFUSED);
-    char bands[BAND_LIST_SIZE] = "";
-    reply_begin();
-    for (size_t i = 0; i < count; i++) {
-        add_signal_members(&cells[i], best_cell(cells, i + 1));
-        append_band_label(bands, &cells[i]);
-    }
-    const ServingCellRecord *best = best_cell(cells, count);
-    reply_add_u32("rat", best->rat);
-    reply_add_string("cellid", best->cellid);
-    reply_add_string("band", bands);
-    reply_add_u32("ecio", best->ecio);
-    reply_add_string("mcc", best->mcc);
-    reply_add_string("mnc", best->mnc);
-    reply_add_string("lac", best->lac);
-    reply_add_u32("result", RESULT_OK);
-    return reply_send(ctx, req);
-}
-
-struct ExplainedFigures {
+struct CellFigures {
     Figure ec_io = "--";
     Figure lte_signal = "--";
     Figure rsrq = "--";
@@ -140,10 +93,11 @@ struct ExplainedFigures {
     Figure nr_noise = "--";
 };
 
-static void explain(ExplainedFigures *figures, const ServingCellRecord *cell)
+// Writes the figures that the cell knows over those of an earlier cell of its RAT.
+static void explain(CellFigures *figures, const ServingCellRecord *cell)
 {
-    bool has_rsrp = cell->rsrp != INDEX_ABSENT, has_rsrq = cell->rsrq != INDEX_ABSENT,
-         has_noise = cell->noise <= NOISE_LIMIT;
+    bool has_rsrp = cell->rsrp != BYTE_ABSENT, has_rsrq = cell->rsrq != BYTE_ABSENT,
+         has_noise = cell->noise < NOISE_ABSENT;
     switch (cell->rat) {
     case RAT_LTE:
         if (has_rsrp)
@@ -162,27 +116,77 @@ static void explain(ExplainedFigures *figures, const ServingCellRecord *cell)
             write_nr_ss_sinr(figures->nr_noise, cell->noise);
         break;
     case RAT_UMTS:
-        write_umts_ec_io(figures->ec_io, cell->rsrp);
+        if (has_rsrp)
+            write_umts_ec_io(figures->ec_io, cell->rsrp);
         break;
     default:
         break;
     }
 }
 
+struct CellSummary {
+    ServingCellRecord cells[SERVING_CELLS];
+    size_t count;
+    const ServingCellRecord *best; // null without a cell
+    char bands[BAND_LIST_SIZE];
+};
+
+static result_t read_cells(CellSummary *summary)
+{
+    result_t result = at_get_serving_cells(summary->cells);
+    summary->count = filled_cells(summary->cells);
+    summary->best = best_cell(summary->cells, summary->count);
+    for (size_t i = 0; i < summary->count; i++)
+        append_band_label(summary->bands, &summary->cells[i]);
+    return result;
+}
+
+static void add_signal_members(const ServingCellRecord *cell, const ServingCellRecord *best)
+{
+    CellFigures figures;
+    explain(&figures, cell);
+    if (cell->rat == RAT_LTE || cell->rat == RAT_NR)
+        reply_add_u32("pcellid", static_cast<uint32_t>(best->pcellid));
+    if (cell->rat == RAT_LTE)
+        reply_add_string("rsrp", figures.lte_signal);
+    else if (cell->rat == RAT_NR)
+        reply_add_string("ss_rsrp", figures.nr_signal);
+    else if (cell->rat == RAT_UMTS)
+        reply_add_string("ec_io", figures.ec_io);
+}
+
+int handle_get_current_cell_info(HANDLER_ARGUMENTS)
+{
+    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info", "get_current_cell_info");
+    CellSummary summary = {};
+    result_t result = read_cells(&summary);
+    const ServingCellRecord *best = summary.best;
+    if (result != RESULT_OK || !best)
+        return reply_result(ctx, req, RESULT_REFUSED);
+    reply_begin();
+    for (size_t i = 0; i < summary.count; i++)
+        add_signal_members(&summary.cells[i], best_cell(summary.cells, i + 1));
+    reply_add_u32("rat", best->rat);
+    reply_add_string("cellid", best->cellid);
+    reply_add_string("band", summary.bands);
+    reply_add_u32("ecio", best->ecio);
+    reply_add_string("mcc", best->mcc);
+    reply_add_string("mnc", best->mnc);
+    reply_add_string("lac", best->lac);
+    reply_add_u32("result", RESULT_OK);
+    return reply_send(ctx, req);
+}
+
 int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
 {
     CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info_explained", "get_current_cell_info_explained");
-    ServingCellRecord cells[SERVING_CELLS] = {};
-    result_t result = at_get_serving_cells(cells);
+    CellSummary summary = {};
+    result_t result = read_cells(&summary);
     if (result != RESULT_OK)
         return reply_result(ctx, req, RESULT_REFUSED);
-    ExplainedFigures figures;
-    char bands[BAND_LIST_SIZE] = "";
-    size_t count = filled_cells(cells);
-    for (size_t i = 0; i < count; i++) {
-        explain(&figures, &cells[i]);
-        append_band_label(bands, &cells[i]);
-    }
+    CellFigures figures;
+    for (size_t i = 0; i < summary.count; i++)
+        explain(&figures, &summary.cells[i]);
     reply_begin();
     reply_add_string("ec_io", figures.ec_io);
     reply_add_string("lte_signal", figures.lte_signal);
@@ -191,11 +195,11 @@ int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
     reply_add_string("nr_signal", figures.nr_signal);
     reply_add_string("ss_rsrq", figures.ss_rsrq);
     reply_add_string("nr_noise", figures.nr_noise);
-    const ServingCellRecord *best = best_cell(cells, count);
+    const ServingCellRecord *best = summary.best;
     if (best) {
         reply_add_u32("rat", best->rat);
         reply_add_string("cellid", best->cellid);
-        reply_add_string("band", bands);
+        reply_add_string("band", summary.bands);
         reply_add_string("mcc", best->mcc);
         reply_add_string("mnc", best->mnc);
         reply_add_string("lac", best->lac);

@@ -1,6 +1,7 @@
 #include "sim_methods.h"
 
 #include "at_sim.h"
+#include "at_text.h"
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
 {
@@ -74,7 +75,8 @@ int handle_get_remaining_pin_retries(HANDLER_ARGUMENTS)
         if (!retries.codes[i].present)
             continue;
         reply_add_u32(names[i].retries, retries.codes[i].retries);
-        reply_add_u32(names[i].default_retries, retries.codes[i].default_retries);
+        if (retries.codes[i].default_retries != BYTE_ABSENT)
+            reply_add_u32(names[i].default_retries, retries.codes[i].default_retries);
     }
     return reply_send(ctx, req);
 }

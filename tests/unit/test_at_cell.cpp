@@ -207,8 +207,10 @@ TEST_F(Cell, SignalFiguresComeInTheAnswersOrder)
         std::vector<int> figures;
     } rows[] = {
         {"+CESQ: 17,99,255,255,4,29,75,52,57", {17, 99, 255, 255, 4, 29, 75, 52, 57}},
-        {"+CESQ: 99, 99, 255, 255, 22, 64", {99, 99, 255, 255, 22, 64, 0, 0, 0}},
-        {"+CESQ: 1,,3,x,-1,6,7,8,9,10,11", {1, 0, 3, 0, 255, 6, 7, 8, 9}},
+        {"+CTZV: +CESQ: 1,1\r\n+CESQ: 99, 99, 255, 255, 22, 64", {99, 99, 255, 255, 22, 64, 255, 255, 255}},
+        {"+CESQ: 1,,3,x,-1,6,7,8,9,10,11", {1, 255, 3, 255, 255, 6, 7, 8, 9}},
+        {"+CESQ: 64,8,97,50,47,98,128,127,396", std::vector<int>(9, 255)},
+        {"+CESQ:", std::vector<int>(9, 255)},
     };
     for (const auto &row : rows) {
         fake_link.answer_always(ok_answer({row.line}));
@@ -218,10 +220,19 @@ TEST_F(Cell, SignalFiguresComeInTheAnswersOrder)
                   row.figures)
             << row.line;
     }
-    fake_link.answer_always(ok_answer({"+CSQ: 24,99"}));
     uint8_t rssi = 0;
-    EXPECT_EQ(at_get_rssi(&rssi), RESULT_OK);
-    EXPECT_EQ(rssi, 24);
+    const struct {
+        const char *line;
+        int rssi;
+    } levels[] = {{"+CSQ: 24,99", 24},     {"+CTZV: +CSQ: 8,1\r\n+CSQ: 7,99", 7},
+                  {"+CSQ: ,99", 99},       {"+CSQ: 300,99", 99},
+                  {"+CSQ: -1,99", 99},     {"+CSQ: 255,99", 99},
+                  {"\x01\xff +CSQ: 5", 5}, {"+CSQ:", 99}};
+    for (const auto &row : levels) {
+        fake_link.answer_always(ok_answer({row.line}));
+        EXPECT_EQ(at_get_rssi(&rssi), RESULT_OK);
+        EXPECT_EQ(rssi, row.rssi) << row.line;
+    }
     fake_link.answer_always("\r\n+CSQ: 31,99\r\n");
     EXPECT_EQ(at_get_rssi(&rssi), RESULT_INCOMPLETE);
     EXPECT_EQ(rssi, 31);
@@ -240,6 +251,9 @@ TEST_F(Cell, OperatorHasWhatTheModemGives)
         {"+COPS: 1,2,26201,7,9,9", "1 format 2 oper 5:26201 act 7"},
         {"+COPS: 1,0,\"\",7", "1 format 0 oper 0: act 7"},
         {"+COPS: 1,0,\",7", "1 format 0 oper 1:\" act 7"},
+        {"+COPS: 0,0,\"Telecom, Inc.,\",7", "0 format 0 oper 14:Telecom, Inc., act 7"},
+        {"+CTZV: +COPS: 8,1\r\n+COPS: 1,,\"Op\",255", "1 oper 2:Op"},
+        {"+COPS: 300,-1,\"Op\",999", "255 oper 2:Op"},
     };
     for (const auto &row : rows)
         EXPECT_EQ(operator_of(row.line), row.expected) << row.line;
@@ -251,7 +265,8 @@ TEST_F(Cell, OperatorHasWhatTheModemGives)
 
 TEST_F(Cell, OperatorSelectionSendsWhatIsGiven)
 {
-    char quoted[] = "\"46000\"", empty[] = "", ends[] = "\"46000\"\rAT+CFUN=0";
+    char quoted[] = "\"46000\"", empty[] = "", ends[] = "\"46000\"\rAT+CFUN=0", second[] = "26201;+CFUN=0",
+         name[] = "\"a;b\"", open[] = "\"26201;+CFUN=0", tab[] = "262\t01";
     std::string overlong(1500, '4');
     const struct {
         OperatorInfo info;
@@ -260,7 +275,11 @@ TEST_F(Cell, OperatorSelectionSendsWhatIsGiven)
         {{1, 1, 2, 1, 7, quoted, 1, 7}, {"AT+COPS=1,2,\"46000\",7\r"}},
         {{4, 0, 0, 0, 0, nullptr, 1, 12}, {"AT+COPS=4,12\r"}},
         {{1, 1, 0, 1, 0, empty, 1, 7}, {"AT+COPS=1,0,7\r"}},
+        {{1, 1, 0, 1, 5, name, 0, 0}, {"AT+COPS=1,0,\"a;b\"\r"}},
         {{1, 1, 2, 1, 17, ends, 0, 0}, {}},
+        {{1, 1, 2, 1, 13, second, 0, 0}, {}},
+        {{1, 1, 2, 1, 14, open, 0, 0}, {}},
+        {{1, 1, 2, 1, 6, tab, 0, 0}, {}},
         {{1, 1, 2, 1, 255, overlong.data(), 0, 0}, {}},
     };
     for (const auto &row : rows) {
@@ -268,7 +287,7 @@ TEST_F(Cell, OperatorSelectionSendsWhatIsGiven)
         EXPECT_EQ(at_select_operator(&row.info), row.sent.empty() ? RESULT_ERROR : RESULT_OK);
         EXPECT_EQ(fake_link.sent, row.sent);
     }
-    EXPECT_EQ(log_count("at_select_operator", 3), 2);
+    EXPECT_EQ(log_count("at_select_operator", 3), 5);
 }
 
 TEST_F(Cell, OddServingCellLines)
@@ -280,24 +299,34 @@ TEST_F(Cell, OddServingCellLines)
         std::string line;
         const char *expected;
     } rows[] = {
-        {"1,4", "4 - - - - - 0 0 0 0 0\n"},
-        {"1,4,,", "4 - - - - - 0 0 0 0 0\n"},
+        {"1,4", "4 - - - - - 255 255 0 255 0\n"},
+        {"1,9,,,,,,,,,,,,", "9 - - - - - 255 255 0 255 0\n"},
+        {"1,2,,,,,,,,,,,,,", "2 - - - - - 255 0 255 255 0\n"},
         {"1", ""},
+        {"1,", ""},
+        {"1,255,460", ""},
+        {"10,4,460", ""},
         {forty, "4 460 3 5 8 4 12 13 0 10 7\n"},
         {" 1,4,460", ""},
         {"1, 4, 460, 01, 4F50 , 52AB337, 672, 1E4, 103, 100, -7, 63, 63, 24",
          "4 460 01 86684471 103 20304 63 24 0 -7 484\n"},
-        {"1,4,46000,010101,XYZ,-1,0,GHI,1234567890123,0,x,0,-3,256", "4 4600 0101 - 123456789 - 0 0 0 0 0\n"},
-        {"1,4,460,01,FFFFFFFFFFFFFFFF,FFFFFFFFFFFFFFFF,0,FFFFFFFF,3,0,99999999999,0,999,9",
-         "4 460 01 -1 3 - 0 9 0 2147483647 0\n"},
-        {"1,4,460,01,5F5E0FF,10000000000000000,0,7FFFFFFF,3", "4 460 01 - 3 99999999 0 0 0 0 2147483647\n"},
-        {"1,4,460,01," + std::string(5000, 'F') + "," + std::string(5000, '1') + ",0,1", "4 460 01 - - - 0 0 0 0 1\n"},
-        {"1,2,1,2,3,4,5,6,7,8,9,10,11,12", "2 1 2 4 7 3 0 0 0 9 0\n"},
+        {"1,4,46000,010101,XYZ,-1,0,GHI,1234567890123,0,x,0,-3,256", "4 4600 0101 - 123456789 - 255 255 0 255 0\n"},
+        {"1,4,460,01,FFFF,0FFFFFFF,0,FFFFFFFF,3,0,99999999999,0,98,47", "4 460 01 - 3 - 255 255 0 255 0\n"},
+        {"1,4,460,01,FFFE,0FFFFFFE,0,7FFFFFFF,3,0,-101,0,97,46", "4 460 01 268435454 3 65534 97 46 0 255 2147483647\n"},
+        {"1,9,460,01,FFFFFF,FFFFFFFFF,0,1,5,0,254,0,127,128", "9 460 01 - 5 - 255 255 0 254 1\n"},
+        {"1,9,460,01,FFFF,FFFFFFFF,0,1,5,0,-1,0,396,255", "9 460 01 - 5 - 255 255 0 -1 1\n"},
+        {"1,9,460,01,00FFFF,FFFFFFFFE,0,1,5,0,0,0,126,127", "9 460 01 68719476734 5 65535 126 127 0 0 1\n"},
+        {"1,9,460,01,FFFFFFF,00FFFFFFF,0,1,5,0,0,0,0,0", "9 460 01 - 5 - 0 0 0 0 1\n"},
+        {"1,4,460,01," + std::string(5000, 'F') + "," + std::string(5000, '1') + ",0,1",
+         "4 460 01 - - - 255 255 0 255 1\n"},
+        {"1,2,1,2,3,4,5,6,7,8,9,10,11,12,49", "2 1 2 4 7 3 49 0 49 9 0\n"},
+        {"1,2,1,2,3,4,5,6,7,8,9,10,11,12,50", "2 1 2 4 7 3 255 0 255 9 0\n"},
+        {"+CEREG: 2,1\r\n1,9,460\r\n+CTZV: 1,4\r\n1,2", "9 460 - - - - 255 255 0 255 0\n2 - - - - - 255 0 255 255 0\n"},
     };
     for (const auto &row : rows)
         EXPECT_EQ(cells_of(ok_answer({"+GTCCINFO:", row.line})), row.expected) << row.line;
     EXPECT_EQ(cells_of(ok_answer({"+GTCCINFO:", "1,4,1", "1,9,2", "1,2,3", "1,4,4"})),
-              "4 1 - - - - 0 0 0 0 0\n9 2 - - - - 0 0 0 0 0\n2 3 - - - - 0 0 0 0 0\n");
+              "4 1 - - - - 255 255 0 255 0\n9 2 - - - - 255 255 0 255 0\n2 3 - - - - 255 0 255 255 0\n");
 }
 
 TEST_F(Cell, GtccinfoIsTheTextBehindTheLabel)
@@ -307,6 +336,9 @@ TEST_F(Cell, GtccinfoIsTheTextBehindTheLabel)
               "1,4,460,01,4F50,52AB337,672,1E4,103,100,44,63,63,24\r\nLTE neighbor cell:\r\n\r\nOK\r\n");
     EXPECT_EQ(gtccinfo_of(ok_answer({"+GTCCINFO:", "", "UMTS service cell:", "", "1,2"})), "1,2\r\n\r\nOK\r\n");
     EXPECT_EQ(gtccinfo_of("\n+GTCCINFO:\nLTE service cell:\n1,4\nOK\n"), "1,4\nOK\n");
+    EXPECT_EQ(
+        gtccinfo_of(ok_answer({"x+GTCCINFO:", "+GTCCINFO:", "+CEREG: 2,1", "LTE service cell:", "+CTZV: +8,1", "1,4"})),
+        "1,4\r\n\r\nOK\r\n");
     EXPECT_EQ(gtccinfo_of(lte_fm350), "code -1");
     EXPECT_EQ(gtccinfo_of("\r\n+GTCCINFO: service cell"), "code -1");
     EXPECT_EQ(gtccinfo_of("\r\n+GTCCINFO:\r\nservice cell"), "code -1");
@@ -326,7 +358,10 @@ TEST_F(Cell, OddCellFigures)
         const char *log;
     } rows[] = {
         {ok_answer({"+GTCELLINFO: 1", "NR:", "BeamID:3", "Power: -12", "RANK: 0", "DLMCS: 5", "ULMCS:"}),
-         "NR 3 -- -12 0 5 -", ""},
+         "NR 3 -- -12 0 5 --", ""},
+        {ok_answer({"+CTZV: +GTCELLINFO: 0", "+GTCELLINFO: 1", "+CEREG: 2,1", "LTE:", "+X: CQI: 7", "CQI: 255",
+                    "Power: 255", "RANK: RANK255", "CQI: 3"}),
+         "LTE -- -- -- -- -- --", ""},
         {ok_answer({"+GTCELLINFO:1", "", "LTE-NR EN-DC:", "CQI: 01234567890123", "RANK: none", "Power"}),
          "LTE-NR EN- -- 0123456789 -- -- -- --", ""},
         {ok_answer({"+GTCELLINFO: 1", "no mode line", "CQI: 1"}), "no mode li -- 1 -- -- -- --", ""},

@@ -68,7 +68,7 @@ TEST_F(AtMisc, LoopbackStateIsTheCharacterBehindTheMarker)
         {"\r\n+GTPCMLOOPBACK: 1\r\n\r\nOK\r\n", RESULT_OK, 1},
         {"\r\n+GTPCMLOOPBACK: 0\r\n\r\nOK\r\n", RESULT_OK, 0},
         {"\r\n+GTPCMLOOPBACK: 3,0\r\n", RESULT_INCOMPLETE, 1},
-        {"\r\n+GTPCMLOOPBACK:0\r\n\r\nOK\r\n", RESULT_OK, 0},
+        {ok_answer({"+CTZV: +GTPCMLOOPBACK: 1", "+GTPCMLOOPBACK:0"}), RESULT_OK, 0},
         {"+GTPCMLOOPBACK:", RESULT_INCOMPLETE, 0},
         {"+GTPCMLOOPBACK: \r\nOK\r\n", RESULT_OK, 0},
         {"\r\n+CME ERROR: 100\r\n", RESULT_ERROR, 0},

@@ -4,6 +4,7 @@
 #include "at_query.h"
 #include "captured_log.h"
 #include "fake_modem_link.h"
+#include "query_methods.h"
 #include "wanmd.h"
 
 namespace {
@@ -25,19 +26,24 @@ const QueryRow query_rows[] = {
     {"imei unquoted", at_get_imei, 18, "AT+CGSN=1\r", "+CGSN:", "+CGSN: 860000000000009", "860000000000009"},
     {"imsi", at_get_imsi, 16, "AT+CIMI?\r", "+CIMI:", "+CIMI: \"250010000000001\"", "250010000000001"},
     {"ccid", at_get_ccid, 21, "AT+CCID\r", "+CCID:", "+CCID: 89701000000000000000", "89701000000000000000"},
-    {"msisdn", at_get_msisdn, 16, "AT+CNUM\r", "+CNUM:", "+CNUM: ,\"+41000000000\",145", "+41000000000"},
+    {"msisdn", get_msisdn_row.get, get_msisdn_row.size, "AT+CNUM\r",
+     "+CNUM:", "+CNUM: \"A, B\",\"+410000000000009\",145", "+410000000000009"},
     {"roaming", at_get_roaming_status, 3, "AT+CREG?\r", "+CREG:", "+CREG: 2,1,\"5D4\",\"01BC7511\",13", "1"},
-    {"roaming, short", at_get_roaming_status, 3, "AT+CREG?\r", "+CREG:", "+CREG: 0,5", "5"},
-    {"support", at_get_support_tech, 1024, "AT+GTRAT=?\r", "+GTRAT:", "+GTRAT: (1,2,4,10),(2,3,6)", "(1,2,4,10),(2,3,6)"},
+    {"roaming, report first", at_get_roaming_status, 3, "AT+CREG?\r", "+CREG:", "+CREG: 1,\"BD4\"\r\n+CREG: 0, 5", "5"},
+    {"support", at_get_support_tech, 1024, "AT+GTRAT=?\r", "+GTRAT:", "+GTRAT: (1,2,4,10),(2,3,6)",
+     "(1,2,4,10),(2,3,6)"},
     {"prefer", at_get_prefer_tech, 16, "AT+GTRAT?\r", "+GTRAT:", "+GTRAT: 20,6,3", "20,6,3"},
     {"current", at_get_current_tech, 6, "AT+GTRAT?\r", "+GTRAT:", "+GTRAT: 10,3,2", "10"},
     {"requested", at_get_network_requested, 16, "AT+GTRAT?\r", "+GTRAT:", "+GTRAT: 10,3,2", "10,3,2"},
     {"model", at_get_model, 22, "AT+GMM?\r", "+GMM:", "+GMM: \"L850 LTE Module\",\"L850\"", "L850 LTE Module"},
-    {"maker", at_get_manufacturer, 50, "AT+CGMI?\r", "+CGMI:", "+CGMI: \"Fibocom Wireless Inc.\"", "Fibocom Wireless Inc."},
+    {"maker", at_get_manufacturer, 50, "AT+CGMI?\r", "+CGMI:", "+CGMI: \"Fibocom Wireless Inc.\"",
+     "Fibocom Wireless Inc."},
     {"hardware", at_get_hw_version, 30, "ATI9\r", "Hardware version:", "\"Hardware version: V1.0.6\"", "V1.0.6"},
-    {"software", at_get_sw_version, 50, "AT+CGMR?\r", "+CGMR:", "+CGMR: \"81600.0000.00.29.22.40\"", "81600.0000.00.29.22.40"},
+    {"software", at_get_sw_version, 50, "AT+CGMR?\r", "+CGMR:", "+CGMR: \"81600.0000.00.29.22.40\"",
+     "81600.0000.00.29.22.40"},
     {"sim", at_get_sim_status, 50, "AT+CPIN?\r", "+CPIN:", "+CPIN: SIM PIN", "SIM PIN"},
-    {"contexts", at_get_pdp_contexts, 512, "AT+CGACT?\r", "+CGACT:", "+CGACT: 1,1\r\n+CGACT: 2,0", "10"},
+    {"contexts", at_get_pdp_contexts, 512, "AT+CGACT?\r", "+CGACT:", "+CGACT: 1,1\r\n+CTZV: +8,1\r\n+CGACT: 2, 0",
+     "10"},
     {"caller", at_get_caller_id, 17, "AT+CLCC\r", "+CLCC:", "+CLCC: 1,1,4,0,0,\"+370000000\",145,\"\"", "+370000000"},
 };
 
@@ -68,6 +74,25 @@ TEST_P(AtQueryRow, CutsTheValueOutOfAGoodAnswer)
     EXPECT_EQ(fake_link.sent, std::vector<std::string>{GetParam().command});
     EXPECT_EQ(fake_link.expected, std::vector<std::string>{GetParam().expected});
     EXPECT_EQ(fake_link.timeouts, std::vector<uint32_t>{3000});
+}
+
+// Whatever stands in the other lines, with commas, colons and quotes, and wherever it stands.
+TEST_P(AtQueryRow, CutsOnlyFromItsOwnLines)
+{
+    for (const char *foreign : {"+CEREG: 2,1", "+GTDUALSIM: 0,\"SUB1\",\"No Service\"", "+CTZV: +8,1", "+SIM READY",
+                                "AT+X=\"a\",\"b\"", "^MODE: 5,\"x"}) {
+        fake_link.answer_always(ok_answer({foreign, GetParam().line, foreign}));
+        std::fill(out.begin(), out.end(), '\0');
+        EXPECT_EQ(get(), RESULT_OK);
+        EXPECT_EQ(value(), GetParam().value) << foreign;
+    }
+    // The line breaks off before the value ends, and another one holds what would end it.
+    std::string line = GetParam().line;
+    line.resize(line.find(':') + 2);
+    std::fill(out.begin(), out.end(), '\0');
+    fake_link.answer_always(ok_answer({line, "+CEREG: 2,1", "7,\"x\",\"y\""}));
+    (void)get();
+    EXPECT_EQ(value(), "");
 }
 
 TEST_P(AtQueryRow, KeepsTheOutputEmptyOnFailure)

@@ -10,17 +10,27 @@ namespace {
 
 TEST(AtCommand, IsRefusedWhenItIsTooLongOrCouldEndItself)
 {
-    for (const std::string &text : {std::string("a\rb"), std::string("a\n"), std::string("\x1a"), std::string("\x1b"), std::string("a\0b", 3),
-                                    std::string("say \"x\""), std::string(2000, 'x')}) {
+    const auto refused = [](void (*append)(AtCommand *, std::string_view), const std::string &text) {
         fake_link.reset();
         clear_log();
         AtCommand command;
         at_begin(&command, "AT+X=");
-        at_append_quoted(&command, text);
-        EXPECT_EQ(at_send_setter(&command, "at_x"), RESULT_ERROR);
-        EXPECT_TRUE(fake_link.sent.empty());
-        EXPECT_EQ(log_count("at_x refused", 3), 1);
+        append(&command, text);
+        at_append_number(&command, 1);
+        bool error = at_send_setter(&command, "at_x") == RESULT_ERROR;
+        EXPECT_EQ(fake_link.sent.empty(), error);
+        return error && log_count("at_x refused", 3) == 1;
+    };
+    for (int c = 0; c < 256; c++) {
+        bool control = c < ' ' || c == 0x7f;
+        std::string text = std::string("a") + static_cast<char>(c) + "b";
+        EXPECT_EQ(refused(at_append_quoted, text), control || c == '"') << c;
+        EXPECT_EQ(refused(at_append_raw, text), control || c == '"' || c == ';') << c;
     }
+    EXPECT_TRUE(refused(at_append_quoted, std::string(2000, 'x')));
+    EXPECT_TRUE(refused(at_append_raw, std::string(2000, 'x')));
+    EXPECT_TRUE(refused(at_append_raw, "\"a;b\";c"));
+    EXPECT_FALSE(refused(at_append_raw, "\"a;b\",c"));
     AtCommand longest;
     at_begin(&longest, std::string(sizeof longest.text - 2, 'x'));
     EXPECT_TRUE(at_command_ok(&longest, "at_x"));
@@ -74,6 +84,12 @@ TEST(AtText, FieldsAndLines)
         fields.emplace_back(field);
     EXPECT_EQ(fields, (std::vector<std::string>{"x", ""}));
 
+    rest = " \"a,b\" ,\"c,d";
+    fields.clear();
+    while (next_field(&rest, &field))
+        fields.emplace_back(field);
+    EXPECT_EQ(fields, (std::vector<std::string>{" \"a,b\" ", "\"c", "d"}));
+
     rest = "\r\n\r\none\r\ntwo\nthree";
     std::vector<std::string> lines;
     while (next_line(&rest, &field))
@@ -86,8 +102,14 @@ TEST(AtText, NumbersSaturateAndStopAtTheFirstOtherCharacter)
     const struct {
         const char *text;
         int32_t value;
-    } rows[] = {{"", 0}, {"x1", 0}, {" 12x", 12}, {"-7,", -7}, {"+3", 3}, {"99999999999999999999", INT32_MAX},
-                {"-99999999999", INT32_MIN}, {"-", 0}};
+    } rows[] = {{"", 0},
+                {"x1", 0},
+                {" 12x", 12},
+                {"-7,", -7},
+                {"+3", 3},
+                {"99999999999999999999", INT32_MAX},
+                {"-99999999999", INT32_MIN},
+                {"-", 0}};
     for (const auto &row : rows)
         EXPECT_EQ(leading_int(row.text), row.value) << row.text;
 

@@ -16,6 +16,8 @@ namespace {
 constexpr char UNEXPLAINED[] =
     R"("ec_io":"--","lte_signal":"--","rsrq":"--","lte_noise":"--","nr_signal":"--","ss_rsrq":"--","nr_noise":"--",)";
 
+constexpr char FAILED_PASSTHROUGH[] = R"({"result":-1,"resp":"failure to send at command"})";
+
 class Methods : public testing::Test {
 protected:
     void SetUp() override
@@ -63,17 +65,19 @@ TEST_F(Methods, RawSignalFigures)
 
 TEST_F(Methods, SignalQualityOfEachServingCell)
 {
-    const std::string csq31 = ok_answer({"+CSQ: 31,99"}), csq99 = ok_answer({"+CSQ: 99,99"});
+    const std::string csq31 = ok_answer({"+CSQ: 31,99"});
     const std::string two_umts = ok_answer({"+GTCCINFO:", "1,2,1,1", "1,2,1,1", "1,4,1,1,,,,,,,,,50"});
     EXPECT_EQ(signal_of(lte_fm160, csq31), R"({"signal":"-78 dBm","signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of(en_dc_fm350, csq31),
               R"({"signal":"-97 dBm","signal":"-107 dBm","signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of(umts_qualcomm, csq31), R"({"signal":"-51 dBm","signal":"Unknown","result":0})");
-    EXPECT_EQ(signal_of(umts_qualcomm, csq99), R"({"signal":"Unknown","signal":"Unknown","result":0})");
+    for (const char *level : {"+CSQ: 99,99", "+CSQ: 255,99", "+CSQ: 32,99", "+CSQ: ,99"})
+        EXPECT_EQ(signal_of(umts_qualcomm, ok_answer({level})),
+                  R"({"signal":"Unknown","signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of(umts_qualcomm, std::nullopt), R"({"signal":"Unknown","result":65537})");
     EXPECT_EQ(signal_of(two_umts, csq31), R"({"signal":"-51 dBm","signal":"-51 dBm","signal":"-91 dBm","result":0})");
     EXPECT_EQ(signal_of(two_umts, "\r\nERROR\r\n"), R"({"signal":"-91 dBm","result":65535})");
-    EXPECT_EQ(signal_of(ok_answer({"+GTCCINFO:", "1,9,,,,,,,,,,,255", "1,4,,,,,,,,,,,255", "1,7"}), csq31),
+    EXPECT_EQ(signal_of(ok_answer({"+GTCCINFO:", "1,9,,,,,,,,,,,396", "1,4,,,,,,,,,,,", "1,7"}), csq31),
               R"({"signal":"Unknown","signal":"Unknown","signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of(no_cell, csq31), R"({"signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of("\r\n+CME ERROR: 10\r\n", csq31), R"({"result":65535})");
@@ -95,8 +99,10 @@ TEST_F(Methods, CurrentCell)
          R"({"ec_io":"-5.0 dB","rat":2,"cellid":"29127953","band":"b8","ecio":39,"mcc":"262","mnc":"02","lac":"1492","result":0})"},
         {lte_fm350,
          R"({"pcellid":640,"rsrp":"-108 dBm","rat":4,"cellid":"82448393","band":"b3","ecio":0,"mcc":"250","mnc":"2","lac":"33203","result":0})"},
-        {ok_answer({"+GTCCINFO:", "1,9,1,1,,,,5,50257", "1,4,2,2,,,,6,141,,,,255", "1,9,3,3,,,,7"}),
-         R"({"pcellid":5,"ss_rsrp":"-156 dBm","pcellid":5,"rsrp":"114 dBm","pcellid":5,"ss_rsrp":"-156 dBm","rat":9,"cellid":"","band":"n257,b41","ecio":0,"mcc":"1","mnc":"1","lac":"","result":0})"},
+        {ok_answer({"+GTCCINFO:", "1,9,1,1,,,,5,50257,,,,255", "1,4,2,2,,,,6,141,,,,255", "1,9,3,3,,,,7,255,,,,0"}),
+         R"({"pcellid":5,"ss_rsrp":"--","pcellid":5,"rsrp":"--","pcellid":5,"ss_rsrp":"-156 dBm","rat":9,"cellid":"","band":"n257,b41","ecio":0,"mcc":"1","mnc":"1","lac":"","result":0})"},
+        {ok_answer({"+GTCCINFO:", "1,2,1,1,,,,,255"}),
+         R"({"ec_io":"--","rat":2,"cellid":"","band":"","ecio":255,"mcc":"1","mnc":"1","lac":"","result":0})"},
         {no_cell, R"({"result":-1})"},
         {"\r\nERROR\r\n", R"({"result":-1})"},
     };
@@ -116,9 +122,8 @@ TEST_F(Methods, CurrentCellExplained)
          R"({"ec_io":"-5.0 dB","lte_signal":"--","rsrq":"--","lte_noise":"--","nr_signal":"--","ss_rsrq":"--","nr_noise":"--","rat":2,"cellid":"29127953","band":"b8","mcc":"262","mnc":"02","lac":"1492","result":0})"},
         {lte_fm350,
          R"({"ec_io":"--","lte_signal":"-108 dBm","rsrq":"-11.5 dB","lte_noise":"-0.5 dB","nr_signal":"--","ss_rsrq":"--","nr_noise":"--","rat":4,"cellid":"82448393","band":"b3","mcc":"250","mnc":"2","lac":"33203","result":0})"},
-        {ok_answer({"+GTCCINFO:", "1,9,1,1,,,,,5,,255,,255,255", "1,4,1,1,,,,,1,,255,,255,255"}),
-         std::string("{") + UNEXPLAINED +
-             R"("rat":9,"cellid":"","band":"n,b","mcc":"1","mnc":"1","lac":"","result":0})"},
+        {ok_answer({"+GTCCINFO:", "1,9,1,1,,,,,5,,255,,255,255", "1,4,1,1,,,,,1,,255,,98,-1", "1,2,1,1,,,,,x"}),
+         std::string("{") + UNEXPLAINED + R"("rat":9,"cellid":"","band":"","mcc":"1","mnc":"1","lac":"","result":0})"},
         {no_cell, std::string("{") + UNEXPLAINED + R"("result":-1})"},
         {"\r\nERROR\r\n", R"({"result":-1})"},
     };
@@ -127,7 +132,7 @@ TEST_F(Methods, CurrentCellExplained)
     // Zero crossings: LTE RSRQ 34 and noise 41, NR RSRQ 87, Ec/Io 49.
     std::string edges =
         reply_to(handle_get_current_cell_info_explained,
-                 ok_answer({"+GTCCINFO:", "1,4,,,,,,,,,41,,,34", "1,9,,,,,,,,,,,,87", "1,2,,,,,,,,,,,,,49"}));
+                 ok_answer({"+GTCCINFO:", "1,4,,,,,,,,,41,,0,34", "1,9,,,,,,,,,,,0,87", "1,2,,,,,,,,,,,,,49"}));
     EXPECT_TRUE(edges.starts_with(
         R"({"ec_io":"0.0 dB","lte_signal":"-141 dBm","rsrq":"-3.0 dB","lte_noise":"20.5 dB","nr_signal":"-156 dBm","ss_rsrq":"0.0 dB",)"))
         << edges;
@@ -192,9 +197,21 @@ TEST_F(Methods, ArgumentsAndReplies)
         {handle_select_rat_and_band, R"({"pref_act1":6})", ok, "status 2", ""},
         {handle_at_passthrough, R"({"at":"ATI"})", "\r\nFM160\r\n\r\nOK\r\n",
          R"({"result":0,"resp":"\r\nFM160\r\n\r\nOK\r\n"})", "ATI "},
-        {handle_at_passthrough, R"({"at":"ATI"})", std::nullopt, R"({"result":-1,"resp":"failure to send at command"})",
-         "ATI "},
+        {handle_at_passthrough, R"({"at":"ATI"})", std::nullopt, FAILED_PASSTHROUGH, "ATI "},
         {handle_at_passthrough, R"({"timeout_ms":1})", ok, "status 2", ""},
+        {handle_at_passthrough, R"({"at":"AT+CREG=2;+CREG?"})", ok, R"({"result":0,"resp":"\r\nOK\r\n"})",
+         "AT+CREG=2;+CREG? "},
+        {handle_at_passthrough, R"({"at":"ATI\r"})", ok, R"({"result":0,"resp":"\r\nOK\r\n"})", "ATI "},
+        {handle_at_passthrough, R"({"at":"ATI\rAT+CFUN=0"})", ok, FAILED_PASSTHROUGH, ""},
+        {handle_at_passthrough, R"({"at":"ATI\r\r"})", ok, FAILED_PASSTHROUGH, ""},
+        {handle_at_passthrough, R"({"at":"ATI\n"})", ok, FAILED_PASSTHROUGH, ""},
+        {handle_at_passthrough, R"({"at":"00\u001a"})", ok, FAILED_PASSTHROUGH, ""},
+        {handle_at_passthrough, R"({"at":"\u001bAT"})", ok, FAILED_PASSTHROUGH, ""},
+        {handle_select_operator, R"({"mode":1,"format":2,"oper":"26201;+CFUN=0"})", ok, R"({"result":65535})", ""},
+        {handle_get_operator_info, "{}", ok_answer({"+COPS: 0,0,\"A, B\",7"}),
+         R"({"result":0,"mode":0,"format":0,"oper":"A, B","act":7})", "AT+COPS? "},
+        {handle_get_remaining_pin_retries, "{}", ok_answer({"+CPINR: \"SIM PIN\",3,"}),
+         R"({"result":0,"pin1_retries":3})", "AT+CPINR "},
         {handle_get_sim_lock_status, "{}", ok_answer({"+CLCK: 1"}), R"({"result":0,"enabled":true})",
          "AT+CLCK=\"SC\",2 "},
         {handle_set_sim_lock_status, R"({"pin":"1234","enabled":5})", ok, R"({"result":0})",
@@ -220,6 +237,7 @@ TEST_F(Methods, ArgumentsAndReplies)
         EXPECT_EQ(reply_to(call.handler, call.answer, call.arguments), call.reply) << call.arguments;
         EXPECT_EQ(sent(), call.sent) << call.arguments;
     }
+    EXPECT_EQ(log_count("command holds a line end", 3), 5);
     EXPECT_EQ(log_count("preferred act 1 not specified", 3), 2);
     EXPECT_EQ(log_count("preferred act 2 not specified", 3), 1);
     EXPECT_EQ(log_count("selected bands must not be empty", 3), 1);
