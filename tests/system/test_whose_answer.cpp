@@ -368,7 +368,7 @@ protected:
         int root_fd = open(root.path("/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
         std::string socket = fmt::format("/proc/self/fd/{}/var/run/ubus/ubus.sock", root_fd);
         adversary.arm(rates);
-        const Moment end = Clock::now() + std::chrono::milliseconds(10000 + 250 * exchanges);
+        const Moment end = Clock::now() + std::chrono::milliseconds(20000 + 250 * exchanges);
         for (int clients : rounds) {
             std::vector<std::thread> threads;
             for (int i = 0; i < clients; i++)
