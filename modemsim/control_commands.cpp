@@ -195,15 +195,23 @@ json port(Engine &engine, const Request &request)
     return json::object();
 }
 
+Reports place(const Request &request)
+{
+    std::string where = request.option("at", "between");
+    if (where != "between" && where != "lines" && where != "bytes")
+        throw std::invalid_argument("at is between, lines or bytes");
+    return where == "between" ? Reports::between : where == "lines" ? Reports::lines : Reports::bytes;
+}
+
 json emit_line(Engine &engine, const Request &request)
 {
-    engine.emit(frame_line(request.words[0]));
+    engine.emit(frame_line(request.words[0]), place(request));
     return json::object();
 }
 
 json emit_bytes(Engine &engine, const Request &request)
 {
-    engine.emit(unescaped(request.words[0]));
+    engine.emit(unescaped(request.words[0]), place(request));
     return json::object();
 }
 
@@ -277,8 +285,9 @@ constexpr ControlCommand table[] = {
     {"sim", 1, 1, "", "sim pull|return|ready|pin|puk: what happens to the card", sim},
     {"reset", 0, 0, " ms ", "reset [ms=N]: the modem restarts; its port is away for N ms", reset},
     {"port", 1, 1, " ms ", "port away [ms=N] | port back: takes the port away and brings it back", port},
-    {"emit", 1, 1, "", "emit LINE: an unsolicited line", emit_line},
-    {"raw", 1, 1, "", "raw TEXT: bytes with the escapes \\r \\n \\xNN", emit_bytes},
+    {"emit", 1, 1, " at ",
+     "emit LINE [at=between|lines|bytes]: an unsolicited line, between answers, lines of them, or anywhere", emit_line},
+    {"raw", 1, 1, " at ", "raw TEXT [at=...]: bytes with the escapes \\r \\n \\xNN", emit_bytes},
     {"flood", 0, 0, " lines bytes text ", "flood [lines=N] [text=LINE] [bytes=N]: lines, then bytes without a line end",
      flood},
     {"silent", 1, 1, "", "silent MS|end: nothing goes out for MS (0: for ever)", silence},

@@ -38,8 +38,8 @@ public:
     void start();
     /// Bytes from the port. More than 64 KiB that wait are dropped, as a modem without flow control drops them.
     void input(std::string_view bytes);
-    /// Puts bytes out as they are, between answers.
-    void emit(std::string bytes);
+    /// Puts bytes out as they are, as soon as they may stand there.
+    void emit(std::string bytes, Reports place = Reports::between);
     /// Takes the port away; for `away_ms`, or without it until `bring_port_back`.
     void take_port_away(std::optional<int64_t> away_ms);
     void bring_port_back();
@@ -88,6 +88,7 @@ private:
     void push(Job job);
     void play();
     void put(std::string_view bytes);
+    void put_between_lines();
     /// Plans work that is forgotten when the port goes away before.
     void after(int64_t delay_ms, std::function<void()> work);
     int64_t extra_delay(std::string_view line) const;
@@ -104,6 +105,8 @@ private:
     uint64_t scanning_ = 0; ///< the number of the scan that runs; 0 without one
     Execution submission_;
     std::deque<std::string> held_;
+    std::deque<std::string> hurried_; ///< what goes out at the next line's end
+    bool line_open_ = false;          ///< the last byte out was no line end
     std::deque<Job> lane_;
     bool playing_ = false;
     bool present_ = false;

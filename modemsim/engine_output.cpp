@@ -6,6 +6,8 @@ namespace modemsim {
 
 void Engine::unsolicited(const std::string &line)
 {
+    if (modem.state.behaviour.reports != Reports::between)
+        return emit(frame_line(line), modem.state.behaviour.reports);
     held_.push_back(frame_line(line));
     if (!holding_)
         release_held();
@@ -20,9 +22,24 @@ void Engine::release_held()
     }
 }
 
-void Engine::emit(std::string bytes)
+void Engine::emit(std::string bytes, Reports place)
 {
-    push({{{std::move(bytes), 0}}, nullptr});
+    if (place == Reports::between)
+        return push({{{std::move(bytes), 0}}, nullptr});
+    if (place == Reports::bytes)
+        return put(bytes);
+    hurried_.push_back(std::move(bytes));
+    if (!playing_ || !line_open_)
+        put_between_lines();
+}
+
+void Engine::put_between_lines()
+{
+    while (!hurried_.empty()) {
+        std::string bytes = std::move(hurried_.front());
+        hurried_.pop_front();
+        put(bytes);
+    }
 }
 
 void Engine::push(Job job)
@@ -65,8 +82,12 @@ void Engine::play()
 
 void Engine::put(std::string_view bytes)
 {
-    if (present_ && silent_until_ < timers.now() && !bytes.empty())
-        host_.write(bytes);
+    if (!present_ || silent_until_ >= timers.now() || bytes.empty())
+        return;
+    host_.write(bytes);
+    line_open_ = bytes.back() != '\n';
+    if (!line_open_)
+        put_between_lines();
 }
 
 void Engine::after(int64_t delay_ms, std::function<void()> work)
@@ -83,6 +104,8 @@ void Engine::take_port_away(std::optional<int64_t> away_ms)
     losses_ += present_ ? 1 : 0;
     lane_.clear();
     held_.clear();
+    hurried_.clear();
+    line_open_ = false;
     input_.clear();
     line_.clear();
     echo_.clear();

@@ -125,6 +125,8 @@ struct Kept {
 };
 
 enum class Refusal { cme14, error, queue };
+/// Where reports may stand: between answers, between the lines of one as well, or at any byte.
+enum class Reports { between, lines, bytes };
 enum class NoSimStyle { cms310, fm160 };
 
 /// Times in ms and the ways in which modems differ.
@@ -133,6 +135,7 @@ struct Behaviour {
     std::map<std::string, int64_t> delays; ///< further time of the commands that begin so
     int64_t scan_ms = 300;
     Refusal scan_refusal = Refusal::cme14;
+    Reports reports = Reports::between;
     NoSimStyle no_sim = NoSimStyle::cms310;
     int64_t restart_delay_ms = 50; ///< from the answer until the port goes away
     int64_t restart_ms = 1500;     ///< how long the port is away

@@ -24,6 +24,8 @@ NLOHMANN_JSON_SERIALIZE_ENUM(Registration, {{Registration::off, "off"},
                                             {Registration::denied, "denied"},
                                             {Registration::roaming, "roaming"}})
 NLOHMANN_JSON_SERIALIZE_ENUM(Refusal, {{Refusal::cme14, "cme14"}, {Refusal::error, "error"}, {Refusal::queue, "queue"}})
+NLOHMANN_JSON_SERIALIZE_ENUM(Reports,
+                             {{Reports::between, "between"}, {Reports::lines, "lines"}, {Reports::bytes, "bytes"}})
 NLOHMANN_JSON_SERIALIZE_ENUM(NoSimStyle, {{NoSimStyle::cms310, "cms310"}, {NoSimStyle::fm160, "fm160"}})
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Identity, manufacturer, model, revision, package, hardware, imei,
@@ -37,7 +39,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Network, registration, cell, mcc
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Settings, echo, cmee, cmgf, cnmi, cpms, creg, cgreg, cereg, c5greg,
                                                 cops_mode, cops_format, clip, cellinfo, pcm_loopback, cfun)
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Context, type, apn, auth, user, password, active)
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Behaviour, latency_ms, delays, scan_ms, scan_refusal, no_sim,
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE_WITH_DEFAULT(Behaviour, latency_ms, delays, scan_ms, scan_refusal, reports, no_sim,
                                                 restart_delay_ms, restart_ms, sim_ready_ms, register_ms, sms_send_ms,
                                                 ring_interval_ms, address, ipv4, ipv6, sms_capacity, sms_send_error,
                                                 serial_numbers)
@@ -99,6 +101,8 @@ Where where_from(const std::string &text)
         return Where::inside;
     if (text == "after")
         return Where::after;
+    if (text == "anywhere")
+        return Where::anywhere;
     throw std::invalid_argument(fmt::format("where: \"{}\" is not understood", text));
 }
 

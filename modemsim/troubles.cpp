@@ -22,6 +22,8 @@ constexpr KindName kind_names[] = {
     {TroubleKind::rubbish, "rubbish"},
     {TroubleKind::endless, "endless"},
     {TroubleKind::error, "error"},
+    {TroubleKind::cut, "cut"},
+    {TroubleKind::instead, "instead"},
     {TroubleKind::vanish, "vanish"},
     {TroubleKind::echo, "echo"},
     {TroubleKind::holds, "holds"},
@@ -45,6 +47,23 @@ std::vector<size_t> line_places(const std::string &answer)
     for (size_t i = answer.find('\n'); i != answer.npos && i + 1 < answer.size(); i = answer.find('\n', i + 1))
         places.push_back(i + 1);
     return places;
+}
+
+/// Cuts where pauses are due; they hold for the text as it stands when all insertions have been made.
+std::vector<Chunk> chunks_of(const std::string &answer, const std::map<size_t, int64_t> &pauses)
+{
+    std::vector<Chunk> chunks;
+    size_t from = 0;
+    int64_t pause = 0;
+    for (const auto &[place, ms] : pauses) {
+        if (place > from && place < answer.size()) {
+            chunks.push_back({answer.substr(from, place - from), pause});
+            from = place;
+            pause = ms;
+        }
+    }
+    chunks.push_back({answer.substr(from), pause});
+    return chunks;
 }
 
 } // namespace
@@ -126,7 +145,7 @@ std::string Troubles::random_bytes(int64_t size)
     return bytes;
 }
 
-void Troubles::insert(std::string &answer, const std::string &text, Where where, bool at_line)
+size_t Troubles::insert(std::string &answer, const std::string &text, Where where, bool at_line)
 {
     size_t place = 0;
     if (where == Where::after) {
@@ -135,10 +154,26 @@ void Troubles::insert(std::string &answer, const std::string &text, Where where,
         std::vector<size_t> places = line_places(answer);
         if (!places.empty())
             place = places[random_() % places.size()];
-    } else if (where == Where::inside && answer.size() > 1) {
+    } else if (where != Where::before && answer.size() > 1) {
         place = 1 + random_() % (answer.size() - 1);
     }
     answer.insert(place, text);
+    return place;
+}
+
+/// With a pause on both sides the report is a burst of its own.
+void Troubles::insert_report(const TroubleRule &rule, std::string &answer, std::map<size_t, int64_t> &pauses)
+{
+    std::string report = "\r\n" + rule.text + "\r\n";
+    size_t place = insert(answer, report, rule.where, rule.where != Where::anywhere);
+    std::map<size_t, int64_t> moved;
+    for (const auto &[at, ms] : pauses)
+        moved[at < place ? at : at + report.size()] = ms;
+    if (rule.ms.high > 0) {
+        moved[place] = draw(rule.ms);
+        moved[place + report.size()] = draw(rule.ms);
+    }
+    pauses = std::move(moved);
 }
 
 void Troubles::split(const TroubleRule &rule, std::vector<Chunk> &chunks)
@@ -170,6 +205,7 @@ void Troubles::split(const TroubleRule &rule, std::vector<Chunk> &chunks)
 AnswerPlan Troubles::plan(const Strikes &strikes, Stage stage, std::string answer)
 {
     AnswerPlan plan;
+    std::map<size_t, int64_t> pauses;
     for (const RulePtr &rule : strikes) {
         if (rule->stage != stage)
             continue;
@@ -179,8 +215,17 @@ AnswerPlan Troubles::plan(const Strikes &strikes, Stage stage, std::string answe
             plan.intact = false;
             break;
         case TroubleKind::unsolicited:
-            insert(answer, "\r\n" + rule->text + "\r\n", rule->where, true);
-            plan.intact = plan.intact && rule->where != Where::inside;
+            insert_report(*rule, answer, pauses);
+            plan.intact = plan.intact && (rule->where == Where::before || rule->where == Where::after);
+            break;
+        case TroubleKind::cut:
+            answer.resize(
+                std::min(answer.size(), rule->at ? static_cast<size_t>(*rule->at) : random_() % (answer.size() + 1)));
+            plan.intact = false;
+            break;
+        case TroubleKind::instead:
+            answer = rule->text;
+            plan.intact = false;
             break;
         case TroubleKind::rubbish:
             insert(answer, random_bytes(rule->bytes), rule->where, false);
@@ -194,7 +239,7 @@ AnswerPlan Troubles::plan(const Strikes &strikes, Stage stage, std::string answe
             break;
         }
     }
-    plan.chunks = {{answer, 0}};
+    plan.chunks = chunks_of(answer, pauses);
     if (RulePtr rule = find_strike(strikes, TroubleKind::split, stage))
         split(*rule, plan.chunks);
     if (RulePtr rule = find_strike(strikes, TroubleKind::twice, stage)) {

@@ -16,17 +16,19 @@ enum class TroubleKind {
     late,        ///< the answer goes out `ms` later; the modem takes further commands meanwhile
     never,       ///< the command is carried out, its answer is lost
     twice,       ///< the answer goes out again `ms` later
-    unsolicited, ///< `text` as a line of its own `where` the answer is
+    unsolicited, ///< `text` as a line of its own `where` the answer is, with pauses of `ms` around it
     rubbish,     ///< `bytes` random bytes `where` the answer is
     endless,     ///< `bytes` characters without a line end instead of the answer, or before it
     error,       ///< the command is not carried out and answered with `text`
+    cut,         ///< only the beginning of the answer goes out, up to `at`
+    instead,     ///< the bytes `text` go out instead of the answer
     vanish,      ///< the port goes away for `ms`: in the middle of the answer, or when the command is written
     echo,        ///< echo is on again
     holds,       ///< the line `text` (such as one with OK or ERROR) stands in the middle of the answer
     silent,      ///< nothing goes out for `ms` (0: for ever); without a trigger from the start
 };
 
-enum class Where { before, inside, after };
+enum class Where { before, inside, after, anywhere };
 enum class Stage { answer, prompt };
 
 struct Range {
@@ -45,7 +47,7 @@ struct TroubleRule {
 
     Range ms;
     int64_t bytes = 0;
-    std::optional<int64_t> at; ///< split: after this byte; otherwise anywhere
+    std::optional<int64_t> at; ///< split, cut: after this byte; otherwise anywhere
     int64_t parts = 2;         ///< split: number of pieces; 0 one for each byte
     std::string text;
     Where where = Where::before;
@@ -99,7 +101,8 @@ public:
 private:
     void count(const TroubleRule &rule);
     std::string random_bytes(int64_t size);
-    void insert(std::string &answer, const std::string &text, Where where, bool at_line);
+    size_t insert(std::string &answer, const std::string &text, Where where, bool at_line);
+    void insert_report(const TroubleRule &rule, std::string &answer, std::map<size_t, int64_t> &pauses);
     void split(const TroubleRule &rule, std::vector<Chunk> &chunks);
 
     std::mt19937_64 random_{1};

@@ -27,6 +27,8 @@ TEST(ModemsimTroubles, ChangeWhatGoesOut)
         {R"({"kind":"error","text":"+CME ERROR: 100"})", "\r\n+CME ERROR: 100\r\n"},
         {R"({"kind":"unsolicited","where":"before","text":"+X: 1"})", "\r\n+X: 1\r\n" + csq},
         {R"({"kind":"unsolicited","where":"after","text":"+X: 1"})", csq + "\r\n+X: 1\r\n"},
+        {R"({"kind":"cut","at":9})", csq.substr(0, 9)},
+        {R"({"kind":"instead","text":"\u0000\r\nOK"})", std::string("\0\r\nOK", 5)},
         {R"({"kind":"endless","bytes":5})", "xxxxx"},
         {R"({"kind":"endless","bytes":5,"answer":true})", "xxxxx" + csq},
         {R"({"kind":"never","command":"at+csq"})", ""},
@@ -52,6 +54,55 @@ TEST(ModemsimTroubles, PutLinesAndBytesInside)
 
     Rig noisy(troubled(R"({"kind":"rubbish","where":"inside","bytes":40})"));
     EXPECT_EQ(noisy.at("AT+CSQ").size(), csq.size() + 40);
+}
+
+// A report with pauses around it is alone on the line for so long.
+TEST(ModemsimTroubles, PutReportsBetweenCommandAndAnswerAndIntoTheMiddleOfALine)
+{
+    const std::string report = "\r\nNO CARRIER\r\n";
+    Rig before(troubled(R"({"kind":"unsolicited","where":"before","text":"NO CARRIER","ms":20})"));
+    EXPECT_EQ(before.at("AT+CSQ", 19), report);
+    before.run(1);
+    EXPECT_EQ(before.out, report + csq);
+    Rig after(troubled(R"({"kind":"unsolicited","where":"after","text":"NO CARRIER","ms":20})"));
+    EXPECT_EQ(after.at("AT+CSQ", 19), csq);
+    after.run(1);
+    EXPECT_EQ(after.out, csq + report);
+
+    Rig anywhere(troubled(R"({"kind":"unsolicited","where":"anywhere","text":"NO CARRIER","ms":5})"));
+    bool in_a_line = false;
+    for (int i = 0; i < 50; i++) {
+        std::string all = anywhere.at("AT+CSQ", 10);
+        size_t place = all.find(report);
+        ASSERT_NE(place, all.npos);
+        in_a_line = in_a_line || all[place - 1] != '\n';
+        EXPECT_EQ(all.erase(place, report.size()), csq);
+    }
+    EXPECT_TRUE(in_a_line);
+}
+
+TEST(ModemsimControl, EmitsBetweenAnswersLinesOrBytes)
+{
+    for (auto [place, expected] : {std::pair("between", csq + "\r\nRING\r\n"),
+                                   {"lines", "\r\n+CSQ: 27,99\r\n\r\nRING\r\n\r\nOK\r\n"},
+                                   {"bytes", "\r\n+C\r\nRING\r\nSQ: 27,99\r\n\r\nOK\r\n"}}) {
+        Rig rig(
+            R"({"troubles":[{"kind":"split","parts":0,"ms":2}],"modem":{"settings":{"clip":0},"behaviour":{"latency_ms":5}}})");
+        rig.at("AT+CSQ", 11);
+        EXPECT_EQ(rig.ctl(std::string("emit RING at=") + place)["ok"], true);
+        rig.run(1000);
+        EXPECT_EQ(rig.out, expected) << place;
+        rig.ctl(R"(set {"behaviour":{"reports":")" + std::string(place) + R"("}})");
+        rig.at("AT+CSQ", 11);
+        rig.ctl("ring +49"); // the modem's own reports go the same way
+        rig.run(500);
+        EXPECT_EQ(rig.out, expected) << place;
+    }
+    Rig rig(R"({"modem":{"behaviour":{"latency_ms":5}}})");
+    rig.at("AT+CSQ", 1);
+    rig.ctl("emit OK at=lines");
+    EXPECT_EQ(rig.out, ok);
+    EXPECT_EQ(rig.ctl("emit OK at=once")["ok"], false);
 }
 
 TEST(ModemsimTroubles, StrikeByCount)

@@ -1,0 +1,654 @@
+// Every caller gets the answer to its own command, whole, and gets it whenever the modem gave it in time. The answers
+// of the modem here carry the number of the command that they answer, setters are refused or not by chance, and all the
+// modem's misbehaviour is mixed in.
+//
+// By hand: CELMUX_MIX_EXCHANGES=10000 CELMUX_MIX_SEED=7 CELMUX_MIX_CLIENTS=1,2,4,16 CELMUX_MIX_LATE=300,10000
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <map>
+#include <random>
+#include <set>
+#include <sms.h>
+#include <unistd.h>
+
+#include "../campaign/bus_client.h"
+#include "daemon.h"
+#include "scripted_modem.h"
+
+namespace {
+
+using nlohmann::json;
+using Rates = std::map<std::string, int>; // per mille of the commands
+
+const Rates everything = {{"late", 12},    {"never", 6},   {"twice", 20}, {"echo", 20},   {"foreign", 80}, {"cut", 6},
+                          {"dribble", 15}, {"pauses", 60}, {"nul", 20},   {"cr", 20},     {"eight", 50},   {"port", 1},
+                          {"deaf", 2},     {"report", 40}, {"stray", 10}, {"refused", 30}};
+
+const char *const foreign_lines[] = {
+    "+CEREG: 2,1",     "+CTZV: +8,1", "+GTDUALSIM: 0,\"SUB1\",\"No Service\"", "+CGEV: ME PDN ACT 1", "RING",
+    "+CMTI: \"SM\",3", "+CREG: 5"};
+const char *const dialling_results[] = {"NO CARRIER", "BUSY", "NO ANSWER", "CONNECT"}; // reports for all other commands
+
+std::string from_environment(const char *name, const char *otherwise)
+{
+    const char *value = getenv(name);
+    return value ? value : otherwise;
+}
+
+std::vector<int> numbers_in(const std::string &text)
+{
+    std::vector<int> numbers;
+    for (size_t at = 0; at < text.size(); at = std::min(text.find(',', at), text.size() - 1) + 1)
+        numbers.push_back(atoi(text.c_str() + at));
+    return numbers;
+}
+
+// ---- What is asked.
+
+enum class Kind { named, listing, same_text, setter, message, scan };
+
+struct Question {
+    Kind kind;
+    const char *method;
+    const char *key;     // of the value in the answer; "resp" for pass-through
+    const char *command; // {} stands for a text that no other call has
+    int weight;
+    int64_t timeout_ms = 3000;
+};
+
+constexpr Question questions[] = {
+    {Kind::named, "get_imei", "imei", "AT+CGSN=1", 8},
+    {Kind::named, "get_imsi", "imsi", "AT+CIMI?", 8},
+    {Kind::named, "get_ccid", "ccid", "AT+CCID", 8},
+    {Kind::named, "get_sw_version", "sw_version", "AT+CGMR?", 8},
+    {Kind::named, "get_support_tech", "support_tech", "AT+GTRAT=?", 8},
+    {Kind::named, "get_current_apn", "apn", "AT+CGDCONT?", 4},
+    {Kind::named, "get_pdp_contexts", "pdp_contexts", "AT+CGACT?", 8},
+    {Kind::named, "at_passthrough", "resp", "at+csq", 8, 1000},
+    {Kind::named, "at_passthrough", "resp", "AT+CSIM=10,\"{}\"", 16, 1000},
+    {Kind::listing, "at_passthrough", "resp", "AT+CMGL=\"{}\"", 8, 1500},
+    {Kind::listing, "at_passthrough", "resp", "AT+GTLONG={}", 1, 5000},
+    {Kind::same_text, "at_passthrough", "resp", "AT+CRSM={}", 8, 1000},
+    {Kind::setter, "set_pdp_context_activation", "result", "AT+CGACT=1,{}", 12},
+    {Kind::setter, "at_passthrough", "resp", "AT+CGDCONT=3,\"IP\",\"{}\"", 12, 1000},
+    {Kind::message, "send_message", "result", "{}", 2, 10000},
+    {Kind::scan, "scan_network", "result", "AT+COPS=?", 1},
+};
+
+struct Call {
+    const Question *question = nullptr;
+    std::string command; // for a message its PDU
+    Moment begin, end;
+    Moment start{}; // when the daemon can have begun with it: it serves one method after the other
+    int64_t result = -1;
+    json value;
+};
+
+// ---- What is answered.
+
+struct Given {
+    std::vector<std::string> lines;
+    std::string final = "OK";
+    bool answered = false; // has lines and a result of its own
+    bool twice = false, claimed = false;
+};
+
+class Adversary {
+public:
+    explicit Adversary(unsigned seed) : random_(seed) {}
+
+    void arm(const Rates &rates)
+    {
+        std::lock_guard lock(mutex);
+        rates_ = rates;
+    }
+    Course operator()(const std::string &text, size_t number);
+
+    std::mutex mutex; // guards all
+    std::map<size_t, Given> given;
+    std::vector<size_t> strays; // with these inputs a final result came that nobody asked for
+    int repeats = 0;
+
+private:
+    bool strikes(const char *trouble)
+    {
+        auto found = rates_.find(trouble);
+        return found != rates_.end() && static_cast<int>(random_() % 1000) < found->second;
+    }
+    int between(int low, int high)
+    {
+        return low + static_cast<int>(random_() % static_cast<unsigned>(high - low + 1));
+    }
+    template<size_t N> std::string one_of(const char *const (&texts)[N])
+    {
+        return framed({}, texts[random_() % N]);
+    }
+    Given answer_to(const std::string &command, size_t number);
+    std::string spoil(const std::string &command, std::string text);
+    std::vector<Piece> pace(const std::string &text);
+    void add_strays(Course &course, Given &own, size_t number);
+    void strike_fate(Course &course, Given &own);
+
+    std::mt19937 random_;
+    Rates rates_;
+};
+
+Given Adversary::answer_to(const std::string &command, size_t n)
+{
+    const std::string tag = fmt::format("\"#{}{}\"", n, strikes("eight") ? " M\xC3\xBCnchen" : "");
+    Given own;
+    own.answered = true;
+    auto is = [&](const char *start) { return command.starts_with(start); };
+    if (is("AT+CGSN=1"))
+        own.lines = {fmt::format("+CGSN: {:015}", n)};
+    else if (is("AT+CIMI?"))
+        own.lines = {fmt::format("+CIMI: {:015}", n)};
+    else if (is("AT+CCID"))
+        own.lines = {fmt::format("+CCID: {:020}", n)};
+    else if (is("AT+CGMR?"))
+        own.lines = {fmt::format("+CGMR: \"OK{}\"", n)};
+    else if (is("AT+GTRAT=?"))
+        for (own.lines = {"+GTRAT: "}; own.lines[0].size() < 900;)
+            own.lines[0] += fmt::format("{:07}", n);
+    else if (is("AT+CGDCONT?"))
+        own.lines = {fmt::format("+CGDCONT: 1,\"IPV4V6\",\"apn{}\",\"0.0.0.0\",0,0", n),
+                     "+CGDCONT: 2,\"IP\",\"ims\",\"0.0.0.0\",0,0"};
+    else if (is("AT+CGACT?"))
+        for (char digit : fmt::format("{:07}", n))
+            own.lines.push_back(fmt::format("+CGACT: {},{}", own.lines.size() + 1, digit));
+    else if (is("at+csq"))
+        own.lines = {fmt::format("+CSQ: {},99", n)};
+    else if (is("AT+CSIM="))
+        own.lines = {"+CSIM: 8," + tag};
+    else if (is("AT+CMGL=\""))
+        for (const char *text : {"OK, see you then", "ERROR is a strong word", "BUSY day", "said \"OK\""}) {
+            own.lines.push_back(
+                fmt::format("+CMGL: {},\"REC READ\",{},,\"24/03/01,10:00:00+04\"", own.lines.size() / 2, tag));
+            own.lines.push_back(text);
+        }
+    else if (is("AT+GTLONG="))
+        for (int i = 0; i < 1000; i++)
+            own.lines.push_back(fmt::format("+GTLONG: {},{},{:080}", tag, i, i));
+    else if (is("AT+CRSM="))
+        own.lines = {"+CRSM: 144,0,\"\""};
+    else if (command.ends_with('\x1A'))
+        own.lines = {fmt::format("+CMGS: {}", n % 256)};
+    else
+        own.answered = is("AT+CGACT=1") || is("AT+CGDCONT=");
+    bool setter = own.answered && own.lines.empty();
+    if (own.answered && (setter ? random_() % 3 == 0 : strikes("refused"))) {
+        own.lines.clear();
+        own.final = random_() % 2 ? "ERROR" : command.ends_with('\x1A') ? "+CMS ERROR: 500" : "+CME ERROR: 50";
+    }
+    return own;
+}
+
+// What may stand in and around an answer without making it another one.
+std::string Adversary::spoil(const std::string &command, std::string text)
+{
+    if (strikes("foreign")) {
+        std::vector<size_t> places = {0, text.size()};
+        for (size_t at = text.find('\n', 2); at != text.npos; at = text.find('\n', at + 1))
+            places.push_back(at + 1);
+        text.insert(places[random_() % places.size()], one_of(foreign_lines));
+    }
+    if (strikes("echo") && !command.ends_with('\x1A'))
+        text = command + "\r" + text;
+    if (strikes("cr"))
+        std::erase(text, '\n');
+    if (strikes("nul")) {
+        text.insert(0, 1, '\0');
+        text.insert(random_() % text.size(), 1, '\0');
+    }
+    return text;
+}
+
+std::vector<Piece> Adversary::pace(const std::string &text)
+{
+    std::vector<Piece> pieces = {{between(0, 3) / 1.0, text}};
+    bool dribble = text.size() < 1000 && strikes("dribble");
+    for (int cuts = dribble             ? static_cast<int>(text.size()) - 1
+                    : strikes("pauses") ? between(1, 3)
+                                        : 0;
+         cuts > 0; cuts--) {
+        std::string last = pieces.back().bytes;
+        size_t at = dribble ? 1 : 1 + random_() % std::max<size_t>(last.size() - 1, 1);
+        pieces.back().bytes = last.substr(0, at);
+        pieces.push_back(
+            {dribble ? between(0, 5) / 1.0 : between(2, 50) / 1.0, last.substr(std::min(at, last.size()))});
+    }
+    return pieces;
+}
+
+// The repetition of an answer that is a final result alone is a stray one too.
+void Adversary::add_strays(Course &course, Given &own, size_t number)
+{
+    bool before = random_() % 2;
+    auto add = [&](const std::string &text) {
+        course.pieces.insert(before ? course.pieces.begin() : course.pieces.end(), {between(0, 5) / 1.0, text});
+        course.whole += before && course.whole > 0;
+    };
+    if (course.whole > 0 && strikes("twice")) {
+        std::string again;
+        for (const Piece &piece : course.pieces)
+            again += piece.bytes;
+        course.pieces.push_back({between(5, 300) / 1.0, again});
+        own.twice = true;
+        if (own.lines.empty())
+            strays.push_back(number);
+        else
+            repeats++;
+    }
+    if (strikes("report"))
+        add(one_of(dialling_results));
+    if (strikes("stray")) {
+        add(framed({}, random_() % 2 ? "OK" : "ERROR"));
+        strays.push_back(number);
+    }
+}
+
+void Adversary::strike_fate(Course &course, Given &own)
+{
+    static const std::vector<int> late = numbers_in(from_environment("CELMUX_MIX_LATE", "300,1200"));
+    if (strikes("late"))
+        course.pieces[0].pause_ms += between(late[0], late[1]);
+    bool cut = strikes("cut");
+    if (cut)
+        course.pieces = {{1, course.pieces[0].bytes.substr(0, course.pieces[0].bytes.size() / 2)}};
+    bool never = strikes("never");
+    if (never)
+        course.pieces.clear();
+    if (strikes("deaf"))
+        course.deaf_ms = between(300, 2000);
+    if (strikes("port"))
+        course.away_ms = between(100, 1500);
+    own.answered = !cut && !never;
+    course.whole = own.answered && course.away_ms == 0 ? course.pieces.size()
+                                                       : 0; // what goes out just before a loss may be lost too
+}
+
+Course Adversary::operator()(const std::string &text, size_t number)
+{
+    std::lock_guard lock(mutex);
+    if (text.starts_with("AT+CMGS=")) {
+        Course course = at_once("\r\n> ", between(0, 20));
+        course.prompt = true;
+        course.away_ms = strikes("port") || strikes("prompt_port") ? 200 : 0;
+        return course;
+    }
+    Given &own = given[number] = answer_to(text, number);
+    bool asked_by_client = own.answered;
+    Course course;
+    course.pieces =
+        pace(spoil(text, own.lines.empty() && !asked_by_client ? usual_answer(text) : framed(own.lines, own.final)));
+    course.whole = course.pieces.size();
+    if (text == "AT+COPS=?")
+        course.pieces[0].pause_ms += 150;
+    if (asked_by_client)
+        strike_fate(course, own);
+    add_strays(course, own, number);
+    return course;
+}
+
+// ---- Who got what.
+
+enum Verdict { right, wrong, halved, undelivered, unasked, no_answer, refused, by_stray, repeated, verdicts };
+const char *const verdict_names[] = {"right",
+                                     "wrong",
+                                     "halved",
+                                     "undelivered",
+                                     "not asked though the modem was free",
+                                     "no answer given",
+                                     "refused in a scan",
+                                     "led astray by a stray final",
+                                     "got a repetition"};
+
+class WhoseAnswer : public testing::Test {
+protected:
+    static DaemonOptions without_modem()
+    {
+        DaemonOptions options;
+        options.with_modem = false;
+        return options;
+    }
+    PrivateRoot root;
+    const int seed = atoi(from_environment("CELMUX_MIX_SEED", "1").c_str());
+    Adversary adversary{static_cast<unsigned>(seed)};
+    ScriptedModem modem{root.path("/dev/ttyMODEM"), std::ref(adversary)};
+    Daemon daemon{root, without_modem()};
+    std::mutex mutex; // guards calls
+    std::vector<Call> calls;
+    std::vector<Input> inputs;
+    int counts[verdicts] = {};
+    int shown[verdicts] = {};
+
+    static Call make_call(std::mt19937 &random, const std::vector<const Question *> &bag)
+    {
+        static std::atomic<int> unique{1000000};
+        Call call;
+        call.question = bag[random() % bag.size()];
+        call.command = fmt::format(fmt::runtime(call.question->command), unique++);
+        return call;
+    }
+    void run(BusClient &client, Call &call)
+    {
+        const Question &question = *call.question;
+        json arguments = json::object();
+        if (question.method == std::string("at_passthrough"))
+            arguments = {{"at", call.command}, {"timeout_ms", question.timeout_ms}};
+        else if (question.kind == Kind::setter)
+            arguments = {{"state", 1}, {"cid", atoi(call.command.c_str() + call.command.find(',') + 1)}};
+        else if (question.kind == Kind::message)
+            arguments = {{"dest", "+491701234567"}, {"type", 0}, {"content", call.command}};
+        call.begin = Clock::now();
+        CallOutcome outcome = client.call(question.method, arguments, milliseconds(120000));
+        call.end = Clock::now();
+        call.result = outcome.status == 0 ? outcome.result() : -1000 - outcome.status;
+        if (outcome.data.is_object() && outcome.data.contains(question.key))
+            call.value = outcome.data[question.key];
+        if (question.kind == Kind::message)
+            call.command = pdu_of(call.command);
+    }
+    static std::string pdu_of(const std::string &text)
+    {
+        sms_pdu *list = nullptr;
+        EXPECT_EQ(encode_pdu("+491701234567", 0, text.c_str(), static_cast<int>(text.size()), &list, 0), 0);
+        std::string pdu = list->pdu + std::string("\x1A");
+        free_list(&list);
+        return pdu;
+    }
+    void mix(const Rates &rates, int exchanges, const std::vector<int> &rounds,
+             const std::vector<const Question *> &bag)
+    {
+        ASSERT_TRUE(daemon.wait_until_calm());
+        int root_fd = open(root.path("/").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        std::string socket = fmt::format("/proc/self/fd/{}/var/run/ubus/ubus.sock", root_fd);
+        adversary.arm(rates);
+        const Moment end = Clock::now() + std::chrono::milliseconds(20000 + 250 * exchanges);
+        for (int clients : rounds) {
+            std::vector<std::thread> threads;
+            for (int i = 0; i < clients; i++)
+                threads.emplace_back([&, i, clients] {
+                    std::mt19937 random(static_cast<unsigned>(seed * 10000 + i * 100 + clients));
+                    BusClient client(socket);
+                    for (int left = exchanges / static_cast<int>(rounds.size()) / clients; left > 0; left--) {
+                        Call call = make_call(random, bag);
+                        if (Clock::now() > end)
+                            return;
+                        run(client, call);
+                        if (call.result != 0 && call.end - call.begin < milliseconds(5))
+                            std::this_thread::sleep_for(milliseconds(20)); // refused: a caller that comes again soon
+                        std::lock_guard lock(mutex);
+                        calls.push_back(std::move(call));
+                    }
+                });
+            for (std::thread &thread : threads)
+                thread.join();
+        }
+        adversary.arm({});
+        EXPECT_LT(Clock::now(), end) << "the daemon got stuck; the callers gave up";
+        (void)close(root_fd);
+        judge_all();
+    }
+
+    // The inputs of this command while the call was under way.
+    std::vector<size_t> candidates(const Call &call) const
+    {
+        std::vector<size_t> found;
+        for (size_t i = 0; i < inputs.size(); i++)
+            if (inputs[i].text == call.command && inputs[i].came >= call.begin && inputs[i].came <= call.end)
+                found.push_back(i);
+        return found;
+    }
+    bool stray_during(const Call &call) const
+    {
+        return std::any_of(adversary.strays.begin(), adversary.strays.end(), [&](size_t number) {
+            const Input &input = inputs[number];
+            return input.came < call.end && (input.done == Moment{} || input.done + milliseconds(100) > call.start);
+        });
+    }
+    Verdict claim(const Call &call, size_t number)
+    {
+        auto found = adversary.given.find(number);
+        if (found == adversary.given.end() || inputs[number].text != call.command)
+            return wrong;
+        if (inputs[number].came < call.begin || inputs[number].came > call.end || found->second.claimed)
+            return found->second.twice ? repeated : wrong;
+        found->second.claimed = true;
+        return right;
+    }
+    // A verdict without a number in it: the modem has said the same.
+    Verdict claim_final(const Call &call, const std::string &final, bool with_lines)
+    {
+        for (size_t i : candidates(call)) {
+            Given &own = adversary.given[i];
+            if (own.claimed || !own.answered || own.lines.empty() == with_lines)
+                continue;
+            own.claimed = true;
+            bool same = final == own.final || (final == "ERROR" && own.final != "OK" && call.value.is_number());
+            return same ? right : stray_during(call) ? by_stray : wrong;
+        }
+        return stray_during(call) ? by_stray : wrong;
+    }
+    Verdict failed(const Call &call) const
+    {
+        Moment limit = call.start + milliseconds(call.question->timeout_ms - 100);
+        const Clock::duration about = milliseconds(50); // the scan is queued, or its answer on the way
+        for (const Input &input : inputs)
+            if (input.text == "AT+COPS=?" && input.came - about < call.end &&
+                (input.done == Moment{} || input.done + about > call.start))
+                return refused;
+        std::vector<size_t> asked = candidates(call);
+        bool answered = std::any_of(asked.begin(), asked.end(), [&](size_t i) {
+            return !adversary.given.at(i).claimed && inputs[i].answered != Moment{} && inputs[i].answered < limit;
+        });
+        if (!asked.empty() && !answered)
+            return no_answer;
+        if (stray_during(call))
+            return by_stray;
+        return answered ? undelivered : free_ms(call) < 800 ? no_answer : unasked;
+    }
+    // For how long the modem could have been asked meanwhile.
+    int64_t free_ms(const Call &call) const
+    {
+        std::vector<std::pair<Moment, Moment>> busy = modem.absences();
+        for (auto &[from, to] : busy)
+            to += milliseconds(2500); // so long it may take to find that it is back
+        for (const Input &input : inputs)
+            if (input.done - input.came > milliseconds(200) || input.done == Moment{})
+                busy.emplace_back(input.came, input.done == Moment{} ? Clock::now() : input.done);
+        auto left = call.end - call.start;
+        for (const auto &[from, to] : busy)
+            left -= std::max(std::min(to, call.end) - std::max(from, call.start), Clock::duration(0));
+        return std::chrono::duration_cast<milliseconds>(left).count();
+    }
+
+    static size_t number_in(std::string_view text, size_t at)
+    {
+        size_t number = 0;
+        at = text.find_first_not_of('0', at);
+        if (at == text.npos || std::from_chars(text.data() + at, text.data() + text.size(), number).ec != std::errc())
+            return SIZE_MAX;
+        return number;
+    }
+    Verdict judge_typed(const Call &call)
+    {
+        if (call.result == 0xFFFF && !candidates(call).empty() && claim_final(call, "ERROR", false) == right)
+            return right;
+        if (call.result != 0 || !call.value.is_string())
+            return failed(call);
+        std::string value = call.value;
+        std::string digits;
+        for (char c : value)
+            if (c >= '0' && c <= '9')
+                digits += c;
+        size_t number = number_in(digits.substr(0, call.command == "AT+GTRAT=?" ? 7 : std::string::npos), 0);
+        auto found = adversary.given.find(number);
+        if (found == adversary.given.end())
+            return halved;
+        std::string lines;
+        for (const std::string &line : found->second.lines)
+            lines += call.command == "AT+CGACT?" ? line.substr(line.size() - 1) : line;
+        return lines.find(value) == lines.npos || (call.command == "AT+GTRAT=?" && value.size() < 800) ||
+                       value.size() < 3
+                   ? halved
+                   : claim(call, number);
+    }
+    Verdict judge_text(const Call &call)
+    {
+        if (call.result != 0 || !call.value.is_string())
+            return failed(call);
+        std::string text = call.value;
+        std::vector<std::string> lines;
+        for (size_t at = 0; (at = text.find_first_not_of("\r\n", at)) != text.npos; at = text.find_first_of("\r\n", at))
+            lines.push_back(text.substr(at, text.find_first_of("\r\n", at) - at));
+        std::string final;
+        for (const std::string &line : lines)
+            if (line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR"))
+                final = line;
+        if (call.question->kind == Kind::setter)
+            return text.find('#') == text.npos ? claim_final(call, final, false) : wrong;
+        if (call.question->kind == Kind::same_text && text.find("+CRSM") != text.npos)
+            return claim_final(call, final, true);
+        size_t mark = text.find('#');
+        size_t colon = text.find("+CSQ: ");
+        if (mark == text.npos && colon == text.npos)
+            return claim_final(call, final, false);
+        size_t number = number_in(text, mark != text.npos ? mark + 1 : colon + 6);
+        auto found = adversary.given.find(number);
+        if (found == adversary.given.end())
+            return halved;
+        size_t next = 0;
+        for (const std::string &line : lines)
+            next += next < found->second.lines.size() && line == found->second.lines[next];
+        Verdict verdict = claim(call, number);
+        return verdict == right && (next < found->second.lines.size() || final.empty()) ? halved : verdict;
+    }
+    Verdict judge_setter(const Call &call)
+    {
+        bool late =
+            call.end - call.start > milliseconds(call.question->timeout_ms - 100); // a busy daemon says ERROR too
+        if (call.result == 0 || (call.result == 0xFFFF && !late))
+            return claim_final(call, call.result == 0 ? "OK" : "ERROR", false);
+        return failed(call);
+    }
+    Verdict judge_message(const Call &call)
+    {
+        for (size_t i : candidates(call)) {
+            Given &own = adversary.given[i];
+            if (own.answered && (own.final == "OK") == (call.result == 0))
+                return right;
+        }
+        auto lost = modem.absences();
+        bool port_lost = std::any_of(lost.begin(), lost.end(),
+                                     [&](auto &each) { return each.first > call.start && each.first < call.end; });
+        return call.result == 0 ? wrong : port_lost ? no_answer : failed(call);
+    }
+    Verdict judge(const Call &call)
+    {
+        if (call.question->kind == Kind::scan)
+            return call.result == 0 ? right : refused;
+        if (call.question->kind == Kind::message)
+            return judge_message(call);
+        if (call.question->method == std::string("at_passthrough"))
+            return judge_text(call);
+        return call.question->kind == Kind::setter ? judge_setter(call) : judge_typed(call);
+    }
+    void judge_all()
+    {
+        inputs = modem.inputs();
+        std::lock_guard lock(adversary.mutex);
+        std::sort(calls.begin(), calls.end(), [](const Call &a, const Call &b) { return a.end < b.end; });
+        Moment before{};
+        std::vector<const Call *> failures;
+        for (Call &call : calls) {
+            call.start = std::max(call.begin, before);
+            before = call.end;
+            Verdict verdict = judge(call);
+            counts[verdict]++;
+            if (verdict != right && verdict != refused && verdict != no_answer && ++shown[verdict] <= 5)
+                fmt::print("  {}: {} {} ({} ms): result {} {}\n", verdict_names[verdict], call.question->method,
+                           call.command, std::chrono::duration_cast<milliseconds>(call.end - call.start).count(),
+                           call.result, call.value.dump().substr(0, 150));
+        }
+        std::string line;
+        for (int i = 0; i < verdicts; i++)
+            line += fmt::format("{}{} {}", i ? ", " : "", counts[i], verdict_names[i]);
+        fmt::print("{}; the modem repeated {} answers and gave {} stray finals\n", line, adversary.repeats,
+                   adversary.strays.size());
+    }
+    void expect_promise()
+    {
+        EXPECT_EQ(counts[wrong], 0);
+        EXPECT_EQ(counts[halved], 0);
+        EXPECT_LE(counts[undelivered] + counts[unasked], counts[right] / 1000);
+        EXPECT_LE(counts[by_stray], static_cast<int>(adversary.strays.size()));
+        EXPECT_LE(counts[repeated], adversary.repeats);
+        EXPECT_GT(counts[right], 0);
+        EXPECT_TRUE(daemon.celmuxd().running());
+    }
+};
+
+TEST_F(WhoseAnswer, NobodyGetsAnotherCallersAnswerOrHalfOfOneOrNone)
+{
+    int exchanges = atoi(from_environment("CELMUX_MIX_EXCHANGES", "300").c_str());
+    std::vector<const Question *> asked;
+    for (const Question &question : questions)
+        asked.insert(asked.end(), static_cast<size_t>(question.weight), &question);
+    mix(everything, exchanges, numbers_in(from_environment("CELMUX_MIX_CLIENTS", "1,2,4")), asked);
+    expect_promise();
+}
+
+// One trouble at a time, with the rate at which each strikes.
+struct Row {
+    const char *name;
+    Rates rates;
+    int exchanges;
+};
+
+class WhoseAnswerWith : public WhoseAnswer, public testing::WithParamInterface<Row> {};
+
+void PrintTo(const Row &row, std::ostream *out)
+{
+    *out << row.name;
+}
+
+TEST_P(WhoseAnswerWith, TroubleOfOneKind)
+{
+    const std::map<Kind, std::string> only_for = {{Kind::same_text, "SameTextForDifferentCommands"},
+                                                  {Kind::message, "PortLostAtThePrompt"},
+                                                  {Kind::scan, "Scan"}};
+    std::vector<const Question *> asked;
+    for (const Question &question : questions) {
+        bool rare = only_for.contains(question.kind);
+        if (!rare || only_for.at(question.kind) == GetParam().name)
+            asked.insert(asked.end(), static_cast<size_t>(question.weight * (rare ? 5 : 1)), &question);
+    }
+    size_t before = modem.inputs().size();
+    mix(GetParam().rates, GetParam().exchanges, {1, 3}, asked);
+    expect_promise();
+    constexpr size_t own = 12; // of the start and of the routine
+    bool well = GetParam().rates.empty() && counts[right] == static_cast<int>(calls.size());
+    EXPECT_TRUE(!well || inputs.size() <= before + calls.size() + own)
+        << "a modem that is well is asked more than callers ask";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , WhoseAnswerWith,
+    testing::Values(Row{"None", {}, 200}, Row{"SameTextForDifferentCommands", {}, 100}, Row{"Scan", {}, 100},
+                    Row{"Late", {{"late", 60}}, 60}, Row{"Never", {{"never", 50}}, 60},
+                    Row{"Twice", {{"twice", 300}}, 100}, Row{"Echo", {{"echo", 500}}, 100},
+                    Row{"ForeignLines", {{"foreign", 700}}, 200}, Row{"Cut", {{"cut", 50}}, 60},
+                    Row{"Dribbling", {{"dribble", 300}}, 60}, Row{"Pauses", {{"pauses", 500}}, 100},
+                    Row{"Nul", {{"nul", 500}}, 100}, Row{"CarriageReturnsAlone", {{"cr", 500}}, 100},
+                    Row{"EightBits", {{"eight", 500}}, 100},
+                    Row{"ForeignAndPauses", {{"foreign", 500}, {"pauses", 400}}, 150}, Row{"Deaf", {{"deaf", 20}}, 60},
+                    Row{"PortLost", {{"port", 30}}, 60}, Row{"PortLostAtThePrompt", {{"prompt_port", 500}}, 40},
+                    Row{"DiallingResults", {{"report", 400}}, 200}, Row{"StrayFinals", {{"stray", 100}}, 200}),
+    [](const auto &row) { return std::string(row.param.name); });
+
+} // namespace
