@@ -105,7 +105,7 @@ static char *copy_command(const char *command, int append_cr)
     return copy;
 }
 
-uint32_t link_submit(const char *command, int append_cr, const char *expected, bool awaited)
+uint32_t link_submit(const char *command, int append_cr, const char *expected, LinkCaller caller)
 {
     bool scan = strcmp(command, SCAN_COMMAND) == 0;
     uint8_t idle = 0;
@@ -119,7 +119,7 @@ uint32_t link_submit(const char *command, int append_cr, const char *expected, b
         CELMUX_LOG(LOG_ERR, "failed to alloc at str", "at_enqueue");
     } else {
         LinkLock lock;
-        number = machine_submit(&machine, copy, expected, awaited, now_us());
+        number = machine_submit(&machine, copy, expected, caller, now_us());
     }
     if (copy && !number)
         CELMUX_LOG(LOG_ERR, "too many commands wait, refused: %s", "at_enqueue", Masked(command).text);

@@ -15,8 +15,8 @@ void link_free();
 
 // Queues a command; "\r" is appended when `append_cr`. `expected` (null: anything) must last until the answer has come
 // or link_abandon was called. Returns its number, or 0 after a log line: a network scan runs, too many commands wait,
-// no memory. Its answer comes in resp_queue under that number when `awaited`. Any thread; never waits.
-uint32_t link_submit(const char *command, int append_cr, const char *expected, bool awaited);
+// no memory. Its answer comes in resp_queue under that number unless the caller is nobody. Any thread; never waits.
+uint32_t link_submit(const char *command, int append_cr, const char *expected, LinkCaller caller);
 // The caller waits no longer. True: *answer is the answer as far as it is known (heap, or null for none). False: the
 // answer is on its way to resp_queue.
 bool link_abandon(uint32_t number, char **answer);

@@ -23,8 +23,7 @@ constexpr int64_t SCAN_END_PATIENCE = 2000 * MS; // for the final result code be
 // An answer is early when it took less than three quarters of the shortest time. With more than one half, of an answer
 // that is shifted by one command either this answer is early or the next.
 constexpr int64_t EARLY_NUMERATOR = 3, EARLY_DENOMINATOR = 4;
-constexpr int64_t EARLY_FLOOR = 1 * MS; // a modem that is quicker than this tells nothing by its times
-constexpr uint8_t FLOOR_SAMPLES = 8;    // before so many answers the shortest time is not known well enough
+constexpr int64_t EARLY_LEAST = 1 * MS; // a modem that is quicker than this tells nothing by its times
 
 // Questions for marks. All are asked by the daemon at other times too, so every modem that it serves knows them.
 struct Question {
@@ -125,16 +124,43 @@ static void get_in_step(LinkMachine *m, int64_t now)
     (void)send_mark(m, question, now);
 }
 
-static void note_latency(LinkMachine *m, int64_t took)
+// FNV-1a of the command's name; tells names apart, no more.
+static uint32_t name_hash(std::string_view command)
 {
-    if (m->floor == 0 || took < m->floor)
-        m->floor = took;
-    m->floor_samples += m->floor_samples < FLOOR_SAMPLES;
+    uint32_t hash = 0x811c9dc5;
+    for (char each : command.substr(0, command.find_first_of("=?\r")))
+        hash = (hash ^ static_cast<unsigned char>(each)) * 0x01000193;
+    return hash;
+}
+
+// An answer that is surely the command's own took so long.
+static void note_latency(LinkMachine *m, std::string_view command, int64_t took)
+{
+    m->recent[m->recent_count++ % LINK_RECENT] = {name_hash(command), took};
+}
+
+// Did the answer come sooner than the modem's recent ones? One with the command's name can only be another one's when
+// the same was asked shortly before.
+static bool came_early(const LinkMachine *m, bool own, int64_t now)
+{
+    int64_t shortest = INT64_MAX;
+    uint32_t name = name_hash(m->due.text);
+    bool asked_before = false;
+    for (const auto &answer : m->recent) {
+        shortest = answer.took < shortest ? answer.took : shortest;
+        asked_before = asked_before || answer.name == name;
+    }
+    for (uint32_t quick : m->quick) {
+        if (quick == name)
+            return false;
+    }
+    return m->recent_count >= LINK_RECENT && (asked_before || !own) && shortest >= EARLY_LEAST &&
+           (now - m->sent_at) * EARLY_DENOMINATOR < shortest * EARLY_NUMERATOR;
 }
 
 static void now_in_step(LinkMachine *m, int64_t now)
 {
-    note_latency(m, now - m->mark_at);
+    note_latency(m, QUESTIONS[m->mark].command, now - m->mark_at);
     m->proven = static_cast<uint8_t>(m->proven | (1u << m->mark));
     m->in_step = true;
     m->mark_out = false;
@@ -199,7 +225,8 @@ static void pump(LinkMachine *m, int64_t now)
 // The exchange is over. `text` is its answer or null; taken over.
 static void finish(LinkMachine *m, char *text, LinkItem *item)
 {
-    *item = {LinkItem::Kind::answer, m->due.number, m->due.awaited, m->due.kind == CommandKind::scan, text};
+    bool awaited = m->due.caller != LinkCaller::nobody;
+    *item = {LinkItem::Kind::answer, m->due.number, awaited, m->due.kind == CommandKind::scan, text};
     free(m->candidate);
     m->candidate = nullptr;
     free(m->due.text);
@@ -260,7 +287,7 @@ static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t
         return LinkDoubt::none;
     if (traits.text_listing)
         return LinkDoubt::listing;
-    if (m->floor_samples == FLOOR_SAMPLES && m->floor >= EARLY_FLOOR && (now - m->sent_at) * EARLY_DENOMINATOR < m->floor * EARLY_NUMERATOR)
+    if (came_early(m, traits.own, now))
         return LinkDoubt::early;
     if (m->more)
         return LinkDoubt::crowded;
@@ -276,7 +303,7 @@ static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t
 static bool start_confirming(LinkMachine *m, int64_t now)
 {
     int question = first_question(m->proven & ~m->busy & ~question_bit(m->due.text));
-    if (!m->due.awaited || m->due.kind == CommandKind::message || question == -1)
+    if (m->due.caller != LinkCaller::waits || question == -1)
         return false;
     m->mark_decisive = true;
     if (!send_mark(m, question, now))
@@ -350,7 +377,7 @@ static bool told_itself(LinkMachine *m, int64_t now)
         m->in_step = true;
         m->busy = 0;
         m->escape = false;
-        note_latency(m, now - m->sent_at);
+        note_latency(m, m->due.text, now - m->sent_at);
     }
     m->proven = static_cast<uint8_t>(m->proven | question);
     return true;
@@ -373,7 +400,7 @@ static void judge_answer(LinkMachine *m, int64_t now, LinkItem *item)
     Traits traits = traits_of(m->due, view(m));
     LinkDoubt doubt = doubt_about(m, traits, now);
     if (doubt == LinkDoubt::none && traits.own)
-        note_latency(m, now - m->sent_at);
+        note_latency(m, m->due.text, now - m->sent_at);
     if (doubt != LinkDoubt::none && start_confirming(m, now)) {
         m->doubt = doubt;
         free(m->candidate);
@@ -463,12 +490,12 @@ static void mark_answered(LinkMachine *m, int64_t now, LinkItem *item)
         char *text = m->candidate;
         m->candidate = nullptr;
         if (m->doubt == LinkDoubt::early && !m->replaced)
-            note_latency(m, m->mark_at - m->sent_at); // this modem can be as quick as that
+            m->quick[m->quick_count++ % LINK_RECENT] = name_hash(m->due.text);
         finish(m, text, item);
     }
     char *echo_off = echo && m->waiting_count < LINK_WAITING_MAX ? strdup(ECHO_OFF) : nullptr;
     if (echo_off)
-        put_first(m, {echo_off, nullptr, next_number(m), false, CommandKind::plain});
+        put_first(m, {echo_off, nullptr, next_number(m), LinkCaller::nobody, CommandKind::plain});
 }
 
 // A final result code has come.
@@ -597,7 +624,7 @@ static bool is_prompt(std::string_view line)
 
 static bool awaits_prompt(const LinkMachine *m)
 {
-    return m->phase == LinkPhase::sent && m->due.kind == CommandKind::message && !m->message_sent;
+    return m->phase == LinkPhase::sent && m->due.caller == LinkCaller::sends && !m->message_sent;
 }
 
 // A prompt that no caller waits for: the modem must not take what is sent next for the text of a message.
@@ -607,7 +634,7 @@ static void leave_prompt(LinkMachine *m, LinkItem *item)
     m->escape = true;
     m->mark_out = false; // the mark went into the text
     m->line = m->length;
-    if (m->phase == LinkPhase::sent && m->due.kind != CommandKind::message) {
+    if (m->phase == LinkPhase::sent && m->due.caller != LinkCaller::sends) {
         (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
         finish(m, take_text(m), item);
         return;
@@ -715,15 +742,15 @@ void machine_free(LinkMachine *m)
     *m = {};
 }
 
-uint32_t machine_submit(LinkMachine *m, char *text, const char *expected, bool awaited, int64_t now)
+uint32_t machine_submit(LinkMachine *m, char *text, const char *expected, LinkCaller caller, int64_t now)
 {
     // The last place is for a caller.
-    if (m->waiting_count >= (awaited ? LINK_WAITING_MAX : LINK_WAITING_MAX - 1)) {
+    if (m->waiting_count >= (caller == LinkCaller::nobody ? LINK_WAITING_MAX - 1 : LINK_WAITING_MAX)) {
         free(text);
         return 0;
     }
     uint32_t number = next_number(m);
-    m->waiting[m->waiting_count++] = {text, expected, number, awaited, kind_of_command(text)};
+    m->waiting[m->waiting_count++] = {text, expected, number, caller, kind_of_command(text)};
     pump(m, now);
     return number;
 }
@@ -773,7 +800,7 @@ bool machine_send_message(LinkMachine *m, uint32_t number, const char *pdu)
 static void give_up_due(LinkMachine *m, int64_t now)
 {
     out_of_step(m);
-    m->escape = m->escape || m->due.kind == CommandKind::message;
+    m->escape = m->escape || m->due.caller == LinkCaller::sends;
     m->busy = static_cast<uint8_t>(m->busy | question_bit(m->due.text));
     if (!m->silent_since)
         m->silent_since = now;
@@ -817,8 +844,8 @@ void machine_restarted(LinkMachine *m, int64_t now, LinkItem *item)
     *item = {};
     out_of_step(m);
     m->mark_out = false; // it is not answered; another question is asked next
-    m->floor = 0;
-    m->floor_samples = 0;
+    m->recent_count = 0;
+    memset(m->quick, 0, sizeof m->quick);
     m->result_open = false;
     m->not_before = 0;
     m->line = m->length;
@@ -843,14 +870,14 @@ void machine_doubt(LinkMachine *m, int64_t now)
 
 bool machine_at_prompt(const LinkMachine *m)
 {
-    bool message = m->due.kind == CommandKind::message && m->phase != LinkPhase::idle && m->phase != LinkPhase::queued;
+    bool message = m->due.caller == LinkCaller::sends && m->phase != LinkPhase::idle && m->phase != LinkPhase::queued;
     return message || m->escape;
 }
 
 // Until when a command that no caller waits for keeps the link; INT64_MAX for a caller's.
 static int64_t owed_until(const LinkMachine *m)
 {
-    if (m->phase == LinkPhase::idle || m->phase == LinkPhase::queued || m->due.awaited)
+    if (m->phase == LinkPhase::idle || m->phase == LinkPhase::queued || m->due.caller != LinkCaller::nobody)
         return INT64_MAX;
     if (m->due.kind != CommandKind::scan)
         return m->sent_at + (m->waiting_count ? OWED_PATIENCE : OWED_LIMIT);

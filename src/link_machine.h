@@ -16,13 +16,20 @@
 constexpr char LINK_ESCAPE[] = "\x1b\r";
 
 constexpr uint32_t LINK_ANSWER_MAX = 256 * 1024; // bytes of an answer; a longer one is a failure
+constexpr unsigned LINK_RECENT = 8;              // answers whose times are kept
 constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: a caller's and 16 others
+
+enum class LinkCaller : uint8_t {
+    nobody, // the answer is not waited for
+    waits,  // for the answer
+    sends,  // for the prompt, then the text of a message follows and its answer (3GPP TS 27.005 3.5.1)
+};
 
 struct LinkCommand {
     char *text;           // heap, ends in "\r"
     const char *expected; // what a successful answer holds, or null; the caller keeps it until the command is over
     uint32_t number;      // never 0
-    bool awaited;         // a caller waits for the answer
+    LinkCaller caller;
     CommandKind kind;
 };
 
@@ -91,8 +98,13 @@ struct LinkMachine {
     int64_t mark_at;
     int64_t not_before;   // no mark before then: the port refused one
     int64_t silent_since; // 0 while the modem answers
-    uint8_t floor_samples;
-    int64_t floor; // the shortest time that this modem took for an answer with a name; 0 unknown
+    struct {
+        uint32_t name; // hash of the command's name
+        int64_t took;
+    } recent[LINK_RECENT];       // the last answers that carried their command's name
+    unsigned recent_count;       // so many answers since the port was opened
+    uint32_t quick[LINK_RECENT]; // names of commands that turned out to be answered sooner than others
+    unsigned quick_count;
 
     // What has come and is not over yet.
     char *text;
@@ -116,7 +128,7 @@ void machine_init(LinkMachine *machine, bool probed, bool (*send)(const char *te
 void machine_free(LinkMachine *machine);
 
 // Takes over `text` and sends it when its turn comes. Its number, or 0 (the text is freed) when too many commands wait.
-uint32_t machine_submit(LinkMachine *machine, char *text, const char *expected, bool awaited, int64_t now);
+uint32_t machine_submit(LinkMachine *machine, char *text, const char *expected, LinkCaller caller, int64_t now);
 // The port is about to write what `send` was given. False: nobody wants it any more, do not write it.
 bool machine_may_write(LinkMachine *machine, uint32_t number, int64_t now);
 void machine_write_failed(LinkMachine *machine, uint32_t number, int64_t now, LinkItem *item);

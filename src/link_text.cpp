@@ -63,8 +63,6 @@ CommandKind kind_of_command(std::string_view command)
 {
     if (command == "AT+COPS=?\r")
         return CommandKind::scan;
-    if (command.starts_with("AT+CMGS="))
-        return CommandKind::message;
     if (command.size() < 3 || !same_name(command.substr(0, 2), "AT"))
         return CommandKind::plain;
     char verb = upper(command[2]);

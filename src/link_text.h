@@ -9,9 +9,8 @@
 // What a command is, as far as its answer depends on it.
 enum class CommandKind : unsigned char {
     plain,
-    message, // AT+CMGS: a prompt comes before the final result code (3GPP TS 27.005 3.5.1)
-    dial,    // sets a connection up: NO CARRIER, BUSY, NO ANSWER and CONNECT end it as well
-    scan,    // AT+COPS=?: takes up to minutes
+    dial, // sets a connection up: NO CARRIER, BUSY, NO ANSWER and CONNECT end it as well
+    scan, // AT+COPS=?: takes up to minutes
 };
 CommandKind kind_of_command(std::string_view command);
 // Does the command ask for something, so that "OK" alone is an unlikely answer?

@@ -95,7 +95,7 @@ int request(const char *command, char **answer, const char *expected, int append
         return error;
     }
     char *text = nullptr;
-    uint32_t number = link_submit(command, append_cr, expected, true);
+    uint32_t number = link_submit(command, append_cr, expected, LinkCaller::waits);
     int result = number ? wait_for_response(number, &text, deadline) : -1;
     pthread_mutex_unlock(&request_mutex);
     if (result == 0)
@@ -105,7 +105,7 @@ int request(const char *command, char **answer, const char *expected, int append
 
 int at_enqueue(const char *command, int append_cr)
 {
-    return link_submit(command, append_cr, nullptr, false) ? 0 : -1;
+    return link_submit(command, append_cr, nullptr, LinkCaller::nobody) ? 0 : -1;
 }
 
 int exec_retry(const char *command, char **answer, int append_cr, int tries)
@@ -137,7 +137,7 @@ static bool exchange_message(const char *pdu, int length, uint32_t timeout_ms)
 {
     char command[24];
     snprintf(command, sizeof command, "AT+CMGS=%d\r", length);
-    uint32_t number = link_submit(command, 0, nullptr, true);
+    uint32_t number = link_submit(command, 0, nullptr, LinkCaller::sends);
     if (!number || !message_step(number, ">", timeout_ms) || !link_send_message(number, pdu))
         return false;
     return message_step(number, "+CMGS:", timeout_ms);

@@ -205,7 +205,7 @@ struct World {
     // A caller's exchange. True with *text when there is an answer.
     bool exchange(const Ask &ask, std::string *text, int64_t timeout = TIMEOUT)
     {
-        uint32_t number = machine_submit(&machine, strdup(ask.command), ask.expected, true, now);
+        uint32_t number = machine_submit(&machine, strdup(ask.command), ask.expected, LinkCaller::waits, now);
         run(now + timeout, number);
         if (!answers.contains(number)) {
             char *late = nullptr;
