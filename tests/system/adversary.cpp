@@ -9,6 +9,12 @@ static const char *const foreign_lines[] = {
 static const char *const dialling_results[] = {"NO CARRIER", "BUSY", "NO ANSWER",
                                                "CONNECT"}; // reports for all other commands
 
+bool carries_a_name(const std::string &line)
+{
+    return line.starts_with('+') && !line.starts_with("+CME ERROR") && !line.starts_with("+CMS ERROR") &&
+           std::find(std::begin(foreign_lines), std::end(foreign_lines), line) == std::end(foreign_lines);
+}
+
 std::string from_environment(const char *name, const char *otherwise)
 {
     const char *value = getenv(name);

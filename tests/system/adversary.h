@@ -59,5 +59,8 @@ private:
     Rates rates_;
 };
 
+// Does the line carry the name of a command that asked for it? Reports and final results do not.
+bool carries_a_name(const std::string &line);
+
 std::string from_environment(const char *name, const char *otherwise);
 std::vector<int> numbers_in(const std::string &text); // with commas between them

@@ -277,14 +277,15 @@ protected:
         for (const std::string &line : lines)
             if (line == "OK" || line == "ERROR" || line.starts_with("+CME ERROR"))
                 final = line;
+        bool named = std::any_of(lines.begin(), lines.end(), carries_a_name);
         if (call.question->kind == Kind::setter)
-            return text.find('#') == text.npos ? claim_final(call, final, false) : wrong;
+            return named ? wrong : claim_final(call, final, false);
         if (call.question->kind == Kind::same_text && text.find("+CRSM") != text.npos)
             return claim_final(call, final, true);
         size_t mark = text.find('#');
         size_t colon = text.find("+CSQ: ");
         if (mark == text.npos && colon == text.npos)
-            return claim_final(call, final, false);
+            return named ? wrong : claim_final(call, final, false);
         size_t number = number_in(text, mark != text.npos ? mark + 1 : colon + 6);
         auto found = adversary.given.find(number);
         if (found == adversary.given.end())
@@ -331,7 +332,6 @@ protected:
         std::lock_guard lock(adversary.mutex);
         std::sort(calls.begin(), calls.end(), [](const Call &a, const Call &b) { return a.end < b.end; });
         Moment before{};
-        std::vector<const Call *> failures;
         for (Call &call : calls) {
             call.start = std::max(call.begin, before);
             before = call.end;
