@@ -23,7 +23,7 @@ constexpr int64_t SCAN_END_PATIENCE = 2000 * MS; // for the final result code be
 // An answer is early when it took less than three quarters of the shortest time. With more than one half, of an answer
 // that is shifted by one command either this answer is early or the next.
 constexpr int64_t EARLY_NUMERATOR = 3, EARLY_DENOMINATOR = 4;
-constexpr int64_t EARLY_LEAST = 1 * MS; // a modem that is quicker than this tells nothing by its times
+constexpr int64_t EARLY_LEAST = 2 * MS; // a modem that is quicker than this tells nothing by its times
 
 // Questions for marks. All are asked by the daemon at other times too, so every modem that it serves knows them.
 struct Question {
@@ -48,6 +48,51 @@ static uint32_t next_number(LinkMachine *m)
     if (++m->last_number == 0)
         m->last_number = 1;
     return m->last_number;
+}
+
+// ---- what the modem was asked
+
+// FNV-1a; tells texts apart, no more.
+static uint32_t hash_of(std::string_view text)
+{
+    uint32_t hash = 0x811c9dc5;
+    for (char each : text)
+        hash = (hash ^ static_cast<unsigned char>(each)) * 0x01000193;
+    return hash;
+}
+
+// Of the command's name and form, as "AT+CSIM=".
+static uint32_t name_hash(std::string_view command)
+{
+    size_t end = command.find_first_of("=?\r");
+    return hash_of(command.substr(0, end < command.size() ? end + 1 : end));
+}
+
+static void note_asked(LinkMachine *m, std::string_view command)
+{
+    std::string_view name = command.substr(0, command.find_first_of("=?\r"));
+    m->asked[m->asked_count++ % LINK_RECENT] = {hash_of(name.substr(name.size() < 2 ? 0 : 2)), name_hash(command)};
+}
+
+// Is it the name of something that was asked before? Then a line with it is an answer, not a report that is not known.
+static bool was_asked(const LinkMachine *m, std::string_view name)
+{
+    for (const auto &asked : m->asked) {
+        if (asked.name == hash_of(name))
+            return true;
+    }
+    return false;
+}
+
+// Was the same name asked in another form before, as "AT+CSIM?" before "AT+CSIM=1"?
+static bool other_form_asked(const LinkMachine *m)
+{
+    const auto &now = m->asked[(m->asked_count - 1) % LINK_RECENT];
+    for (const auto &asked : m->asked) {
+        if (asked.name == now.name && asked.form != now.form)
+            return true;
+    }
+    return false;
 }
 
 // ---- getting in step
@@ -94,6 +139,7 @@ static bool send_mark(LinkMachine *m, int question, int64_t now)
     m->mark_out = true;
     m->mark_written = false;
     m->mark_at = now;
+    note_asked(m, command);
     m->marks++;
     return true;
 }
@@ -124,19 +170,20 @@ static void get_in_step(LinkMachine *m, int64_t now)
     (void)send_mark(m, question, now);
 }
 
-// FNV-1a of the command's name; tells names apart, no more.
-static uint32_t name_hash(std::string_view command)
-{
-    uint32_t hash = 0x811c9dc5;
-    for (char each : command.substr(0, command.find_first_of("=?\r")))
-        hash = (hash ^ static_cast<unsigned char>(each)) * 0x01000193;
-    return hash;
-}
-
 // An answer that is surely the command's own took so long.
 static void note_latency(LinkMachine *m, std::string_view command, int64_t took)
 {
     m->recent[m->recent_count++ % LINK_RECENT] = {name_hash(command), took};
+}
+
+// Has the modem lately answered this command with a line of its name?
+static bool answered_by_name(const LinkMachine *m)
+{
+    for (const auto &answer : m->recent) {
+        if (answer.name == name_hash(m->due.text))
+            return true;
+    }
+    return false;
 }
 
 // Did the answer come sooner than the modem's recent ones? One with the command's name can only be another one's when
@@ -144,17 +191,13 @@ static void note_latency(LinkMachine *m, std::string_view command, int64_t took)
 static bool came_early(const LinkMachine *m, bool own, int64_t now)
 {
     int64_t shortest = INT64_MAX;
-    uint32_t name = name_hash(m->due.text);
-    bool asked_before = false;
-    for (const auto &answer : m->recent) {
+    for (const auto &answer : m->recent)
         shortest = answer.took < shortest ? answer.took : shortest;
-        asked_before = asked_before || answer.name == name;
-    }
     for (uint32_t quick : m->quick) {
-        if (quick == name)
+        if (quick == name_hash(m->due.text))
             return false;
     }
-    return m->recent_count >= LINK_RECENT && (asked_before || !own) && shortest >= EARLY_LEAST &&
+    return m->recent_count >= LINK_RECENT && (answered_by_name(m) || !own) && shortest >= EARLY_LEAST &&
            (now - m->sent_at) * EARLY_DENOMINATOR < shortest * EARLY_NUMERATOR;
 }
 
@@ -197,6 +240,7 @@ static void start_exchange(LinkMachine *m, int64_t now)
     m->waiting_count--;
     memmove(m->waiting, m->waiting + 1, m->waiting_count * sizeof m->waiting[0]);
     m->due = next;
+    note_asked(m, next.text);
     m->tells_itself = !m->in_step;
     m->phase = LinkPhase::queued;
     m->commands++;
@@ -240,8 +284,10 @@ static void finish(LinkMachine *m, char *text, LinkItem *item)
 struct Traits {
     bool own;     // a line carries the command's name, or the expected text is there
     bool foreign; // a line carries another command's name
+    bool stale;   // and that command was asked before
     bool bare;    // there is nothing but the final result code
     bool error;
+    bool reason; // the error tells why
     bool echoed;
     bool text_listing;
 };
@@ -251,11 +297,13 @@ static bool holds(std::string_view text, std::string_view part)
     return text.find(part) != std::string_view::npos;
 }
 
-static Traits traits_of(const LinkCommand &due, std::string_view answer)
+static Traits traits_of(const LinkMachine *m, std::string_view answer)
 {
+    const LinkCommand &due = m->due;
     Traits traits = {};
     traits.bare = true;
     traits.error = holds(answer, "ERROR");
+    traits.reason = holds(answer, "+CME ERROR") || holds(answer, "+CMS ERROR");
     std::string_view rest = answer, line;
     while (next_line(&rest, &line)) {
         if (line == command_line(due.text)) {
@@ -268,7 +316,8 @@ static Traits traits_of(const LinkCommand &due, std::string_view answer)
         LineName name = name_of_line(line, due.text);
         traits.own = traits.own || name == LineName::own;
         traits.foreign = traits.foreign || name == LineName::foreign;
-        traits.text_listing = traits.text_listing || begins_message_text(line);
+        traits.stale = traits.stale || (name == LineName::foreign && was_asked(m, name_in(line)));
+        traits.text_listing = traits.text_listing || (name == LineName::own && begins_message_text(line));
     }
     if (due.expected)
         traits.own = holds(answer, due.expected);
@@ -277,7 +326,21 @@ static Traits traits_of(const LinkCommand &due, std::string_view answer)
 
 static bool acceptable(const LinkCommand &due, const Traits &traits)
 {
-    return !due.expected || traits.own || traits.error;
+    return (!due.expected && !traits.stale) || traits.own || traits.error;
+}
+
+// Does an empty line stand before the last one, as before a final result code but hardly before a message's "OK"?
+static bool behind_blank_line(const LinkMachine *m)
+{
+    std::string_view text = view(m);
+    size_t end = text.find_last_not_of("\r\n");
+    size_t before = end == std::string_view::npos ? end : text.find_last_of("\r\n", end);
+    if (before == std::string_view::npos)
+        return false;
+    text = text.substr(0, before);
+    if (text.ends_with('\r'))
+        text.remove_suffix(1);
+    return text.ends_with('\n') || text.ends_with('\r');
 }
 
 static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t now)
@@ -285,16 +348,20 @@ static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t
     const LinkCommand &due = m->due;
     if (due.kind == CommandKind::dial || due.kind == CommandKind::scan || traits.echoed)
         return LinkDoubt::none;
-    if (traits.text_listing)
+    if (traits.text_listing && !behind_blank_line(m))
         return LinkDoubt::listing;
     if (came_early(m, traits.own, now))
         return LinkDoubt::early;
     if (m->more)
         return LinkDoubt::crowded;
+    if (traits.own && !due.expected && !answered_by_name(m) && other_form_asked(m))
+        return LinkDoubt::foreign;
     if (traits.own)
         return LinkDoubt::none;
     if (traits.foreign)
         return LinkDoubt::foreign;
+    if (traits.bare && !traits.reason && answered_by_name(m))
+        return LinkDoubt::bare;
     bool wants_line = due.expected || asks_question(due.text);
     return wants_line && !traits.error && (traits.bare || due.expected) ? LinkDoubt::bare : LinkDoubt::none;
 }
@@ -397,7 +464,7 @@ static void judge_answer(LinkMachine *m, int64_t now, LinkItem *item)
         finish(m, nullptr, item);
         return;
     }
-    Traits traits = traits_of(m->due, view(m));
+    Traits traits = traits_of(m, view(m));
     LinkDoubt doubt = doubt_about(m, traits, now);
     if (doubt == LinkDoubt::none && traits.own)
         note_latency(m, m->due.text, now - m->sent_at);
@@ -435,7 +502,7 @@ static void join_candidate(LinkMachine *m, char *more)
 // Another final result code has come behind the one in doubt, before the mark's answer: it is the command's own.
 static void judge_second(LinkMachine *m, LinkItem *item)
 {
-    Traits traits = traits_of(m->due, view(m));
+    Traits traits = traits_of(m, view(m));
     char *text = take_text(m);
     if (m->overflow || !text || !acceptable(m->due, traits)) {
         m->overflow = false;

@@ -16,7 +16,7 @@
 constexpr char LINK_ESCAPE[] = "\x1b\r";
 
 constexpr uint32_t LINK_ANSWER_MAX = 256 * 1024; // bytes of an answer; a longer one is a failure
-constexpr unsigned LINK_RECENT = 8;              // answers whose times are kept
+constexpr unsigned LINK_RECENT = 16;             // answers whose times are kept
 constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: a caller's and 16 others
 
 enum class LinkCaller : uint8_t {
@@ -103,6 +103,10 @@ struct LinkMachine {
         int64_t took;
     } recent[LINK_RECENT];       // the last answers that carried their command's name
     unsigned recent_count;       // so many answers since the port was opened
+    struct {
+        uint32_t name, form; // hashes of such as "+CSIM" and "AT+CSIM="
+    } asked[LINK_RECENT]; // the last commands and marks
+    unsigned asked_count;
     uint32_t quick[LINK_RECENT]; // names of commands that turned out to be answered sooner than others
     unsigned quick_count;
 

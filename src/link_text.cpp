@@ -107,8 +107,7 @@ static const Report *find_report(std::string_view line)
     return nullptr;
 }
 
-// "+CSQ" of "+CSQ: 20,99"; empty when the line carries no name.
-static std::string_view name_in(std::string_view line)
+std::string_view name_in(std::string_view line)
 {
     if (line.size() < 2 || std::string_view("+$^*%#_").find(line[0]) == std::string_view::npos)
         return {};

@@ -220,7 +220,7 @@ struct World {
     void warm_up()
     {
         std::string text;
-        std::vector<Plan> mine(8, {&ASKS[0], ANSWERS});
+        std::vector<Plan> mine(LINK_RECENT, {&ASKS[0], ANSWERS});
         std::swap(plans, mine);
         const char *none = std::exchange(stray, nullptr);
         for (size_t i = 0; i < plans.size(); i++)
