@@ -120,6 +120,7 @@ static void join_workers()
 
 int main()
 {
+    open_log();
     sigset_t signals = stop_signals();
     celmuxd_wanmd_socket_init();
     if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
