@@ -1,4 +1,5 @@
-// Runs on the thread at_listener. It never interprets the text and never waits for longer than it takes the stop event to come.
+// Runs on the thread at_listener. It never interprets the text and never waits for longer than it takes the stop event
+// to come.
 
 #include "at_listener.h"
 
@@ -9,7 +10,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
 #include "final_results.h"
@@ -24,7 +24,7 @@ constexpr size_t CHUNK_SIZE = 1023;
 constexpr useconds_t CHUNK_PAUSE_US = 1000;
 constexpr uint32_t ASSEMBLY_LIMIT = 256 * 1024; // a port that never pauses gets its bursts cut here
 constexpr uint32_t PUSH_PATIENCE_MS = 5000;     // for a processor that is busy with a shell command
-constexpr int FRUITLESS_LIMIT = 20;             // readable but nothing to read, so often in a row: the descriptor is dead
+constexpr int FRUITLESS_LIMIT = 20; // readable but nothing to read, so often in a row: the descriptor is dead
 constexpr uint32_t FRUITLESS_PAUSE_MS = 100;
 
 enum class Reading { again, lost, stopped };
@@ -61,7 +61,7 @@ static void message_enqueue(Assembly *assembly)
         log_error("failed to alloc message");
         free(assembly->text);
     }
-    *assembly = {};
+    *assembly = {nullptr, 0, 0, assembly->scan};
 }
 
 // Waits for input; false when the daemon stops or the wait failed for good. *events gets what the port shows.
@@ -121,7 +121,9 @@ static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
         if (got > 0) {
             chunk[got] = '\0';
             total += static_cast<uint32_t>(got);
-            CELMUX_LOG(LOG_INFO, "BUF: %s", "at_listener", Masked(chunk).text);
+            if (!assembly->text)
+                mask_rest_of_echo(assembly->scan, chunk);
+            CELMUX_LOG(LOG_INFO, "BUF: %s", "at_listener", Masked(chunk, &assembly->scan).text);
             (void)append_resp(assembly, chunk); // logged there; the burst goes on without the chunk
             if (assembly->length >= ASSEMBLY_LIMIT)
                 message_enqueue(assembly);
@@ -177,6 +179,7 @@ void *at_listener(void *)
     int fd = open_configured_port(&settings_g, O_RDONLY, __func__);
     while (fd != -1) {
         set_ready(&t_listener_ready);
+        assembly.scan = {};
         bool lost = listen_until_lost(fd, &assembly);
         close(fd);
         if (!lost)

@@ -12,6 +12,7 @@
 
 #include <cjson/cJSON.h>
 
+#include "at_mask.h"
 #include "log.h"
 #include "port.h"
 
@@ -56,7 +57,7 @@ int read_json(const char *path)
     }
     json_g = cJSON_ParseWithLength(text, length);
     if (!json_g && cJSON_GetErrorPtr())
-        log_error("error before: %s", cJSON_GetErrorPtr());
+        log_error("error before: %s", Masked(cJSON_GetErrorPtr()).text);
     free(text);
     return json_g ? 0 : -1;
 }
@@ -105,8 +106,7 @@ static int parse_serial(const cJSON *settings)
     if (cJSON_IsString(item)) {
         int index = index_of(item->valuestring, parities, 5, false);
         if (index < 0) {
-            CELMUX_LOG(LOG_ERR,
-                       "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
+            CELMUX_LOG(LOG_ERR, "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
                        "parse_settings", item->valuestring);
             return -1;
         }

@@ -62,8 +62,8 @@ static bool write_out(const char *text, size_t length)
 {
     int tries = TRIES;
     while (length > 0) {
-        ssize_t written = output_is_socket ? send(output, text, length, MSG_DONTWAIT | MSG_NOSIGNAL)
-                                           : write(output, text, length);
+        ssize_t written =
+            output_is_socket ? send(output, text, length, MSG_DONTWAIT | MSG_NOSIGNAL) : write(output, text, length);
         if (written > 0) {
             stalled.store(false);
             text += written;

@@ -10,8 +10,8 @@ namespace {
 
 TEST(AtCommand, IsRefusedWhenItIsTooLongOrCouldEndItself)
 {
-    for (const std::string &text : {std::string("a\rb"), std::string("a\n"), std::string("\x1a"), std::string("\x1b"), std::string("a\0b", 3),
-                                    std::string("say \"x\""), std::string(2000, 'x')}) {
+    for (const std::string &text : {std::string("a\rb"), std::string("a\n"), std::string("\x1a"), std::string("\x1b"),
+                                    std::string("a\0b", 3), std::string("say \"x\""), std::string(2000, 'x')}) {
         fake_link.reset();
         clear_log();
         AtCommand command;
@@ -86,8 +86,14 @@ TEST(AtText, NumbersSaturateAndStopAtTheFirstOtherCharacter)
     const struct {
         const char *text;
         int32_t value;
-    } rows[] = {{"", 0}, {"x1", 0}, {" 12x", 12}, {"-7,", -7}, {"+3", 3}, {"99999999999999999999", INT32_MAX},
-                {"-99999999999", INT32_MIN}, {"-", 0}};
+    } rows[] = {{"", 0},
+                {"x1", 0},
+                {" 12x", 12},
+                {"-7,", -7},
+                {"+3", 3},
+                {"99999999999999999999", INT32_MAX},
+                {"-99999999999", INT32_MIN},
+                {"-", 0}};
     for (const auto &row : rows)
         EXPECT_EQ(leading_int(row.text), row.value) << row.text;
 
@@ -123,6 +129,12 @@ TEST(Masked, HidesSecretsAndNothingElse)
         {"AT+CLCK=\"SC\",1,\"12,4\"\r", "AT+CLCK=\"SC\",1,\"****\"\r"},
         {"AT+CPWD=\"SC\",\"1234\",\"5678\"\r", "AT+CPWD=\"SC\",\"****\",\"****\"\r"},
         {"AT+CGAUTH=1,2,\"user\",\"pass\"\r\r\nOK\r\n", "AT+CGAUTH=1,2,\"user\",\"****\"\r\r\nOK\r\n"},
+        {"+CGAUTH: 1,1,\"probe\",\"pro;be\"\r\n+CGAUTH: 0,0,\"\",\"\"\r\n",
+         "+CGAUTH: 1,1,\"probe\",\"******\"\r\n+CGAUTH: 0,0,\"\",\"\"\r\n"},
+        {"AT$QCPDPP=1,2,\"pass\",\"user\"\r", "AT$QCPDPP=1,2,\"****\",\"****\"\r"},
+        {"$QCPDPP: 1,2,\"pass\"", "$QCPDPP: 1,2,\"****\""},
+        {"AT+CPIN = \"4321\"\r", "AT+CPIN = \"****\"\r"},
+        {"at + c pin\t=4321\r", "at + c pin\t=****\r"},
         {"AT+CMEE=1;+CPIN=\"1\";+CSQ", "AT+CMEE=1;+CPIN=\"*\";+CSQ"},
         {"AT+CPIN?\r", "AT+CPIN?\r"},
         {"+CPIN: READY", "+CPIN: READY"},
@@ -131,6 +143,27 @@ TEST(Masked, HidesSecretsAndNothingElse)
     };
     for (const auto &row : rows)
         EXPECT_STREQ(Masked(row.text).text, row.shown);
+    EXPECT_EQ(Masked(std::string_view("+CPIN=12").substr(0, 7)).length, 7);
+}
+
+// However a read cuts it.
+TEST(Masked, GoesOnInTheNextPiece)
+{
+    const std::string text = "AT+CPIN=\"4321\"\r\r\nOK\r\n1234";
+    for (size_t cut = 0; cut <= text.size(); cut++) {
+        SecretScan scan = {};
+        std::string shown = Masked(std::string_view(text).substr(0, cut), &scan).text;
+        shown.resize(std::min(shown.size(), cut));
+        std::string rest = text.substr(cut);
+        mask_rest_of_echo(scan, rest.data());
+        EXPECT_EQ(shown + Masked(rest, &scan).text, "AT+CPIN=\"****\"\r\r\nOK\r\n1234") << cut;
+    }
+    SecretScan scan = {};
+    (void)Masked("+CGAUTH: 1,1,\"user\",\"pa", &scan);
+    char rest[] = "ss\"\r\n";
+    mask_rest_of_echo(scan, rest);
+    EXPECT_STREQ(rest, "ss\"\r\n") << "whoever asked gets the answer as it is";
+    EXPECT_STREQ(Masked(rest, &scan).text, "**\"\r\n");
 }
 
 } // namespace

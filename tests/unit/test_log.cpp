@@ -26,7 +26,8 @@ struct Channel {
 };
 
 const Channel CHANNELS[] = {
-    {"pipe", [](int ends[2]) {
+    {"pipe",
+     [](int ends[2]) {
          int made[2];
          bool good = pipe(made) == 0 && fcntl(made[1], F_SETPIPE_SZ, 4096) > 0;
          ends[0] = made[1], ends[1] = made[0];
