@@ -106,7 +106,8 @@ static int parse_serial(const cJSON *settings)
     if (cJSON_IsString(item)) {
         int index = index_of(item->valuestring, parities, 5, false);
         if (index < 0) {
-            CELMUX_LOG(LOG_ERR, "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
+            CELMUX_LOG(LOG_ERR,
+                       "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
                        "parse_settings", item->valuestring);
             return -1;
         }
