@@ -10,7 +10,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "at_mask.h"
 #include "celmux.h"
 #include "config.h"
 #include "link.h"
@@ -60,7 +59,7 @@ static void message_enqueue(Assembly *assembly)
         log_error("failed to alloc message");
         free(assembly->text);
     }
-    *assembly = {};
+    *assembly = {nullptr, 0, 0, assembly->scan};
 }
 
 // Waits for input; false when the daemon stops or the wait failed for good. *events gets what the port shows.
@@ -148,7 +147,7 @@ static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
             got = without_zero_bytes(chunk, got);
             chunk[got] = '\0';
             chunks++;
-            CELMUX_LOG(LOG_INFO, "BUF: %s", "at_listener", Masked(chunk).text);
+            CELMUX_LOG(LOG_INFO, "BUF: %s", "at_listener", Masked(chunk, &assembly->scan).text);
             (void)append_resp(assembly, chunk); // logged there; the burst goes on without the chunk
             if (assembly->length >= ASSEMBLY_LIMIT)
                 message_enqueue(assembly);
@@ -204,6 +203,7 @@ void *at_listener(void *)
     int fd = open_configured_port(&settings_g, O_RDONLY, __func__);
     while (fd != -1) {
         set_ready(&t_listener_ready);
+        assembly.scan = {};
         bool lost = listen_until_lost(fd, &assembly);
         close(fd);
         if (!lost)

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "at_mask.h"
+
 // Thread function.
 void *at_listener(void *);
 
@@ -11,6 +13,7 @@ struct Assembly {
     char *text;
     uint32_t capacity;
     uint32_t length;
+    SecretScan scan; // of all that came from this port
 };
 
 // Appends a zero-terminated chunk. 0; -1 when the first allocation fails, -2 when growing fails (the chunk is lost then).

@@ -2,62 +2,104 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
 
 struct SecretCommand {
     const char *name;
-    int first_secret; // parameters before this one are shown
+    uint8_t shown;   // parameters before the first secret one
+    bool in_answers; // they bring the secret back
 };
 
-static constexpr SecretCommand secret_commands[] = {{"+CPIN=", 0}, {"+CLCK=", 2}, {"+CPWD=", 1}, {"+CGAUTH=", 3}};
+static constexpr SecretCommand SECRET_COMMANDS[] = {
+    {"+CPIN", 0, false}, {"+CLCK", 2, false}, {"+CPWD", 1, false}, {"+CGAUTH", 3, true}, {"$QCPDPP", 2, true},
+};
 
-static const SecretCommand *secret_at(const char *text)
+static bool is_blank(char c)
 {
-    for (const SecretCommand &command : secret_commands) {
-        if (strncasecmp(text, command.name, strlen(command.name)) == 0)
-            return &command;
-    }
-    return nullptr;
+    return c == ' ' || c == '\t';
 }
 
-static const char *find_secret(const char *text, const SecretCommand **command)
+static bool is_name_start(char c)
 {
-    for (const char *at = strchr(text, '+'); at; at = strchr(at + 1, '+')) {
-        *command = secret_at(at);
-        if (*command)
-            return at;
-    }
-    return nullptr;
+    return c == '+' || c == '$';
 }
 
-// Masks the parameters that start at `text`; returns where they end.
-static char *mask_parameters(char *text, int first_secret)
+static void end_name(SecretScan *scan, bool answer)
 {
-    int parameter = 0;
-    bool quoted = false;
-    for (; *text && *text != '\r' && *text != '\n'; text++) {
-        if (*text == '"')
-            quoted = !quoted;
-        else if (*text == ',' && !quoted)
-            parameter++;
-        else if (*text == ';' && !quoted)
-            break;
-        else if (parameter >= first_secret)
-            *text = '*';
+    for (const SecretCommand &command : SECRET_COMMANDS) {
+        if (strlen(command.name) != scan->name_length || memcmp(command.name, scan->name, scan->name_length) != 0 ||
+            (answer && !command.in_answers))
+            continue;
+        scan->inside = true;
+        scan->answer = answer;
+        scan->quoted = false;
+        scan->to_come = command.shown;
     }
-    return text;
+    scan->name_length = 0;
 }
 
-Masked::Masked(const char *original) : text(original), copy(nullptr)
+static void take_name(SecretScan *scan, char c)
 {
-    const SecretCommand *command;
-    if (!find_secret(original, &command))
+    if (is_name_start(c)) {
+        scan->name[0] = c;
+        scan->name_length = 1;
+    } else if (scan->name_length == 0 || is_blank(c)) {
         return;
-    copy = strdup(original);
-    text = copy ? copy : "(masked)";
-    char *rest = copy;
-    while (rest && (rest = const_cast<char *>(find_secret(rest, &command))))
-        rest = mask_parameters(rest + strlen(command->name), command->first_secret);
+    } else if (c == '=' || c == ':') {
+        end_name(scan, c == ':');
+    } else if (scan->name_length < sizeof scan->name) {
+        scan->name[scan->name_length++] = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    } else {
+        scan->name_length = 0;
+    }
+}
+
+// Moves on by one character; true when it belongs to a secret.
+static bool is_secret(SecretScan *scan, char c)
+{
+    if (!scan->inside) {
+        take_name(scan, c);
+        return false;
+    }
+    if (c == '\r' || c == '\n' || (c == ';' && !scan->quoted)) {
+        scan->inside = false;
+    } else if (c == '"') {
+        scan->quoted = !scan->quoted;
+    } else if (c == ',' && !scan->quoted) {
+        scan->to_come -= scan->to_come > 0;
+    } else {
+        return scan->to_come == 0 && (scan->quoted || !is_blank(c));
+    }
+    return false;
+}
+
+static char *copy_of(std::string_view text)
+{
+    char *copy = static_cast<char *>(malloc(text.size() + 1));
+    if (copy) {
+        memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+    }
+    return copy;
+}
+
+Masked::Masked(std::string_view original, SecretScan *scan)
+    : text(original.data()), length(static_cast<int>(original.size())), copy(nullptr)
+{
+    static constexpr std::string_view NO_MEMORY = "(masked)";
+    SecretScan own = {};
+    if (!scan)
+        scan = &own;
+    for (size_t at = 0; at < original.size(); at++) {
+        if (!is_secret(scan, original[at]))
+            continue;
+        if (text == original.data()) {
+            copy = copy_of(original);
+            text = copy ? copy : NO_MEMORY.data();
+            length = copy ? length : static_cast<int>(NO_MEMORY.size());
+        }
+        if (copy)
+            copy[at] = '*';
+    }
 }
 
 Masked::~Masked()

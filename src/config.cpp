@@ -12,6 +12,7 @@
 
 #include <cjson/cJSON.h>
 
+#include "at_mask.h"
 #include "log.h"
 #include "port.h"
 
@@ -56,7 +57,7 @@ int read_json(const char *path)
     }
     json_g = cJSON_ParseWithLength(text, length);
     if (!json_g && cJSON_GetErrorPtr())
-        log_error("error before: %s", cJSON_GetErrorPtr());
+        log_error("error before: %s", Masked(cJSON_GetErrorPtr()).text);
     free(text);
     return json_g ? 0 : -1;
 }

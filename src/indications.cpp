@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "at_mask.h"
 #include "at_text.h"
 #include "log.h"
 #include "message_decode.h"
@@ -167,7 +168,8 @@ static constexpr Indication indications[] = {
 
 static void information_line(Block *block, std::string_view line)
 {
-    log_info("token: %.*s", static_cast<int>(line.size()), line.data());
+    Masked shown(line);
+    log_info("token: %.*s", shown.length, shown.text);
     block->expectation = Expectation::none;
     for (const Indication &indication : indications) {
         if (!line.starts_with(indication.prefix))

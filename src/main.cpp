@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
@@ -69,6 +70,11 @@ static int initialize()
     result |= load_pre_execute();
     if (result)
         return result;
+    if (!claim_port(&settings_g)) {
+        log_error("another process has the port %s", settings_g.port);
+        fprintf(stderr, "celmuxd: another process has the port %s\n", settings_g.port);
+        exit(1);
+    }
     probe_modem_info();
     start_message_store();
     return 0;
@@ -121,8 +127,25 @@ static void join_workers()
     }
 }
 
-int main()
+// The daemon takes no arguments: one that is started by mistake would be a second one.
+static int answer_arguments(const char *argument)
 {
+    constexpr char USAGE[] = "Usage: celmuxd [--help | --version]\n"
+                             "Owns the modem's AT port and serves the bus object celmux, in the foreground, until SIGTERM.\n"
+                             "Its settings are in /etc/ril.json; everything else is asked of it with ubus or celmux.\n";
+    if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0)
+        return fputs(USAGE, stdout) < 0;
+    if (strcmp(argument, "--version") == 0)
+        return puts("celmuxd " CELMUX_VERSION) < 0;
+    fprintf(stderr, "celmuxd: there is no argument %s\n%s", argument, USAGE);
+    return 1;
+}
+
+int main(int argc, char **argv)
+{
+    if (argc > 1)
+        return answer_arguments(argv[1]);
+    open_log();
     sigset_t signals = stop_signals();
     celmuxd_wanmd_socket_init();
     if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {

@@ -233,7 +233,8 @@ static int append_to_file(const char *path, MessageArray *array)
 static int write_whole_file(const char *path, const MessageArray *array, FileIdentity *identity)
 {
     RecordWriter writer;
-    writer.fd = file_open(path, O_WRONLY | O_CREAT | O_TRUNC);
+    (void)file_unlink(path); // left by a power cut, or a link that somebody put there
+    writer.fd = file_open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
     if (writer.fd < 0) {
         print_out(OPEN_FAILED, errno, strerror(errno));
         return -1;
@@ -265,7 +266,7 @@ static int replace_file(const char *path, MessageArray *array)
     }
     array->file.current = false;
     if (write_whole_file(temporary, array, &identity) != 0) {
-        (void)file_unlink(temporary); // the next save truncates it anyway
+        (void)file_unlink(temporary); // the next save does so anyway
         return -1;
     }
     if (file_rename(temporary, path) < 0) {

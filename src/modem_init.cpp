@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "at_mask.h"
 #include "at_misc.h"
 #include "at_packet.h"
 #include "at_rat.h"
@@ -173,15 +174,16 @@ int set_modem()
 
 static bool pre_execute(const char *command)
 {
-    CELMUX_LOG(LOG_INFO, "pre execute \"%s\"", "handle_pre_execute_cmds", command);
+    Masked shown(command);
+    CELMUX_LOG(LOG_INFO, "pre execute \"%s\"", "handle_pre_execute_cmds", shown.text);
     for (int i = 0; i < TRIES && running.load(); i++) {
         AtAnswer answer;
         const int code = request(command, &answer.text, nullptr, 1, AT_TIMEOUT_MS);
         if (code == 0 && answer.text)
-            CELMUX_LOG(LOG_INFO, "Result: %s", "handle_pre_execute_cmds", answer.text);
+            CELMUX_LOG(LOG_INFO, "Result: %s", "handle_pre_execute_cmds", Masked(answer.text).text);
         if (code == 0 && at_classify(answer.text, nullptr) == RESULT_OK)
             return true;
-        CELMUX_LOG(LOG_INFO, "execute %s failed", "handle_pre_execute_cmds", command);
+        CELMUX_LOG(LOG_INFO, "execute %s failed", "handle_pre_execute_cmds", shown.text);
     }
     return false;
 }

@@ -134,15 +134,14 @@ static void *take_for(const Ring &ring, uint32_t timeout_ms, bool end_when_woken
         if (element)
             return element;
         int64_t left = deadline - monotonic_ms();
-        if (left <= 0)
+        // Between the reading of the event and the sleep: a stop that moved the event before it was read would be missed.
+        if (left <= 0 || running.load() == 0)
             return nullptr;
         ring.event_waiters->fetch_add(1);
         wait_word(ring.event, seen, static_cast<uint32_t>(left));
         ring.event_waiters->fetch_sub(1);
         if (end_when_woken && ring.event->load() != seen)
             return try_take(ring);
-        if (running.load() == 0)
-            return nullptr;
     }
 }
 

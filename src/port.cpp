@@ -1,11 +1,15 @@
 #include "port.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/sysmacros.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -20,12 +24,79 @@
 #define CMSPAR 010000000000
 #endif
 
+// What the two threads opened last, or main for the reader. They may be closed since.
+static std::atomic<int> reader_fd{-1}, writer_fd{-1};
+static std::atomic<int> claimed_fd{-1}; // opened by claim_port, for the reader's first open
+static std::atomic<uint8_t> claim_kept{0};
+
+// A pseudo-terminal keeps the mark when all its users are gone, also killed ones, and then only root can open it: it has
+// to do with the lock of the file.
+static bool is_pseudo_terminal(int fd)
+{
+    constexpr unsigned FIRST_MAJOR = 136, LAST_MAJOR = 143;
+    struct stat status;
+    return fstat(fd, &status) == 0 && major(status.st_rdev) >= FIRST_MAJOR && major(status.st_rdev) <= LAST_MAJOR;
+}
+
+static void mark_exclusive(bool exclusive)
+{
+    for (int fd : {reader_fd.load(), writer_fd.load()}) {
+        if (fd != -1 && !is_pseudo_terminal(fd))
+            (void)ioctl(fd, exclusive ? TIOCEXCL : TIOCNXCL); // what is no terminal has the lock of the file
+    }
+}
+
+// Held by the reader's descriptor alone: it is the process's for as long as that is open.
+static bool lock_port(int fd)
+{
+    return flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+static int open_and_lock(const Settings *settings, int flags)
+{
+    const bool reads = (flags & O_ACCMODE) == O_RDONLY;
+    mark_exclusive(false); // our other descriptor's mark would keep us out too
+    int fd = open(settings->port, flags | O_CLOEXEC | (settings->port_type == PORT_SERIAL ? O_NOCTTY : 0));
+    if (fd != -1 && reads && !lock_port(fd)) {
+        close(fd);
+        fd = -1;
+        errno = EBUSY;
+    }
+    int error = errno;
+    if (fd != -1)
+        (reads ? reader_fd : writer_fd).store(fd);
+    mark_exclusive(true);
+    errno = error;
+    return fd;
+}
+
+bool claim_port(const Settings *settings)
+{
+    int fd = open_and_lock(settings, O_RDONLY | O_NONBLOCK); // a terminal without a carrier would keep us waiting
+    if (fd == -1)
+        return errno != EBUSY; // the threads tell what is wrong with it
+    termios line;
+    if (settings->port_type == PORT_SERIAL && tcgetattr(fd, &line) == 0) {
+        line.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON); // the modem would get back what it says until then
+        (void)tcsetattr(fd, TCSANOW, &line);
+    }
+    (void)fcntl(fd, F_SETFL, O_RDONLY);
+    claimed_fd.store(fd);
+    claim_kept.store(1);
+    return true;
+}
+
+void leave_claim_to_parent()
+{
+    int fd = claimed_fd.exchange(-1);
+    if (fd != -1)
+        close(fd);
+}
+
 int open_port(const Settings *settings, int flags)
 {
-    flags |= O_CLOEXEC;
-    if (settings->port_type == PORT_SERIAL)
-        flags |= O_NOCTTY;
-    return open(settings->port, flags);
+    int fd = (flags & O_ACCMODE) == O_RDONLY ? claimed_fd.exchange(-1) : -1;
+    return fd != -1 ? fd : open_and_lock(settings, flags);
 }
 
 int open_configured_port(const Settings *settings, int flags, const char *thread)
@@ -49,7 +120,18 @@ int open_configured_port(const Settings *settings, int flags, const char *thread
 // Errors of a device that is going away or not there yet.
 static bool device_absent(int error)
 {
-    return error == ENOENT || error == ENXIO || error == ENODEV || error == EIO || error == EAGAIN;
+    return error == ENOENT || error == ENXIO || error == ENODEV || error == EIO || error == EAGAIN || error == EBUSY;
+}
+
+// Only the reader's descriptor holds the lock, so the writer comes second. False when the daemon stops.
+static bool let_reader_lock(const char *path)
+{
+    constexpr uint32_t LOOK_MS = 100;
+    while (claim_kept.load() && file_exists(path) && !port_is_same(reader_fd.load(), path)) {
+        if (!sleep_while_running(LOOK_MS))
+            return false;
+    }
+    return true;
 }
 
 int reopen_lost_port(const Settings *settings, int flags, const char *thread)
@@ -61,6 +143,8 @@ int reopen_lost_port(const Settings *settings, int flags, const char *thread)
             if (!sleep_while_running(LOOK_MS))
                 return -1;
         } while (!file_exists(settings->port));
+        if ((flags & O_ACCMODE) == O_WRONLY && !let_reader_lock(settings->port))
+            return -1;
         if ((flags & O_ACCMODE) == O_RDONLY)
             CELMUX_LOG(LOG_INFO, "Reopen Serial port(%s) again!\n", thread, settings->port);
         int fd = open_configured_port(settings, flags, thread);

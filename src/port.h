@@ -6,8 +6,14 @@
 
 struct Settings;
 
+// Takes the port for this process, before anything is sent: an exclusive flock(2) on it and, on a terminal that is not a pseudo-terminal,
+// TIOCEXCL. False when another process has it. True also when it cannot be opened, which the threads find out for themselves. Called by
+// main before there are threads; the first open_port for reading returns the descriptor that holds the lock.
+bool claim_port(const Settings *settings);
+// For a child that is forked while main still has that descriptor: closes it there, so that it does not outlive the daemon.
+void leave_claim_to_parent();
 // Opens the configured port with `flags` (O_RDONLY or O_WRONLY; O_NOCTTY is added for a serial port, O_CLOEXEC always).
-// A descriptor, or -1 with errno set.
+// For reading the port is locked, EBUSY when another process has it. A descriptor, or -1 with errno set.
 int open_port(const Settings *settings, int flags);
 // Sets the line: raw, speed, framing, parity, flow control, VMIN = VTIME = 0 (POSIX termios). 0, or -1 after a log line
 // (without one for fd -1).
@@ -16,7 +22,7 @@ int config_serial_port(int fd, const Settings *settings);
 // with errno set (0 when the line could not be configured).
 int open_configured_port(const Settings *settings, int flags, const char *thread);
 // The port is lost: logs it under `thread`, looks every 2 s whether the path is back, and opens it anew. An open that fails because the
-// device went away again goes on waiting. A descriptor, or -1 when the daemon stops or the port cannot be opened.
+// device went away again, or because another process has it, goes on waiting. The writer lets the reader, who locks the port, be first. A descriptor, or -1 when the daemon stops or the port cannot be opened.
 int reopen_lost_port(const Settings *settings, int flags, const char *thread);
 // Does `path` still lead to the very device or file that `fd` has open?
 bool port_is_same(int fd, const char *path);

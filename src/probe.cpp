@@ -126,6 +126,7 @@ static pid_t start_child(void (*body)(const char *device, int pipe_end), const c
     if (child != 0)
         return child;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    leave_claim_to_parent(); // one that is stuck in the driver would keep the next daemon out
     close(other_end);
     body(device, pipe_end);
     _exit(0);

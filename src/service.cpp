@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -14,8 +15,6 @@ extern "C" {
 
 #include "message_store.h"
 #include "method_table.h"
-#include "port.h"
-#include "shell.h"
 #include "uci_access.h"
 #include "waiting.h"
 #include "wanmd.h"
@@ -161,13 +160,24 @@ static void describe_object()
     celmux_object.n_methods = static_cast<int>(METHOD_COUNT);
 }
 
+// The folder is everybody's: what stands there already, a link too, is left as it is.
+static bool mark_first_start()
+{
+    int fd = open(FIRST_START_MARKER, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    int error = errno;
+    if (fd != -1)
+        close(fd);
+    else if (error != EEXIST)
+        log_error("cannot write %s, errno: %d", FIRST_START_MARKER, error);
+    return fd != -1 || error != EEXIST;
+}
+
 // The first start since boot leaves the connection down where the owner switched autoconnect off.
 static void first_start()
 {
     uint8_t autoconnect = 1;
-    if (uci_get_autoconnect(&autoconnect) != 0 || file_exists(FIRST_START_MARKER))
+    if (uci_get_autoconnect(&autoconnect) != 0 || !mark_first_start())
         return;
-    (void)run_shell_format("touch %s", FIRST_START_MARKER);
     if (!autoconnect)
         wanmd_control(0);
 }

@@ -242,6 +242,20 @@ bool section_rename(uci_loaded_package &p, uci_section &s, std::string_view name
     return index_insert(p.index, &s.e);
 }
 
+bool section_make_anonymous(uci_section &s)
+{
+    if (s.anonymous)
+        return true;
+    size_t size = strlen(s.e.name) + 1;
+    auto *roomy = static_cast<char *>(malloc(size > anonymous_name_size ? size : anonymous_name_size));
+    if (!roomy)
+        return false;
+    memcpy(roomy, s.e.name, size);
+    replace_name(&s, roomy);
+    s.anonymous = true;
+    return true;
+}
+
 void section_reorder(uci_loaded_package &p, uci_section &s, size_t position)
 {
     list_remove(s.e.list);

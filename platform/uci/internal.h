@@ -61,6 +61,8 @@ uci_section *section_find(const uci_loaded_package &p, std::string_view name);
 uci_section *section_create(uci_loaded_package &p, std::string_view type, std::string_view name, bool anonymous);
 bool section_set_type(uci_section &s, std::string_view type);
 bool section_rename(uci_loaded_package &p, uci_section &s, std::string_view name);
+// The section keeps its name until anonymous sections are numbered.
+bool section_make_anonymous(uci_section &s);
 void section_reorder(uci_loaded_package &p, uci_section &s, size_t position);
 void section_remove(uci_loaded_package &p, uci_section *s);
 // Names all anonymous sections by their order: the same file gives the same names.

@@ -8,10 +8,12 @@
 
 int change_apply(uci_loaded_package &p, const uci_change &change)
 {
+    uci_section *s = section_find(p, change.section);
+    if (change.kind == change_kind::add_section && s) // the line was written by somebody who did not see that section
+        return section_set_type(*s, change.value) && section_make_anonymous(*s) ? UCI_OK : UCI_ERR_MEM;
     if (change.kind == change_kind::add_section)
         return section_create(p, change.value, change.section, true) ? UCI_OK : UCI_ERR_MEM;
 
-    uci_section *s = section_find(p, change.section);
     bool of_section = change.option.empty();
     if (change.kind == change_kind::set && of_section && !s)
         return section_create(p, change.value, change.section, false) ? UCI_OK : UCI_ERR_MEM;

@@ -120,6 +120,8 @@ public:
         if (status->code != 0 || took > stop_limit)
             throw Fault(fmt::format("SIGTERM ended the daemon with status {}, signal {} after {} ms", status->code,
                                     status->signal, took.count()));
+        if (root.syslog().left_behind() != 0)
+            throw Fault("the stop left a thread behind");
         longest_stop = std::max(longest_stop, took);
     }
 

@@ -43,7 +43,6 @@ std::map<std::string, std::vector<std::regex>> formats_of_sources()
     const std::map<std::string, std::string> logs = {
         {"log_error", "system log"},
         {"CELMUX_LOG(LOG_ERR,", "system log"},
-        {"syslog(LOG_ERR,", "system log *"},
         {"log_debug", "system log, debug"},
         {"CELMUX_LOG(LOG_DEBUG,", "system log, debug"},
         {"log_info", "output"},
@@ -52,13 +51,15 @@ std::map<std::string, std::vector<std::regex>> formats_of_sources()
     };
     std::map<std::string, std::vector<std::regex>> formats;
     const std::regex call(
-        R"re((log_error|log_info|log_debug|print_out|(?:CELMUX_LOG|syslog)\(LOG_\w+,)[\s(]*(?:"((?:[^"\\]|\\.)*)"|([A-Z_]+)\b))re");
+        R"re((log_error|log_info|log_debug|print_out|CELMUX_LOG\(LOG_\w+,)[\s(]*(?:"((?:[^"\\]|\\.)*)"|([A-Z_]+)\b))re");
     for (std::sregex_iterator match(text.begin(), text.end(), call), end; match != end; ++match) {
         std::string pattern = pattern_of((*match)[3].matched ? constants[(*match)[3]] : (*match)[2].str());
         if (!pattern.empty())
             formats[logs.at((*match)[1])].emplace_back(pattern);
     }
-    formats["output *"].emplace_back(R"(\(\d+ lines dropped\))"); // the log's own note, written past its functions
+    // The log's own notes, written past its functions.
+    formats["output *"].emplace_back(R"(\(\d+ lines dropped\))");
+    formats["system log *"].emplace_back(R"(\(\d+ messages dropped\))");
     return formats;
 }
 

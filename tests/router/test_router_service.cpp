@@ -88,6 +88,7 @@ TEST_F(ServiceTest, WaitsForThePortServesFromTheRootFolderAndStopsInOrder)
     ASSERT_EQ(init("stop"), 0);
     EXPECT_FALSE(fs::exists("/proc/" + std::to_string(atoi(pid.c_str())) + "/root"));
     EXPECT_NE(root.read_file("/data/in_messages").find("1701234567"), std::string::npos);
+    EXPECT_NE(root.read_file("/tmp/instance.out").find("main thread exit gracefully"), std::string::npos);
 }
 
 TEST_F(ServiceTest, APortThatComesStartsAServiceThatGaveUp)

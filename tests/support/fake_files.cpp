@@ -123,6 +123,10 @@ int file_open(const char *path, int flags)
         errno = ENOENT;
         return -1;
     }
+    if (found != live_folder.end() && (flags & O_EXCL)) {
+        errno = EEXIST;
+        return -1;
+    }
     if (found == live_folder.end())
         found = live_folder.emplace(path, std::make_shared<Inode>(Inode{"", "", ++next_inode})).first;
     if (flags & O_TRUNC)

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -49,6 +50,9 @@ SyslogSink::~SyslogSink()
 {
     (void)close(stop_pipe_[1]);
     collector_.join();
+    if (left_behind_ != 0 && testing::UnitTest::GetInstance()->current_test_info() != nullptr) {
+        ADD_FAILURE() << left_behind_ << " stops left a thread behind";
+    }
     (void)close(stop_pipe_[0]);
     (void)close(socket_);
 }
@@ -66,6 +70,7 @@ void SyslogSink::collect()
         while ((length = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0) {
             std::lock_guard lock(mutex_);
             lines_.emplace_back(buffer.data(), static_cast<size_t>(length));
+            left_behind_ += lines_.back().ends_with("a thread does not end, leaving it behind") ? 1 : 0;
         }
     }
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 
 #include "daemon.h"
 
@@ -130,6 +131,18 @@ TEST(DaemonBus, LosesNothingButTheCallInProgress)
     expect_whole_service(daemon);
 }
 
+// The event loop begins behind the connection.
+static bool is_connected(pid_t pid)
+{
+    std::error_code gone;
+    for (const auto &fd : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone)) {
+        if (std::filesystem::read_symlink(fd, gone) == "anon_inode:[eventpoll]") {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Nobody looks at the connection while the modem is being initialised.
 TEST(DaemonBus, ComesToABrokerThatRestartedBeforeItsRegistration)
 {
@@ -138,7 +151,7 @@ TEST(DaemonBus, ComesToABrokerThatRestartedBeforeItsRegistration)
     options.modem.latency_ms = 20;
     options.wait_until_ready = false;
     Daemon daemon(root, options);
-    ASSERT_TRUE(wait_for([&] { return daemon.modem().record().find("AT+CGMI?") != std::string::npos; }));
+    ASSERT_TRUE(wait_for([&] { return is_connected(daemon.celmuxd().pid()); }));
     daemon.stop_broker();
     ASSERT_TRUE(wait_for([&] { return daemon.modem().record().find("AT+COPS=?") != std::string::npos; }));
     ASSERT_TRUE(wait_for([&] { return root.syslog().contains("connection to ubus lost"); }));

@@ -144,12 +144,47 @@ TEST(DaemonStart, FirstStartSinceBoot)
         }
         EXPECT_EQ(daemon.modem().record().find("AT+CFUN=1") != std::string::npos, row.radio_on);
         ASSERT_TRUE(wait_for([&] { return daemon.call("get_imei").result() == 0; })); // the network scan is over
-        daemon.start_again();
-        EXPECT_EQ(count_of(root.read_file("/tmp/calls.log"), stop_call), row.stops ? 1U : 0U);
-        if (row.marker_before) {
-            EXPECT_EQ(root.read_file(marker), "as it was");
+        if (row.marker_before) { // as a link it counts too, and is not followed
+            root.remove(marker);
+            std::filesystem::create_symlink(root.path("/tmp/elsewhere"), root.path(marker));
         }
+        daemon.start_again();
+        EXPECT_FALSE(root.exists("/tmp/elsewhere"));
+        EXPECT_EQ(count_of(root.read_file("/tmp/calls.log"), stop_call), row.stops ? 1U : 0U);
     }
+}
+
+// Two daemons at one port would take answers and messages from each other.
+TEST(DaemonStart, ASecondOneOrAnArgumentEndsAtOnce)
+{
+    PrivateRoot root;
+    Daemon daemon(root);
+    ASSERT_TRUE(daemon.wait_until_calm());
+    const struct {
+        std::vector<std::string> command;
+        int status;
+        const char *output, *errors;
+    } rows[] = {
+        {{"celmuxd"}, 1, "", "celmuxd: another process has the port /dev/ttyMODEM\n"},
+        {{"celmuxd", "--help"}, 0, "Usage: celmuxd", ""},
+        {{"celmuxd", "--version"}, 0, "celmuxd 1.", ""},
+        {{"celmuxd", "-d"}, 1, "", "celmuxd: there is no argument -d\n"},
+    };
+    std::string record = daemon.modem().record();
+    for (const auto &row : rows) {
+        Process second = root.start(row.command);
+        std::optional<ExitStatus> status = second.wait_exit();
+        ASSERT_TRUE(status.has_value());
+        EXPECT_EQ(status->code, row.status);
+        EXPECT_THAT(second.output(), HasSubstr(row.output));
+        EXPECT_THAT(second.errors(), testing::StartsWith(row.errors));
+    }
+    EXPECT_EQ(daemon.modem().record(), record);
+    EXPECT_EQ(daemon.call("get_imei").result(), 0);
+    daemon.celmuxd().signal(SIGKILL);
+    (void)daemon.celmuxd().wait_exit();
+    daemon.start_again();
+    EXPECT_TRUE(wait_for([&] { return daemon.call("get_imei").result() == 0; }));
 }
 
 // The commands that the modem got, in order: the record's lines without time and number. The escape that leaves a prompt

@@ -145,6 +145,12 @@ TEST(Masked, HidesSecretsAndNothingElse)
         {"AT+CLCK=\"SC\",1,\"12,4\"\r", "AT+CLCK=\"SC\",1,\"****\"\r"},
         {"AT+CPWD=\"SC\",\"1234\",\"5678\"\r", "AT+CPWD=\"SC\",\"****\",\"****\"\r"},
         {"AT+CGAUTH=1,2,\"user\",\"pass\"\r\r\nOK\r\n", "AT+CGAUTH=1,2,\"user\",\"****\"\r\r\nOK\r\n"},
+        {"+CGAUTH: 1,1,\"probe\",\"pro;be\"\r\n+CGAUTH: 0,0,\"\",\"\"\r\n",
+         "+CGAUTH: 1,1,\"probe\",\"******\"\r\n+CGAUTH: 0,0,\"\",\"\"\r\n"},
+        {"AT$QCPDPP=1,2,\"pass\",\"user\"\r", "AT$QCPDPP=1,2,\"****\",\"****\"\r"},
+        {"$QCPDPP: 1,2,\"pass\"", "$QCPDPP: 1,2,\"****\""},
+        {"AT+CPIN = \"4321\"\r", "AT+CPIN = \"****\"\r"},
+        {"at + c pin\t=4321\r", "at + c pin\t=****\r"},
         {"AT+CMEE=1;+CPIN=\"1\";+CSQ", "AT+CMEE=1;+CPIN=\"*\";+CSQ"},
         {"AT+CPIN?\r", "AT+CPIN?\r"},
         {"+CPIN: READY", "+CPIN: READY"},
@@ -153,6 +159,20 @@ TEST(Masked, HidesSecretsAndNothingElse)
     };
     for (const auto &row : rows)
         EXPECT_STREQ(Masked(row.text).text, row.shown);
+    EXPECT_EQ(Masked(std::string_view("+CPIN=12").substr(0, 7)).length, 7);
+}
+
+// However a read cuts it.
+TEST(Masked, GoesOnInTheNextPiece)
+{
+    const std::string text = "AT+CPIN=\"4321\"\r\r\nOK\r\n1234";
+    for (size_t cut = 0; cut <= text.size(); cut++) {
+        SecretScan scan = {};
+        std::string shown = Masked(std::string_view(text).substr(0, cut), &scan).text;
+        shown.resize(std::min(shown.size(), cut));
+        std::string rest = text.substr(cut);
+        EXPECT_EQ(shown + Masked(rest, &scan).text, "AT+CPIN=\"****\"\r\r\nOK\r\n1234") << cut;
+    }
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,6 +93,17 @@ TEST_F(MessageDisk, AFullDiskLeavesTheOldFile)
     ASSERT_EQ(save(), 0);
     EXPECT_TRUE(messages_on_disk());
     EXPECT_GT(status().st_size, size);
+}
+
+TEST_F(MessageDisk, FollowsNoLinkOfItsTemporaryFile)
+{
+    std::string other = folder + "/other";
+    std::ofstream(other) << "kept";
+    fs::create_symlink(other, path + ".tmp");
+    add({.sender = "1"});
+    ASSERT_EQ(save(), 0);
+    EXPECT_EQ(fs::file_size(other), 4u);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
 }
 
 TEST_F(MessageDisk, WhatIsNoFile)

@@ -361,10 +361,11 @@ protected:
 
 TEST_F(PreExecute, OnlyWhatFailedIsRepeated)
 {
-    list({"AT+ONE", "AT+TWO", "", "AT+THREE"});
+    list({"AT+ONE", "AT+TWO", "", "AT+CPIN = 4321"});
     answers["AT+TWO"] = "\r\nOK\r\n+CME ERROR: 3\r\n";
     EXPECT_EQ(handle_pre_execute_cmds(), -1);
-    EXPECT_EQ(events, (Strings{"AT+ONE", "AT+TWO", "AT+TWO", "AT+TWO", "AT+THREE"}));
+    EXPECT_EQ(events, (Strings{"AT+ONE", "AT+TWO", "AT+TWO", "AT+TWO", "AT+CPIN = 4321"}));
+    EXPECT_EQ(log_count("4321"), 0);
     EXPECT_EQ(log_count("pre execute \"AT+ONE\"", LOG_INFO), 1);
     EXPECT_EQ(log_count("execute AT+TWO failed", LOG_INFO), 3);
     events.clear();

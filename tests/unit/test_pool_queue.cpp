@@ -214,6 +214,9 @@ TEST(Waiting, StoppingEndsEverySleep)
     stop_all();
     for (std::thread *thread : {&sleeper, &popper, &allocator, &waiter})
         thread->join();
+    // Whoever was on the way to sleep when the stop came has missed the wake-up.
+    EXPECT_EQ(pool_queue_pop_for(&incomming_sms_queue, 60000), nullptr);
+    EXPECT_EQ(pool_queue_alloc_for(&at_tx_queue, 60000), nullptr);
     pool_queue_release(&at_tx_queue, held);
     running.store(1);
 }
