@@ -1,8 +1,10 @@
 #include "message_merge.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
+#include "at_text.h"
 #include "log.h"
 #include "message_store.h"
 #include "shell.h"
@@ -26,26 +28,24 @@ static MessageFields fields_of(const DecodedMessage *message)
 }
 
 // Equal but for what a client changed?
-static bool same_message(const StoredMessage *stored, StoredMessage *message)
+static bool same_message(const StoredMessage *stored, const StoredMessage *message)
 {
-    if (stored->size != message->size)
-        return false;
-    record_of(message)[RECORD_READ] = record_of(stored)[RECORD_READ];
-    bool same = memcmp(record_of(stored), record_of(message), message->size) == 0;
-    record_of(message)[RECORD_READ] = 0;
-    return same;
+    constexpr size_t BEHIND_READ = RECORD_READ + 1;
+    return stored->size == message->size && memcmp(record_of(stored), record_of(message), RECORD_READ) == 0 &&
+           memcmp(record_of(stored) + BEHIND_READ, record_of(message) + BEHIND_READ, message->size - BEHIND_READ) == 0;
 }
 
-static AddResult add_single(StoredMessage *message)
+// Takes the message over.
+static AddResult add_single(MessageArray *array, StoredMessage *message)
 {
-    for (uint32_t i = 0; i < message_array.count; i++) {
-        if (!same_message(message_array.items[i], message))
+    for (uint32_t i = 0; i < array->count; i++) {
+        if (!same_message(array->items[i], message))
             continue;
         print_out("abandon duplicate message\n");
         free(message);
         return AddResult::duplicate;
     }
-    if (array_append(&message_array, message) == 0)
+    if (array_append(array, message) == 0)
         return AddResult::added;
     free(message);
     return AddResult::refused;
@@ -59,15 +59,18 @@ static bool belongs_to(const MessageFields &stored, const MessageFields &part)
            stored.sender == part.sender;
 }
 
-static bool has_part(const StoredMessage *message, uint8_t index)
+// The content of a part; null when the message does not hold it.
+static const uint8_t *find_part(const StoredMessage *message, uint8_t index, std::span<const uint8_t> *content)
 {
     PartWalk walk = parts_of(message);
     MessagePart part;
     while (next_part(&walk, &part)) {
-        if (part.index == index)
-            return true;
+        if (part.index == index) {
+            *content = part.content;
+            return part.content.data();
+        }
     }
-    return false;
+    return nullptr;
 }
 
 static bool all_parts_present(const StoredMessage *message, uint8_t total)
@@ -80,24 +83,69 @@ static bool all_parts_present(const StoredMessage *message, uint8_t total)
     return sum == static_cast<uint16_t>(total * (total + 1) / 2);
 }
 
-static AddResult join_part(uint32_t position, const MessageFields &fields, const MessagePart &part)
+static AddResult join_part(MessageArray *array, uint32_t position, const MessageFields &fields, const MessagePart &part)
 {
-    const StoredMessage *stored = message_array.items[position];
-    if (has_part(stored, part.index)) {
-        print_out("abandon duplicate message part\n");
-        return AddResult::added;
-    }
-    if (message_array.bytes + PART_HEADER_SIZE + part.content.size() > MOST_MESSAGE_BYTES)
+    if (array->bytes + PART_HEADER_SIZE + part.content.size() > MOST_MESSAGE_BYTES)
         return AddResult::refused;
-    StoredMessage *joined = message_with_part(stored, part);
+    StoredMessage *joined = message_with_part(array->items[position], part);
     if (!joined) {
         print_out("create part info object failed\n");
         return AddResult::refused;
     }
     if (all_parts_present(joined, fields.total))
         joined->all_parts_present = 1;
-    array_replace(&message_array, position, joined);
+    array_replace(array, position, joined);
     return AddResult::added;
+}
+
+// Seconds of a day; 0 for what is no "HH:MM:SS".
+static int32_t seconds_of(std::string_view time)
+{
+    if (time.size() < STAMP_SIZE - 1)
+        return 0;
+    return leading_int(time) * 3600 + leading_int(time.substr(3)) * 60 + leading_int(time.substr(6));
+}
+
+// A stored message that an arriving part may belong to.
+struct Candidate {
+    bool found;
+    uint32_t position;
+    int32_t distance; // s between the time stamps
+};
+
+static void consider(Candidate *best, uint32_t position, int32_t distance)
+{
+    if (!best->found || distance <= best->distance) // of equal ones the latest
+        *best = {true, position, distance};
+}
+
+// Some services send every long message with the same reference: the stored part tells a repetition (same bytes) from
+// the next message (other bytes). Where both are possible, or several messages lack the part, the time stamps decide.
+static AddResult add_part(MessageArray *array, const MessageFields &fields, const MessagePart &part)
+{
+    Candidate lacking = {}, repeated = {};
+    for (uint32_t i = 0; i < array->count; i++) {
+        MessageFields stored = message_fields(array->items[i]);
+        if (!belongs_to(stored, fields))
+            continue;
+        std::span<const uint8_t> content;
+        int32_t distance = abs(seconds_of(stored.time) - seconds_of(fields.time));
+        if (!find_part(array->items[i], part.index, &content))
+            consider(&lacking, i, distance);
+        else if (std::ranges::equal(content, part.content))
+            consider(&repeated, i, distance);
+    }
+    if (repeated.found && (!lacking.found || repeated.distance < lacking.distance)) {
+        print_out("abandon duplicate message part\n");
+        return AddResult::added;
+    }
+    if (lacking.found)
+        return join_part(array, lacking.position, fields, part);
+    StoredMessage *created = message_new(fields, {&part, 1});
+    if (created && array_append(array, created) == 0)
+        return AddResult::added;
+    free(created);
+    return AddResult::refused;
 }
 
 AddResult add_message(const DecodedMessage *message)
@@ -107,19 +155,62 @@ AddResult add_message(const DecodedMessage *message)
     MessageArrayLock lock;
     if (!message_array.present)
         return AddResult::refused;
-    for (uint32_t i = 0; fields.is_long && i < message_array.count; i++) {
-        if (belongs_to(message_fields(message_array.items[i]), fields))
-            return join_part(i, fields, part);
-    }
+    if (fields.is_long)
+        return add_part(&message_array, fields, part);
     StoredMessage *created = message_new(fields, {&part, 1});
-    if (!created)
-        return AddResult::refused;
-    if (!fields.is_long)
-        return add_single(created);
-    if (array_append(&message_array, created) == 0)
-        return AddResult::added;
-    free(created);
-    return AddResult::refused;
+    return created ? add_single(&message_array, created) : AddResult::refused;
+}
+
+static bool merge_long(MessageArray *array, const StoredMessage *message)
+{
+    MessageFields fields = message_fields(message);
+    PartWalk walk = parts_of(message);
+    MessagePart part;
+    while (next_part(&walk, &part)) {
+        if (add_part(array, fields, part) == AddResult::refused)
+            return false;
+    }
+    return true;
+}
+
+bool merge_stored(MessageArray *array, const StoredMessage *message)
+{
+    MessageFields fields = message_fields(message);
+    if (fields.is_long)
+        return merge_long(array, message);
+    for (uint32_t i = 0; i < array->count; i++) {
+        if (same_message(array->items[i], message)) {
+            record_of(array->items[i])[RECORD_READ] |= record_of(message)[RECORD_READ];
+            return true;
+        }
+    }
+    StoredMessage *copy = message_copy(message);
+    if (copy && array_append(array, copy) == 0)
+        return true;
+    free(copy);
+    return false;
+}
+
+bool message_is_stored(const DecodedMessage *message)
+{
+    MessageFields fields = fields_of(message);
+    MessagePart part = {message->index, {user_data_of(message), message->length}};
+    StoredMessage *wanted = message_new(fields, {&part, 1});
+    if (!wanted)
+        return true; // not known: the careful answer
+    MessageArrayLock lock;
+    bool found = false;
+    for (uint32_t i = 0; i < message_array.count && !found; i++) {
+        const StoredMessage *stored = message_array.items[i];
+        std::span<const uint8_t> content;
+        if (fields.is_long)
+            found = belongs_to(message_fields(stored), fields) && find_part(stored, part.index, &content) &&
+                    std::ranges::equal(content, part.content);
+        else
+            found = same_message(stored, wanted);
+    }
+    free(wanted);
+    return found;
 }
 
 void set_message_unread()

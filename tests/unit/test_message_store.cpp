@@ -77,7 +77,7 @@ TEST_F(MessageStore, JoinsThePartsInAnyOrder)
         for (int index : order) {
             EXPECT_EQ(add({.text = texts[index], .index = index, .total = 3, .time = std::to_string(index)}),
                       AddResult::added);
-            EXPECT_EQ(add({.text = "again", .index = index, .total = 3}), AddResult::added);
+            EXPECT_EQ(add({.text = texts[index], .index = index, .total = 3}), AddResult::added);
             EXPECT_EQ(add({.text = "other", .sender = "9", .index = index, .total = 3}), AddResult::added);
         }
         EXPECT_EQ(log_count("abandon duplicate message part", -1), 3);
@@ -91,6 +91,52 @@ TEST_F(MessageStore, JoinsThePartsInAnyOrder)
         bytes.pop_back();
         EXPECT_NE(reply.find("\"message\":[" + bytes + "]"), std::string::npos) << reply;
     } while (std::next_permutation(std::begin(order), std::end(order)));
+}
+
+TEST_F(MessageStore, TellsARepetitionFromTheNextMessageOfAConstantReference)
+{
+    struct Part {
+        int index;
+        const char *text, *time;
+    };
+    struct Row {
+        const char *what;
+        std::vector<Part> parts;
+        Lines messages;
+    } rows[] = {
+        {"one after the other",
+         {{1, "a", "09:00:00"}, {2, "b", "09:00:01"}, {1, "c", "10:00:00"}, {2, "d", "10:00:01"}},
+         {"1=a 2=b +", "1=c 2=d +"}},
+        {"repeated by the network",
+         {{1, "a", "09:00:00"}, {2, "b", "09:00:01"}, {2, "b", "09:00:01"}, {1, "a", "09:00:00"}},
+         {"1=a 2=b +"}},
+        {"the same ending",
+         {{1, "a", "09:00:00"}, {2, "z", "09:00:01"}, {1, "c", "10:00:00"}, {2, "z", "10:00:01"}},
+         {"1=a 2=z +", "1=c 2=z +"}},
+        {"the same ending, repeated while the next one comes",
+         {{1, "a", "09:00:00"}, {2, "z", "09:00:01"}, {1, "c", "10:00:00"}, {2, "z", "09:00:01"}, {2, "d", "10:00:02"}},
+         {"1=a 2=z +", "1=c 2=d +"}},
+        {"mixed",
+         {{1, "a", "09:00:00"}, {1, "c", "10:00:00"}, {2, "b", "09:00:02"}, {2, "d", "10:00:01"}},
+         {"1=a 2=b +", "1=c 2=d +"}},
+        {"within a second",
+         {{1, "a", "09:00:00"}, {2, "b", "09:00:00"}, {2, "d", "09:00:00"}, {1, "c", "09:00:00"}},
+         {"1=a 2=b +", "1=c 2=d +"}},
+    };
+    for (const Row &row : rows) {
+        SetUp();
+        for (const Part &part : row.parts)
+            EXPECT_EQ(add({.text = part.text, .sender = "s", .index = part.index, .total = 2, .time = part.time}),
+                      AddResult::added);
+        Lines messages;
+        for (std::string line : stored()) {
+            line = line.substr(2);
+            if (line.starts_with("2="))
+                line = line.substr(4, 3) + " " + line.substr(0, 3) + line.substr(7);
+            messages.push_back(line);
+        }
+        EXPECT_EQ(messages, row.messages) << row.what;
+    }
 }
 
 TEST_F(MessageStore, InsertsPartsAtTheirPlace)
