@@ -69,6 +69,13 @@ void array_clear(MessageArray *array)
     array->file.current = false;
 }
 
+void array_free(MessageArray *array)
+{
+    array_clear(array);
+    free(array->items);
+    *array = {};
+}
+
 static int save_locked(const char *path)
 {
     int result = write_message_file(path, &message_array);
@@ -88,6 +95,18 @@ int save_messages(const char *path)
     return save_locked(path);
 }
 
+int retry_messages(const char *path)
+{
+    MessageArrayLock lock;
+    if (message_array.closed)
+        return -1;
+    if (!message_array.present)
+        (void)read_message_file(path, &message_array); // a failure is printed
+    if (message_array.present && (last_save_failed.load() || message_file_appeared(path, &message_array)))
+        (void)save_locked(path); // as above
+    return message_array.present && !last_save_failed.load() ? 0 : -1;
+}
+
 void start_message_store()
 {
     if (load_messages(MESSAGE_FILE) == 1)
@@ -95,7 +114,9 @@ void start_message_store()
     if (!file_present(LEGACY_MESSAGE_FILE))
         return;
     uint32_t before = message_array.count;
+    FileIdentity own = message_array.file.identity;
     int loaded = load_messages(LEGACY_MESSAGE_FILE);
+    message_array.file.identity = own; // the next save replaces that file, not the older one
     bool changed = loaded == 1 || message_array.count != before;
     if (changed && save_messages(MESSAGE_FILE) != 0)
         return;                             // the older file still is the only one that holds these messages
@@ -106,9 +127,8 @@ void save_and_free_messages()
 {
     MessageArrayLock lock;
     (void)save_locked(MESSAGE_FILE); // a failure is printed
-    array_clear(&message_array);
-    free(message_array.items);
-    message_array = {};
+    array_free(&message_array);
+    message_array.closed = true;
 }
 
 void save_messages_for_exit()
@@ -171,6 +191,8 @@ void delete_messages(const int32_t *indexes, uint32_t count)
 void delete_all_messages()
 {
     MessageArrayLock lock;
+    if (!message_array.present)
+        return; // what the file holds is not known
     array_clear(&message_array);
     (void)save_locked(MESSAGE_FILE); // as above
 }

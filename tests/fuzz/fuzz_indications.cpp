@@ -120,6 +120,16 @@ int file_identity(int, FileIdentity *)
     return -1;
 }
 
+int file_identity_of(const char *, FileIdentity *)
+{
+    return -1;
+}
+
+int file_make_folder(const char *)
+{
+    return -1;
+}
+
 int file_close(int)
 {
     return 0;

@@ -314,9 +314,6 @@ TEST_F(MessageStore, TellsWhetherTheSimMayForget)
     add({});
     EXPECT_EQ(save_messages(MESSAGE_FILE), 0);
     EXPECT_TRUE(messages_on_disk());
-    set_message_refused(true);
-    EXPECT_FALSE(messages_on_disk());
-    set_message_refused(false);
     fake_files.fail_at = fake_files.calls + 1;
     fake_files.cut = true;
     add({.sender = "2"});
