@@ -9,8 +9,8 @@
 
 constexpr uint32_t AT_TIMEOUT_MS = 3000;
 
-// A bounded AT command under construction. Whatever does not fit, or would end the command and start another one, makes the
-// whole command invalid: it is then refused by `send_setter`, `send_query` and `at_command_ok`, with one log line.
+// A bounded AT command under construction. Whatever does not fit, or would end the command and start another one, makes
+// the whole command invalid: it is then refused by `send_setter`, `send_query` and `at_command_ok`, with one log line.
 struct AtCommand {
     char text[1400];
     uint16_t length;
@@ -36,12 +36,14 @@ struct AtAnswer {
     AtAnswer(const AtAnswer &) = delete;
     AtAnswer &operator=(const AtAnswer &) = delete;
     ~AtAnswer();
-    std::string_view view() const;         // empty without an answer
-    bool usable() const;                   // there is a text and it does not hold "ERROR": values may be cut from it
+    std::string_view view() const;           // empty without an answer
+    bool usable() const;                     // there is a text and it does not hold "ERROR": values may be cut from it
+    bool has_error(const char *error) const; // "+CME ERROR: 10" is not "+CME ERROR: 100"
 };
 
-// Requests `command` (ending in "\r") and classifies: no answer text or "ERROR" gives RESULT_ERROR, then "OK" RESULT_OK, "NO CARRIER"
-// RESULT_NO_CARRIER, `complete_marker` (null for a setter) RESULT_INCOMPLETE, else RESULT_ERROR; request's -1 gives RESULT_REQUEST_FAILED.
+// Requests `command` (ending in "\r") and classifies: no answer text or "ERROR" gives RESULT_ERROR, then "OK"
+// RESULT_OK, "NO CARRIER" RESULT_NO_CARRIER, `complete_marker` (null for a setter) RESULT_INCOMPLETE, else
+// RESULT_ERROR; request's -1 gives RESULT_REQUEST_FAILED.
 result_t at_exchange(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
                      uint32_t timeout_ms = AT_TIMEOUT_MS);
 // at_exchange for a command that has no value to read. Refused commands give RESULT_ERROR, nothing is sent.
@@ -71,12 +73,13 @@ constexpr std::string_view behind(std::string_view text, size_t count)
 // The text without the blanks, tabs and line ends around it.
 std::string_view trimmed(std::string_view text);
 
-// Takes the next comma-separated field off the front of *rest; false when none is left. "a,,b" has three fields, an empty text one
-// (empty), a null view none.
+// Takes the next comma-separated field off the front of *rest; false when none is left. "a,,b" has three fields, an
+// empty text one (empty), a null view none.
 bool next_field(std::string_view *rest, std::string_view *field);
 // Takes the next line (maximal run without CR and LF) off the front of *rest; false when none is left.
 bool next_line(std::string_view *rest, std::string_view *line);
-// Value of the leading decimal digits (a sign and leading blanks allowed); 0 without any; saturates at the limits of int32.
+// Value of the leading decimal digits (a sign and leading blanks allowed); 0 without any; saturates at the limits of
+// int32.
 int32_t leading_int(std::string_view text);
 // Value of a field of hexadecimal digits (leading blanks allowed); false when there is no digit or more than 64 bits.
 bool parse_hex(std::string_view text, uint64_t *value);

@@ -7,7 +7,6 @@
 #include "at_text.h"
 #include "log.h"
 #include "message_store.h"
-#include "shell.h"
 
 // The fields as a restart would bring them back from the file, so that a message compares equal before and after one.
 static MessageFields fields_of(const DecodedMessage *message)
@@ -213,7 +212,17 @@ bool message_is_stored(const DecodedMessage *message)
     return found;
 }
 
-void set_message_unread()
+AddResult offer_message(const DecodedMessage *message, bool log_refusal)
 {
-    (void)run_shell("uci set modem.state.message_unread=1"); // a router without that section has no such lamp
+    char *text = message_json(message, true);
+    if (text)
+        log_info("%s", text);
+    free(text);
+    AddResult result = add_message(message);
+    if (result == AddResult::refused && log_refusal) {
+        text = message_json(message, false);
+        log_error("Append failed: %s", text ? text : "no memory");
+        free(text);
+    }
+    return result;
 }

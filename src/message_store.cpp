@@ -1,5 +1,5 @@
-// Called on the threads main (start), resp_processor (adding and saving) and ubus_handler (the rest). The mutex is held
-// through a save, so that the file always holds a state that the array had.
+// Called on the threads main (start), requester and resp_processor (adding and saving) and ubus_handler (the rest). The
+// mutex is held through a save, so that the file always holds a state that the array had.
 
 #include "message_store.h"
 
@@ -22,7 +22,6 @@ MessageArray message_array;
 pthread_mutex_t message_array_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 static std::atomic<uint8_t> last_save_failed{0};
-static std::atomic<uint8_t> message_refused{0};
 
 int array_append(MessageArray *array, StoredMessage *message)
 {
@@ -141,12 +140,7 @@ void save_messages_for_exit()
 
 bool messages_on_disk()
 {
-    return !last_save_failed.load() && !message_refused.load();
-}
-
-void set_message_refused(bool refused)
-{
-    message_refused.store(refused);
+    return !last_save_failed.load();
 }
 
 static bool has_index(int32_t index)

@@ -1,5 +1,5 @@
-// The store of received messages: an array in memory that is mirrored in a file. The thread resp_processor adds
-// messages, the bus thread lists, marks and deletes them; both under message_array_mutex.
+// The store of received messages: an array in memory that is mirrored in a file. The requester, and now and then the
+// response processor, add messages, the bus thread lists, marks and deletes them; all under message_array_mutex.
 #pragma once
 
 #include <cstddef>
@@ -82,10 +82,8 @@ int save_messages(const char *path);
 // save failed. 0 when the file holds everything, else -1. Any thread.
 int retry_messages(const char *path);
 
-// True when the last save succeeded and the store refused nothing since the last "+CMGR:" answer. Any thread, no lock.
+// True when the last save succeeded. Any thread, no lock.
 bool messages_on_disk();
-// Records whether the store refused a message; the thread resp_processor only.
-void set_message_refused(bool refused);
 
 // Marks the messages at these 1-based indexes as read, then saves once if that changed any. 0, or -1 when any does not
 // exist (the others are still marked).
