@@ -12,7 +12,6 @@
 #include "shell.h"
 
 constexpr int32_t LTE = 7; // access technology of 3GPP TS 27.007 7.3; higher ones are NR
-constexpr int32_t SWEPT_INDEXES = 10;
 constexpr unsigned MOST_OPERATORS = 64;
 constexpr size_t SCRIPT_SIZE = 4096;
 
@@ -81,9 +80,7 @@ static void storage_state(std::string_view line)
     if (!capacity.found || leading_int(used) != leading_int(capacity.text))
         return;
     log_error("SIM sms storage full.");
-    for (int32_t index = 1; index <= SWEPT_INDEXES; index++)
-        (void)sms_index_enqueue(index); // a full queue is logged there and swept later
-    g_sms_sweep.store(1);               // for what lies in the other places
+    list_messages_at_once();
 }
 
 // Takes the inside of the next parenthesised group off the front of *rest. Names in quotes may hold parentheses.

@@ -188,6 +188,9 @@ void delete_all_messages()
     if (!message_array.present)
         return; // what the file holds is not known
     array_clear(&message_array);
+    free(message_array.items);
+    message_array.items = nullptr;
+    message_array.capacity = 0;
     (void)save_locked(MESSAGE_FILE); // as above
 }
 
@@ -272,25 +275,34 @@ static size_t table_size(const StoredMessage *message)
     return member_size("", member_size("index", 4) + fields_size(fields, contents));
 }
 
+// Once, until a listing is whole again.
+static void tell_truncation(uint32_t left_out)
+{
+    static bool told; // guarded by the mutex
+    if (left_out > 0 && !told)
+        log_error("listing of messages is full, the oldest %u are left out", left_out);
+    told = left_out > 0;
+}
+
 int list_messages(struct blob_buf *reply)
 {
     MessageArrayLock lock;
     if (!message_array.present)
         return -1;
     size_t size = member_size("messages", 0);
-    uint32_t fitting = 0;
-    for (; fitting < message_array.count; fitting++) {
-        size_t more = table_size(message_array.items[fitting]);
+    uint32_t first = message_array.count;
+    for (; first > 0; first--) {
+        size_t more = table_size(message_array.items[first - 1]);
         if (size + more > REPLY_LIMIT)
             break;
         size += more;
     }
-    bool truncated = fitting < message_array.count;
+    tell_truncation(first);
     if (!make_room(reply, size + member_size("truncated", 1)))
         return -1;
 
     void *messages = blobmsg_open_array(reply, "messages");
-    for (uint32_t i = 0; i < fitting; i++) {
+    for (uint32_t i = first; i < message_array.count; i++) {
         OrderedContents contents;
         MessageFields fields = message_fields(message_array.items[i]);
         order_contents(message_array.items[i], fields, &contents);
@@ -300,7 +312,7 @@ int list_messages(struct blob_buf *reply)
         blobmsg_close_table(reply, table);
     }
     blobmsg_close_array(reply, messages);
-    if (truncated)
+    if (first > 0)
         blobmsg_add_u8(reply, "truncated", 1);
     return 0;
 }

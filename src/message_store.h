@@ -92,8 +92,8 @@ int mark_messages_read(const int32_t *indexes, uint32_t count);
 void delete_messages(const int32_t *indexes, uint32_t count);
 void delete_all_messages();
 
-// Adds the array "messages" to a reply that is empty so far; what would make it larger than a bus message is left out
-// from the first message on that does not fit, and "truncated" (true) is added. 0; -1 with nothing added without a
+// Adds the array "messages" to a reply that is empty so far. When it would be larger than a bus message, the newest
+// messages that fit are listed, "truncated" (true) is added, and one log line says so. 0; -1 with nothing added without a
 // store or memory.
 int list_messages(struct blob_buf *reply);
 // Adds the fields of one message to an empty reply. 0; -1 with nothing added when there is no such message or it does

@@ -74,6 +74,14 @@ public:
             EXPECT_TRUE(kept) << "lost: " << part.content;
         }
         listed = answer["messages"].size();
+        if (listed < 300)
+            return;
+        // A listing of more would not fit into a bus message. What is still on its way to the SIM stays.
+        for (const json &message : history) {
+            if (message["deleted"])
+                deleted_.insert(parts_.at(message["id"]).name);
+        }
+        EXPECT_EQ(router.call("delete_all_messages"), R"({"result":0})");
     }
 
     size_t received() const

@@ -228,6 +228,8 @@ TEST_F(MessageStore, AListingFitsIntoABusMessage)
     std::string text = json;
     free(json);
     EXPECT_TRUE(text.ends_with("]}],\"truncated\":true}")) << text.substr(text.size() - 60);
+    EXPECT_NE(text.find("{\"index\":1000,"), std::string::npos) << "the newest ones";
+    EXPECT_EQ(text.find("{\"index\":1,"), std::string::npos);
     // The room was reckoned exactly: a second listing into the same memory does not grow it.
     int room = reply.buflen;
     for (int i = 0; i < 3; i++) {
@@ -235,6 +237,7 @@ TEST_F(MessageStore, AListingFitsIntoABusMessage)
         list_messages(&reply);
         EXPECT_EQ(reply.buflen, room);
     }
+    EXPECT_EQ(log_count("are left out", LOG_ERR), 1);
     blob_buf_free(&reply);
 
     std::vector<uint8_t> content(LONGEST_CONTENT);
