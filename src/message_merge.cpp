@@ -50,12 +50,19 @@ static AddResult add_single(MessageArray *array, StoredMessage *message)
     return AddResult::refused;
 }
 
+// Of a text in national language tables those parts that need the tables are UTF-8, the others are not.
+static bool alphabets_match(int8_t stored, int8_t part)
+{
+    return stored == part || (stored == SMS_ALPHABET_UTF8 && part == SMS_ALPHABET_GSM) ||
+           (stored == SMS_ALPHABET_GSM && part == SMS_ALPHABET_UTF8);
+}
+
 // Parts of one message arrive at different times, so the time is none of the anchors.
 static bool belongs_to(const MessageFields &stored, const MessageFields &part)
 {
     return stored.is_long && stored.csms_ref == part.csms_ref && stored.total == part.total &&
-           stored.alphabet == part.alphabet && stored.international == part.international && stored.date == part.date &&
-           stored.sender == part.sender;
+           alphabets_match(stored.alphabet, part.alphabet) && stored.international == part.international &&
+           stored.date == part.date && stored.sender == part.sender;
 }
 
 // The content of a part; null when the message does not hold it.
@@ -82,8 +89,68 @@ static bool all_parts_present(const StoredMessage *message, uint8_t total)
     return sum == static_cast<uint16_t>(total * (total + 1) / 2);
 }
 
+// A part in its own alphabet and, once that was asked for, as UTF-8.
+struct PartForms {
+    MessagePart own;
+    int8_t alphabet;
+    uint8_t *utf8 = nullptr;
+    MessagePart converted = {};
+
+    PartForms(const MessagePart &part, int8_t part_alphabet) : own(part), alphabet(part_alphabet) {}
+    PartForms(const PartForms &) = delete;
+    PartForms &operator=(const PartForms &) = delete;
+    ~PartForms()
+    {
+        free(utf8);
+    }
+};
+
+// The part as a message of that alphabet holds it; null without memory.
+static const MessagePart *part_for(PartForms *forms, int8_t alphabet)
+{
+    if (alphabet != SMS_ALPHABET_UTF8 || forms->alphabet != SMS_ALPHABET_GSM)
+        return &forms->own;
+    size_t length = 0;
+    if (!forms->utf8) {
+        forms->utf8 = utf8_of_septets(forms->own.content, &length);
+        forms->converted = {forms->own.index, {forms->utf8, length}};
+    }
+    return forms->utf8 ? &forms->converted : nullptr;
+}
+
+// A copy with all parts as UTF-8; null without memory.
+static StoredMessage *message_in_utf8(const StoredMessage *message)
+{
+    MessageFields fields = message_fields(message);
+    fields.alphabet = SMS_ALPHABET_UTF8;
+    MessagePart parts[MOST_PARTS];
+    unsigned count = 0;
+    bool converted = true;
+    PartWalk walk = parts_of(message);
+    while (converted && next_part(&walk, &parts[count])) {
+        size_t length = 0;
+        uint8_t *utf8 = utf8_of_septets(parts[count].content, &length);
+        parts[count].content = {utf8, length};
+        converted = utf8;
+        count++;
+    }
+    StoredMessage *result = converted ? message_new(fields, {parts, count}) : nullptr;
+    for (unsigned i = 0; i < count; i++)
+        free(const_cast<uint8_t *>(parts[i].content.data()));
+    if (result)
+        result->all_parts_present = message->all_parts_present;
+    return result;
+}
+
 static AddResult join_part(MessageArray *array, uint32_t position, const MessageFields &fields, const MessagePart &part)
 {
+    bool converts =
+        message_fields(array->items[position]).alphabet == SMS_ALPHABET_GSM && fields.alphabet == SMS_ALPHABET_UTF8;
+    StoredMessage *converted = converts ? message_in_utf8(array->items[position]) : nullptr;
+    if (converts && !converted)
+        return AddResult::refused;
+    if (converted)
+        array_replace(array, position, converted);
     if (array->bytes + PART_HEADER_SIZE + part.content.size() > MOST_MESSAGE_BYTES)
         return AddResult::refused;
     StoredMessage *joined = message_with_part(array->items[position], part);
@@ -123,15 +190,19 @@ static void consider(Candidate *best, uint32_t position, int32_t distance)
 static AddResult add_part(MessageArray *array, const MessageFields &fields, const MessagePart &part)
 {
     Candidate lacking = {}, repeated = {};
+    PartForms forms(part, fields.alphabet);
     for (uint32_t i = 0; i < array->count; i++) {
         MessageFields stored = message_fields(array->items[i]);
         if (!belongs_to(stored, fields))
             continue;
         std::span<const uint8_t> content;
         int32_t distance = abs(seconds_of(stored.time) - seconds_of(fields.time));
+        const MessagePart *form = part_for(&forms, stored.alphabet);
+        if (!form)
+            return AddResult::refused;
         if (!find_part(array->items[i], part.index, &content))
             consider(&lacking, i, distance);
-        else if (std::ranges::equal(content, part.content))
+        else if (std::ranges::equal(content, form->content))
             consider(&repeated, i, distance);
     }
     if (repeated.found && (!lacking.found || repeated.distance < lacking.distance)) {
@@ -139,7 +210,8 @@ static AddResult add_part(MessageArray *array, const MessageFields &fields, cons
         return AddResult::added;
     }
     if (lacking.found)
-        return join_part(array, lacking.position, fields, part);
+        return join_part(array, lacking.position, fields,
+                         *part_for(&forms, message_fields(array->items[lacking.position]).alphabet));
     StoredMessage *created = message_new(fields, {&part, 1});
     if (created && array_append(array, created) == 0)
         return AddResult::added;
@@ -197,16 +269,18 @@ bool message_is_stored(const DecodedMessage *message)
     StoredMessage *wanted = message_new(fields, {&part, 1});
     if (!wanted)
         return true; // not known: the careful answer
+    PartForms forms(part, fields.alphabet);
     MessageArrayLock lock;
     bool found = false;
     for (uint32_t i = 0; i < message_array.count && !found; i++) {
         const StoredMessage *stored = message_array.items[i];
         std::span<const uint8_t> content;
-        if (fields.is_long)
-            found = belongs_to(message_fields(stored), fields) && find_part(stored, part.index, &content) &&
-                    std::ranges::equal(content, part.content);
-        else
+        if (!fields.is_long) {
             found = same_message(stored, wanted);
+        } else if (belongs_to(message_fields(stored), fields) && find_part(stored, part.index, &content)) {
+            const MessagePart *form = part_for(&forms, message_fields(stored).alphabet);
+            found = !form || std::ranges::equal(content, form->content);
+        }
     }
     free(wanted);
     return found;

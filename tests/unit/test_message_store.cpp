@@ -139,6 +139,28 @@ TEST_F(MessageStore, TellsARepetitionFromTheNextMessageOfAConstantReference)
     }
 }
 
+// Parts in national language tables are UTF-8, those that do not need them septets: "Hi" and a section sign, 0x5F.
+TEST_F(MessageStore, JoinsPartsOfANationalLanguage)
+{
+    const Incoming parts[] = {{.text = "Hi\x5F", .index = 1, .total = 3},
+                              {.text = "şık", .index = 2, .total = 3, .alphabet = 3},
+                              {.text = "\x5F", .index = 3, .total = 3}};
+    int order[] = {0, 1, 2};
+    do {
+        SetUp();
+        for (int part : order) {
+            for (int i = 0; i < 2; i++)
+                EXPECT_EQ(add(parts[part]), AddResult::added);
+        }
+        EXPECT_EQ(log_count("abandon duplicate message part", -1), 3);
+        ASSERT_EQ(stored().size(), 1u);
+        std::string reply = reply_of(handle_get_message, R"({"index":1})");
+        EXPECT_NE(reply.find("UTF8"), std::string::npos);
+        EXPECT_NE(reply.find("[72,105,194,167,197,159,196,177,107,194,167]"), std::string::npos) << reply;
+        EXPECT_TRUE(stored()[0].ends_with(" +"));
+    } while (std::next_permutation(std::begin(order), std::end(order)));
+}
+
 TEST_F(MessageStore, InsertsPartsAtTheirPlace)
 {
     for (int index : {3, 1, 4, 2})
