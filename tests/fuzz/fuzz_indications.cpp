@@ -12,6 +12,7 @@
 #include "request.h"
 #include "resp_processor.h"
 #include "shell.h"
+#include "uci_access.h"
 
 std::atomic<uint8_t> g_sms_sweep{0};
 
@@ -165,6 +166,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     TextElem element = {static_cast<char *>(malloc(size + 1)), static_cast<uint32_t>(size + 1)};
     memcpy(element.text, data, size);
     element.text[size] = '\0';
+    uci_access_set_folders("/nowhere", "/nowhere");
     array_clear(&message_array); // also makes it present
     handle_indications(&element);
     // Not passed on: the text is as it was.

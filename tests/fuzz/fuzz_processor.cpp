@@ -10,12 +10,13 @@
 
 #include "celmux.h"
 #include "config.h"
-#include "final_results.h"
 #include "fake_files.h"
 #include "fake_shell.h"
+#include "final_results.h"
 #include "message_store.h"
 #include "request.h"
 #include "resp_processor.h"
+#include "uci_access.h"
 #include "waiting.h"
 
 static int64_t now_ms = 1000000;
@@ -65,6 +66,7 @@ bool wait_ready(std::atomic<uint8_t> *const[], unsigned)
 
 static bool prepare()
 {
+    uci_access_set_folders("/nowhere", "/nowhere");
     pool_queue_init(&at_tx_queue, sizeof(TextElem), 32);
     pool_queue_init(&at_rx_queue, sizeof(TextElem), 32);
     pool_queue_init(&resp_queue, sizeof(TextElem), 32);

@@ -11,6 +11,7 @@
 #include "final_results.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
+#include "uci_access.h"
 
 using Lines = std::vector<std::string>;
 
@@ -55,6 +56,7 @@ class Indications : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        uci_access_set_folders("/nowhere", "/nowhere");
         fake_link.reset();
         fake_files.reset();
         fake_shell.reset();
@@ -124,8 +126,8 @@ TEST_F(Indications, MessagesInAnswersToOthersAreStored)
     EXPECT_EQ(fake_files.calls - calls, 3) << "one open, one write, one sync";
     EXPECT_EQ(g_sms_sweep, 1) << "the requester clears the places";
     EXPECT_TRUE(fake_link.sent.empty());
-    EXPECT_EQ(on_disk(), (Lines{"491701234567 Hello", "12345 hi",
-                                "491701234567 2=\xDE" + std::string(1, '\0') + " 1=\xD8= +"}));
+    EXPECT_EQ(on_disk(),
+              (Lines{"491701234567 Hello", "12345 hi", "491701234567 2=\xDE" + std::string(1, '\0') + " 1=\xD8= +"}));
 }
 
 TEST_F(Indications, OnlyTheLineBehindAHeaderIsAMessage)
