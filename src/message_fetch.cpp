@@ -18,8 +18,9 @@
 
 constexpr int TRIES = 3;
 constexpr uint32_t SHORT_PAUSE_MS = 100;
-constexpr unsigned GROUP = 8; // messages that one save serves
-constexpr uint32_t LONGEST_PAUSE_MS = 300000;
+constexpr unsigned GROUP = 8;               // messages that one save serves
+constexpr int64_t SHORTEST_PAUSE_MS = 1000; // between two listings that fail
+constexpr int64_t LONGEST_PAUSE_MS = 300000;
 
 // While the requester reads, it stores what the answers hold; the response processor leaves them alone and counts them.
 static std::atomic<uint8_t> reading{0};
@@ -178,9 +179,20 @@ static result_t read_messages(int32_t place, AtAnswer *answer)
     return code;
 }
 
+static bool holds_place(const Batch *batch, int32_t place)
+{
+    for (unsigned i = 0; i < batch->count; i++) {
+        if (batch->places[i].index == place)
+            return true;
+    }
+    return false;
+}
+
 // False when the modem does not answer.
 static bool take_place(MessageFetch *fetch, int32_t place, Batch *batch)
 {
+    if (holds_place(batch, place))
+        return true; // announced twice; cleared twice, the second time would take the next message
     result_t code = RESULT_ERROR;
     for (int i = 1; i <= TRIES; i++) {
         AtAnswer answer;
@@ -265,10 +277,12 @@ bool next_announced(int32_t *place, uint32_t wait_ms)
 // The next listing is tried with the next routine; `longer`: or with a later one each time.
 static void list_later(MessageFetch *fetch, bool longer)
 {
-    uint32_t routine_ms = settings_g.requester_interval_s * 1000;
-    fetch->pause_ms = !longer ? 0 : fetch->pause_ms ? 2 * fetch->pause_ms : routine_ms;
-    if (fetch->pause_ms > LONGEST_PAUSE_MS)
-        fetch->pause_ms = LONGEST_PAUSE_MS;
+    int64_t pause_ms = int64_t{2} * fetch->pause_ms;
+    if (pause_ms == 0)
+        pause_ms = int64_t{settings_g.requester_interval_s} * 1000;
+    if (pause_ms < SHORTEST_PAUSE_MS)
+        pause_ms = SHORTEST_PAUSE_MS;
+    fetch->pause_ms = !longer ? 0 : static_cast<uint32_t>(pause_ms < LONGEST_PAUSE_MS ? pause_ms : LONGEST_PAUSE_MS);
     fetch->failed = monotonic_now();
     fetch->may_list = false;
     g_sms_sweep.store(1);

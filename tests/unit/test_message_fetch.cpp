@@ -77,6 +77,7 @@ protected:
         uci_access_set_folders(folder.c_str(), saved.c_str());
         sim.clear();
         text_mode = silent = deaf_to_deletion = false;
+        next_place = 0;
         fake_link.answer = [this](const std::string &command) { return modem(command); };
         fetch = message_fetch_start();
     }
@@ -126,6 +127,11 @@ protected:
             return std::nullopt;
         EXPECT_TRUE(command.starts_with("AT+CMGD=")) << command;
         sim.erase(place);
+        if (place == next_place) {
+            next_place = 0;
+            sim[place] = {0, deliver("next")}; // the network waited for room
+            announce(place);
+        }
         return OK;
     }
 
@@ -174,6 +180,7 @@ protected:
     }();
     std::map<int, Slot> sim;
     bool text_mode, silent, deaf_to_deletion;
+    int next_place; // gets another message when it is cleared
     MessageFetch fetch;
 };
 
@@ -343,6 +350,19 @@ TEST_F(MessageFetchTest, ADeletionWithoutAnAnswer)
     pass(3);
     EXPECT_EQ(left(), Places{});
     EXPECT_EQ(texts(), (Lines{"b", "c"})) << "the deleted one does not come back";
+}
+
+TEST_F(MessageFetchTest, APlaceThatIsAnnouncedTwiceIsClearedOnce)
+{
+    g_sms_sweep.store(0);
+    sim[1] = {0, deliver("a")};
+    sim[2] = {0, deliver("b")};
+    next_place = 1;
+    for (int place : {1, 2, 1})
+        announce(place);
+    pass();
+    EXPECT_EQ(texts(), (Lines{"a", "b", "next"}));
+    EXPECT_EQ(left(), Places{});
 }
 
 TEST_F(MessageFetchTest, AnnouncedPlacesThatCannotBeRead)
