@@ -121,6 +121,13 @@ bool AtAnswer::usable() const
     return text && !strstr(text, "ERROR");
 }
 
+bool AtAnswer::has_error(const char *error) const
+{
+    const char *found = text ? strstr(text, error) : nullptr;
+    char next = found ? found[strlen(error)] : '0';
+    return next < '0' || next > '9';
+}
+
 result_t at_classify(const char *text, const char *complete_marker)
 {
     if (!text || strstr(text, "ERROR"))

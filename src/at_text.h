@@ -43,8 +43,9 @@ struct AtAnswer {
     AtAnswer(const AtAnswer &) = delete;
     AtAnswer &operator=(const AtAnswer &) = delete;
     ~AtAnswer();
-    std::string_view view() const; // empty without an answer
-    bool usable() const;           // there is a text and it does not hold "ERROR": values may be cut from it
+    std::string_view view() const;           // empty without an answer
+    bool usable() const;                     // there is a text and it does not hold "ERROR": values may be cut from it
+    bool has_error(const char *error) const; // "+CME ERROR: 10" is not "+CME ERROR: 100"
 };
 
 // Requests `command` (ending in "\r") and classifies: no answer text or "ERROR" gives RESULT_ERROR, then "OK"

@@ -61,13 +61,27 @@ int file_truncate(int fd, uint64_t size)
     return result;
 }
 
+static FileIdentity identity_of(const struct stat &status)
+{
+    return {static_cast<uint64_t>(status.st_dev), static_cast<uint64_t>(status.st_ino),
+            static_cast<uint64_t>(status.st_size)};
+}
+
 int file_identity(int fd, FileIdentity *identity)
 {
     struct stat status;
     if (fstat(fd, &status) < 0)
         return -1;
-    *identity = {static_cast<uint64_t>(status.st_dev), static_cast<uint64_t>(status.st_ino),
-                 static_cast<uint64_t>(status.st_size)};
+    *identity = identity_of(status);
+    return 0;
+}
+
+int file_identity_of(const char *path, FileIdentity *identity)
+{
+    struct stat status;
+    if (stat(path, &status) < 0)
+        return -1;
+    *identity = identity_of(status);
     return 0;
 }
 
@@ -91,17 +105,25 @@ int file_link(const char *from, const char *to)
     return link(from, to);
 }
 
-int file_sync_folder(const char *path)
+// "." without a folder in the path. False when it is too long.
+static bool folder_of(const char *path, char folder[PATH_MAX])
 {
-    char folder[PATH_MAX];
     const char *slash = strrchr(path, '/');
     int length = slash ? static_cast<int>(slash - path) + 1 : 0;
     if (length >= PATH_MAX) {
         errno = ENAMETOOLONG;
-        return -1;
+        return false;
     }
-    snprintf(folder, sizeof folder, "%.*s", length, length ? path : "");
-    int fd = file_open(length ? folder : ".", O_RDONLY | O_DIRECTORY);
+    snprintf(folder, PATH_MAX, "%.*s", length ? length : 1, length ? path : ".");
+    return true;
+}
+
+int file_sync_folder(const char *path)
+{
+    char folder[PATH_MAX];
+    if (!folder_of(path, folder))
+        return -1;
+    int fd = file_open(folder, O_RDONLY | O_DIRECTORY);
     if (fd < 0)
         return -1;
     int result = file_sync(fd);
@@ -111,6 +133,13 @@ int file_sync_folder(const char *path)
         return 0; // this file system has no sync of a folder
     errno = error;
     return result;
+}
+
+int file_make_folder(const char *path)
+{
+    constexpr mode_t READABLE = 0755;
+    char folder[PATH_MAX];
+    return folder_of(path, folder) ? mkdir(folder, READABLE) : -1;
 }
 
 bool file_present(const char *path)

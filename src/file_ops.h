@@ -22,10 +22,14 @@ int file_write(int fd, const void *data, size_t size);
 int file_sync(int fd);
 int file_truncate(int fd, uint64_t size);
 int file_identity(int fd, FileIdentity *identity);
+// The same of what `path` names.
+int file_identity_of(const char *path, FileIdentity *identity);
 int file_close(int fd);
 int file_rename(const char *from, const char *to);
 int file_unlink(const char *path);
 int file_link(const char *from, const char *to);
 // Syncs the folder that holds `path`, so that a rename in it survives a power cut.
 int file_sync_folder(const char *path);
+// Makes the folder that is to hold `path`, readable for all; not those above it.
+int file_make_folder(const char *path);
 bool file_present(const char *path);

@@ -11,5 +11,6 @@ constexpr size_t APN_SIZE = 64;
 extern char g_apn[APN_SIZE];
 
 // Acts on every line of what the modem said: reports of its own, and the lines of answers before their callers get them.
-// Messages in it are in the store and on the disk when this returns.
+// Messages in it are in the store and on the disk when this returns, but those that the requester reads for itself
+// (message_fetch.h).
 void handle_indications(std::string_view text);

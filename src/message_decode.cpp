@@ -84,6 +84,23 @@ static int split_line(LibraryOutputs *out, int *with_header)
     return length;
 }
 
+// The store keeps no header, so a text that needs the national language tables which its header names (TS 23.040
+// 9.2.3.24.15 and .16) is stored as UTF-8. The new length.
+static int resolve_language(LibraryOutputs *out, int length)
+{
+    char text[SMS_TEXT_SIZE], plain[SMS_TEXT_SIZE];
+    if (out->message.alphabet != SMS_ALPHABET_GSM || length <= 0)
+        return length;
+    size_t size = static_cast<size_t>(length);
+    int written = sms_text(out->user_data, size, SMS_ALPHABET_GSM, out->header, text, sizeof text);
+    if (written < 0 || sms_plain_text(out->user_data, size, SMS_ALPHABET_GSM, plain, sizeof plain) < 0 ||
+        strcmp(text, plain) == 0)
+        return length;
+    out->message.alphabet = SMS_ALPHABET_UTF8;
+    memcpy(out->user_data, text, static_cast<size_t>(written));
+    return written;
+}
+
 int decode_message(std::string_view line, DecodedMessage **message)
 {
     if (line.empty() || line.size() > LONGEST_LINE || !message)
@@ -95,6 +112,8 @@ int decode_message(std::string_view line, DecodedMessage **message)
     int with_header = 0;
     int length = split_line(out, &with_header);
     int result = length == SMS_ERROR_MEMORY ? -2 : -1;
+    if (with_header)
+        length = resolve_language(out, length);
     DecodedMessage *decoded = nullptr;
     if (length >= 0 && static_cast<size_t>(length) <= USER_DATA_ROOM) {
         result = -2;
@@ -114,6 +133,19 @@ int decode_message(std::string_view line, DecodedMessage **message)
     }
     free(out);
     return result;
+}
+
+uint8_t *utf8_of_septets(std::span<const uint8_t> septets, size_t *length)
+{
+    size_t room = 3 * septets.size() + 1;
+    char *text = static_cast<char *>(malloc(room));
+    int written = text ? sms_plain_text(septets.data(), septets.size(), SMS_ALPHABET_GSM, text, room) : -1;
+    if (written < 0) {
+        free(text);
+        return nullptr;
+    }
+    *length = static_cast<size_t>(written);
+    return reinterpret_cast<uint8_t *>(text);
 }
 
 static bool add_user_data(cJSON *object, const DecodedMessage *message)

@@ -12,11 +12,23 @@
 
 #include "log.h"
 #include "message_json.h"
+#include "message_merge.h"
 #include "message_reader.h"
 
 constexpr size_t WRITE_SIZE = 4096;
 constexpr const char *OPEN_FAILED = "open message data file failed: %d, %s\n";
 constexpr const char *WRITE_FAILED = "write message data file failed: %d, %s\n";
+
+// A failure is told once until something succeeds: what failed is tried again every few seconds. Guarded by the array's
+// mutex.
+static bool failing;
+
+static bool first_failure()
+{
+    bool first = !failing;
+    failing = true;
+    return first;
+}
 
 static std::string_view bounded_text(const uint8_t *bytes, size_t size)
 {
@@ -82,6 +94,7 @@ static StoredMessage *message_from_record(const uint8_t *record)
 static bool read_records(MessageReader *reader, MessageArray *array, bool *same)
 {
     size_t size;
+    *same = true;
     while (whole_record(reader, &size) && !is_hole(reader_bytes(reader))) {
         StoredMessage *message = message_from_record(reader_bytes(reader));
         if (!message || array_append(array, message) != 0) {
@@ -95,52 +108,74 @@ static bool read_records(MessageReader *reader, MessageArray *array, bool *same)
     return !reader->failed;
 }
 
-// The file is about to be replaced by one that holds less: what did not fit is kept under another name.
-static void set_aside(const char *path)
+// The file is about to be replaced by one that may hold less: it is kept under another name. False when that fails.
+static bool set_aside(const char *path, const char *suffix, const char *reason)
 {
     char kept[PATH_MAX];
-    snprintf(kept, sizeof kept, "%s.full", path);
+    if (snprintf(kept, sizeof kept, "%s%s", path, suffix) >= PATH_MAX)
+        return false;
     (void)file_unlink(kept); // usually there is none
-    int result = file_link(path, kept);
-    print_out("message data file not read completely, %s as %s\n", result == 0 ? "kept" : "could not be kept", kept);
+    // Some file systems have no links.
+    bool done = file_link(path, kept) == 0 || file_rename(path, kept) == 0;
+    if (done)
+        print_out("message data file %s, kept as %s\n", reason, kept);
+    else if (first_failure())
+        print_out("message data file %s, could not be kept as %s\n", reason, kept);
+    return done;
+}
+
+struct LoadOutcome {
+    int result;    // as load_messages
+    bool complete; // all messages are in the array
+    bool intact;   // nothing in the file is damaged
+    bool records;  // it holds records, and nothing else when it is complete and intact
+};
+
+static LoadOutcome read_content(int fd, uint64_t file_size, MessageArray *array)
+{
+    MessageReader reader;
+    reader_start(&reader, fd);
+    LoadOutcome outcome = {0, true, true, false};
+    if (reader_need(&reader, sizeof MESSAGE_FILE_MAGIC) &&
+        memcmp(reader_bytes(&reader), MESSAGE_FILE_MAGIC, sizeof MESSAGE_FILE_MAGIC) == 0) {
+        reader_skip(&reader, sizeof MESSAGE_FILE_MAGIC);
+        array->present = true;
+        outcome.records = true;
+        outcome.complete = read_records(&reader, array, &outcome.intact);
+        outcome.intact = outcome.intact || !outcome.complete;
+    } else if (file_size != 0 && file_size != sizeof MESSAGE_FILE_MAGIC) {
+        bool read = !reader.failed && read_message_json(&reader, array, &outcome.complete, &outcome.intact);
+        outcome.result = read ? 1 : -1;
+    } else {
+        array->present = true;
+    }
+    reader_free(&reader);
+    return outcome;
 }
 
 static int read_open_file(int fd, const char *path, MessageArray *array)
 {
     FileIdentity identity;
-    if (file_identity(fd, &identity) < 0) {
+    LoadOutcome outcome = {-1, true, true, false};
+    bool was_empty = array->count == 0;
+    if (file_identity(fd, &identity) == 0) {
+        bool empty = identity.size == 0 || identity.size == sizeof MESSAGE_FILE_MAGIC;
+        if (empty)
+            print_out("message data file empty.\n");
+        outcome = read_content(fd, identity.size, array);
+        array->file = {was_empty && outcome.records && outcome.complete && outcome.intact, array->count, identity};
+    }
+    if (outcome.result < 0 && first_failure())
         print_out("load message data file failed.\n");
+    // What cannot be kept must not be replaced either: as if it could not be read.
+    bool kept = (outcome.complete || set_aside(path, ".full", "not read completely")) &&
+                (outcome.intact || set_aside(path, ".damaged", "damaged"));
+    if (outcome.result < 0 || !kept) {
+        array_free(array);
         return -1;
     }
-    bool was_empty = array->count == 0;
-    if (identity.size == 0 || identity.size == sizeof MESSAGE_FILE_MAGIC)
-        print_out("message data file empty.\n");
-
-    MessageReader reader;
-    reader_start(&reader, fd);
-    bool complete = true;
-    int result = 0;
-    if (reader_need(&reader, sizeof MESSAGE_FILE_MAGIC) &&
-        memcmp(reader_bytes(&reader), MESSAGE_FILE_MAGIC, sizeof MESSAGE_FILE_MAGIC) == 0) {
-        array->present = true;
-        reader_skip(&reader, sizeof MESSAGE_FILE_MAGIC);
-        bool same = was_empty;
-        complete = read_records(&reader, array, &same);
-        array->file = {same && complete, array->count, identity};
-    } else if (identity.size == 0 || identity.size == sizeof MESSAGE_FILE_MAGIC) {
-        array->present = true;
-        array->file.current = false;
-    } else if (!reader.failed && read_message_json(&reader, array, &complete)) {
-        array->file.current = false;
-        result = 1;
-    } else {
-        print_out("load message data file failed.\n");
-        result = -1;
-    }
-    reader_free(&reader);
-    if (!complete)
-        set_aside(path);
-    return result;
+    failing = false;
+    return outcome.result;
 }
 
 int read_message_file(const char *path, MessageArray *array)
@@ -150,15 +185,47 @@ int read_message_file(const char *path, MessageArray *array)
         print_out("message data file not exist.\n");
         array->present = true;
         array->file.current = false;
+        failing = false;
         return 0;
     }
     if (fd < 0) {
-        print_out(OPEN_FAILED, errno, strerror(errno));
+        if (first_failure())
+            print_out(OPEN_FAILED, errno, strerror(errno));
         return -1;
     }
     int result = read_open_file(fd, path, array);
     (void)file_close(fd); // nothing was written through it
     return result;
+}
+
+bool message_file_appeared(const char *path, const MessageArray *array)
+{
+    FileIdentity found;
+    const FileIdentity &known = array->file.identity;
+    return file_identity_of(path, &found) == 0 && (found.device != known.device || found.inode != known.inode);
+}
+
+// A folder that is mounted late, or a file that somebody put there: its messages come first, then those of the array.
+// 0, or -1 when the file cannot be read.
+static int take_up_file(const char *path, MessageArray *array)
+{
+    MessageArray joined = {};
+    if (read_message_file(path, &joined) < 0)
+        return -1;
+    bool fits = true;
+    uint32_t found = joined.count;
+    for (uint32_t i = 0; i < array->count && fits; i++)
+        fits = merge_stored(&joined, array->items[i]);
+    if (!fits) {
+        array_free(&joined);
+        return set_aside(path, ".full", "does not fit into the store") ? 0 : -1;
+    }
+    if (array->count > 0)
+        joined.file.current = false;
+    print_out("message data file appeared, %u messages taken up\n", found);
+    array_free(array);
+    *array = joined;
+    return 0;
 }
 
 struct RecordWriter {
@@ -234,9 +301,13 @@ static int write_whole_file(const char *path, const MessageArray *array, FileIde
 {
     RecordWriter writer;
     (void)file_unlink(path); // left by a power cut, or a link that somebody put there
-    writer.fd = file_open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW);
+    constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    writer.fd = file_open(path, FLAGS);
+    if (writer.fd < 0 && errno == ENOENT && file_make_folder(path) == 0)
+        writer.fd = file_open(path, FLAGS);
     if (writer.fd < 0) {
-        print_out(OPEN_FAILED, errno, strerror(errno));
+        if (first_failure())
+            print_out(OPEN_FAILED, errno, strerror(errno));
         return -1;
     }
     writer.failed = false;
@@ -251,7 +322,7 @@ static int write_whole_file(const char *path, const MessageArray *array, FileIde
         result = -1;
         error = errno;
     }
-    if (result != 0)
+    if (result != 0 && first_failure())
         print_out(WRITE_FAILED, error, strerror(error));
     return result;
 }
@@ -261,7 +332,8 @@ static int replace_file(const char *path, MessageArray *array)
     char temporary[PATH_MAX];
     FileIdentity identity;
     if (snprintf(temporary, sizeof temporary, "%s.tmp", path) >= PATH_MAX) {
-        print_out(OPEN_FAILED, ENAMETOOLONG, strerror(ENAMETOOLONG));
+        if (first_failure())
+            print_out(OPEN_FAILED, ENAMETOOLONG, strerror(ENAMETOOLONG));
         return -1;
     }
     array->file.current = false;
@@ -270,12 +342,14 @@ static int replace_file(const char *path, MessageArray *array)
         return -1;
     }
     if (file_rename(temporary, path) < 0) {
-        print_out(WRITE_FAILED, errno, strerror(errno));
+        if (first_failure())
+            print_out(WRITE_FAILED, errno, strerror(errno));
         (void)file_unlink(temporary);
         return -1;
     }
     if (file_sync_folder(path) < 0) {
-        print_out(WRITE_FAILED, errno, strerror(errno));
+        if (first_failure())
+            print_out(WRITE_FAILED, errno, strerror(errno));
         return -1;
     }
     array->file = {true, array->count, identity};
@@ -284,9 +358,10 @@ static int replace_file(const char *path, MessageArray *array)
 
 int write_message_file(const char *path, MessageArray *array)
 {
-    if (!array->present)
+    if (!array->present || (message_file_appeared(path, array) && take_up_file(path, array) != 0))
         return -1;
-    if (array->file.current && append_to_file(path, array) == 0)
-        return 0;
-    return replace_file(path, array);
+    if (!(array->file.current && append_to_file(path, array) == 0) && replace_file(path, array) != 0)
+        return -1;
+    failing = false;
+    return 0;
 }

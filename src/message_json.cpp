@@ -170,6 +170,7 @@ struct JsonLoad {
     uint32_t skipped;
     uint32_t position;
     bool complete;
+    bool no_array;
 };
 
 static void skip_blanks(MessageReader *reader)
@@ -292,10 +293,11 @@ static bool take_text(JsonLoad *load)
         return false;
     cJSON_Delete(item);
     print_out("message data file not json array\n");
+    load->no_array = true;
     return true;
 }
 
-bool read_message_json(MessageReader *reader, MessageArray *array, bool *complete)
+bool read_message_json(MessageReader *reader, MessageArray *array, bool *complete, bool *intact)
 {
     JsonLoad load = {};
     load.reader = reader;
@@ -304,7 +306,9 @@ bool read_message_json(MessageReader *reader, MessageArray *array, bool *complet
     load.text = static_cast<char *>(malloc(LONGEST_ELEMENT + 1));
     load.bytes = static_cast<uint8_t *>(malloc(LONGEST_ELEMENT));
     bool usable = load.text && load.bytes;
-    if (usable && !take_text(&load) && !reader->failed) {
+    bool sound = usable && take_text(&load);
+    *intact = sound && load.skipped == 0 && !load.no_array;
+    if (usable && !sound && !reader->failed) {
         print_out("failed to parse messages, file maybe corrupted, using empty data\n");
         array_clear(&load.messages);
         load.complete = true;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "message_decode.h"
+#include "message_store.h"
 
 enum class AddResult {
     added,     // the unread flag is to be set
@@ -9,8 +10,16 @@ enum class AddResult {
     refused,   // nothing was changed
 };
 
-// Takes the store's mutex; does not save. The message stays the caller's. The thread resp_processor only.
+// Takes the store's mutex; does not save. The message stays the caller's. Any thread.
 AddResult add_message(const DecodedMessage *message);
 
-// Tells the router that there are unread messages, through UCI. Runs a program: not under the mutex.
-void set_message_unread();
+// The same with the lines that the log gets of every message.
+AddResult offer_message(const DecodedMessage *message, bool log_refusal);
+
+// Is the message, or that part of a long one, in the store? Also true when there is no memory to find out. Takes the
+// store's mutex. Any thread.
+bool message_is_stored(const DecodedMessage *message);
+
+// Puts a copy of a message into an array, or of those of its parts that are not there yet; "read" in either is kept for
+// a single-part message. False when it does not fit. The caller holds the mutex of the array.
+bool merge_stored(MessageArray *array, const StoredMessage *message);

@@ -1,6 +1,9 @@
 #include "message_methods.h"
 
 #include <cstdlib>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "message_store.h"
 
@@ -65,13 +68,28 @@ static ListArgument index_list_argument(struct blob_attr *msg, IndexList *list)
     return ListArgument::taken;
 }
 
+// The C library keeps what was freed for later; a listing or the store may have taken megabytes, and the next one of
+// that size may be weeks away.
+static void give_memory_back()
+{
+#ifdef __GLIBC__
+    (void)malloc_trim(0);
+#endif
+}
+
 int handle_get_all_messages(HANDLER_ARGUMENTS)
 {
+    constexpr int KEPT_SIZE = 64 * 1024; // of the reply's buffer
     log_entry("_get_all_messages");
     reply_begin();
     int result = list_messages(&g_reply_buf);
     reply_add_u32("result", static_cast<uint32_t>(result));
-    return reply_send(ctx, req);
+    int status = reply_send(ctx, req);
+    if (g_reply_buf.buflen > KEPT_SIZE) {
+        blob_buf_free(&g_reply_buf);
+        give_memory_back();
+    }
+    return status;
 }
 
 int handle_get_message(HANDLER_ARGUMENTS)
@@ -111,6 +129,7 @@ int handle_delete_all_messages(HANDLER_ARGUMENTS)
 {
     log_entry("_delete_all_messages");
     delete_all_messages();
+    give_memory_back();
     return reply_result(ctx, req, 0);
 }
 
@@ -144,6 +163,7 @@ int handle_delete_messages(HANDLER_ARGUMENTS)
         // Highest first: a deletion leaves the positions in front of it as they are.
         qsort(list.indexes, list.count, sizeof *list.indexes, cmpfunc);
         delete_messages(list.indexes, list.count);
+        give_memory_back();
     }
     return reply_result(ctx, req, 0);
 }

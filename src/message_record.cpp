@@ -68,6 +68,14 @@ StoredMessage *message_new(const MessageFields &fields, std::span<const MessageP
     return message;
 }
 
+StoredMessage *message_copy(const StoredMessage *message)
+{
+    StoredMessage *copy = static_cast<StoredMessage *>(malloc(sizeof(StoredMessage) + message->size));
+    if (copy)
+        memcpy(static_cast<void *>(copy), message, sizeof(StoredMessage) + message->size);
+    return copy;
+}
+
 StoredMessage *message_with_part(const StoredMessage *message, const MessagePart &part)
 {
     const uint8_t *old = record_of(message);

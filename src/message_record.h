@@ -77,6 +77,9 @@ inline const uint8_t *record_of(const StoredMessage *message)
 // than a record can hold. A single-part message has exactly one part, whose index becomes 1.
 StoredMessage *message_new(const MessageFields &fields, std::span<const MessagePart> parts);
 
+// Null without memory.
+StoredMessage *message_copy(const StoredMessage *message);
+
 // A copy of a long message with one more part in front of the part at the 0-based position `part.index`, or as the last
 // one when there is none. Null without memory or room for a part; the message itself stays as it is.
 StoredMessage *message_with_part(const StoredMessage *message, const MessagePart &part);

@@ -1,5 +1,5 @@
-// Called on the threads main (start), resp_processor (adding and saving) and ubus_handler (the rest). The mutex is held
-// through a save, so that the file always holds a state that the array had.
+// Called on the threads main (start), requester and resp_processor (adding and saving) and ubus_handler (the rest). The
+// mutex is held through a save, so that the file always holds a state that the array had.
 
 #include "message_store.h"
 
@@ -22,7 +22,6 @@ MessageArray message_array;
 pthread_mutex_t message_array_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 static std::atomic<uint8_t> last_save_failed{0};
-static std::atomic<uint8_t> message_refused{0};
 
 int array_append(MessageArray *array, StoredMessage *message)
 {
@@ -69,6 +68,13 @@ void array_clear(MessageArray *array)
     array->file.current = false;
 }
 
+void array_free(MessageArray *array)
+{
+    array_clear(array);
+    free(array->items);
+    *array = {};
+}
+
 static int save_locked(const char *path)
 {
     int result = write_message_file(path, &message_array);
@@ -88,6 +94,18 @@ int save_messages(const char *path)
     return save_locked(path);
 }
 
+int retry_messages(const char *path)
+{
+    MessageArrayLock lock;
+    if (message_array.closed)
+        return -1;
+    if (!message_array.present)
+        (void)read_message_file(path, &message_array); // a failure is printed
+    if (message_array.present && (last_save_failed.load() || message_file_appeared(path, &message_array)))
+        (void)save_locked(path); // as above
+    return message_array.present && !last_save_failed.load() ? 0 : -1;
+}
+
 void start_message_store()
 {
     if (load_messages(MESSAGE_FILE) == 1)
@@ -95,7 +113,9 @@ void start_message_store()
     if (!file_present(LEGACY_MESSAGE_FILE))
         return;
     uint32_t before = message_array.count;
+    FileIdentity own = message_array.file.identity;
     int loaded = load_messages(LEGACY_MESSAGE_FILE);
+    message_array.file.identity = own; // the next save replaces that file, not the older one
     bool changed = loaded == 1 || message_array.count != before;
     if (changed && save_messages(MESSAGE_FILE) != 0)
         return;                             // the older file still is the only one that holds these messages
@@ -106,9 +126,8 @@ void save_and_free_messages()
 {
     MessageArrayLock lock;
     (void)save_locked(MESSAGE_FILE); // a failure is printed
-    array_clear(&message_array);
-    free(message_array.items);
-    message_array = {};
+    array_free(&message_array);
+    message_array.closed = true;
 }
 
 void save_messages_for_exit()
@@ -121,12 +140,7 @@ void save_messages_for_exit()
 
 bool messages_on_disk()
 {
-    return !last_save_failed.load() && !message_refused.load();
-}
-
-void set_message_refused(bool refused)
-{
-    message_refused.store(refused);
+    return !last_save_failed.load();
 }
 
 static bool has_index(int32_t index)
@@ -171,7 +185,12 @@ void delete_messages(const int32_t *indexes, uint32_t count)
 void delete_all_messages()
 {
     MessageArrayLock lock;
+    if (!message_array.present)
+        return; // what the file holds is not known
     array_clear(&message_array);
+    free(message_array.items);
+    message_array.items = nullptr;
+    message_array.capacity = 0;
     (void)save_locked(MESSAGE_FILE); // as above
 }
 
@@ -256,25 +275,34 @@ static size_t table_size(const StoredMessage *message)
     return member_size("", member_size("index", 4) + fields_size(fields, contents));
 }
 
+// Once, until a listing is whole again.
+static void tell_truncation(uint32_t left_out)
+{
+    static bool told; // guarded by the mutex
+    if (left_out > 0 && !told)
+        log_error("listing of messages is full, the oldest %u are left out", left_out);
+    told = left_out > 0;
+}
+
 int list_messages(struct blob_buf *reply)
 {
     MessageArrayLock lock;
     if (!message_array.present)
         return -1;
     size_t size = member_size("messages", 0);
-    uint32_t fitting = 0;
-    for (; fitting < message_array.count; fitting++) {
-        size_t more = table_size(message_array.items[fitting]);
+    uint32_t first = message_array.count;
+    for (; first > 0; first--) {
+        size_t more = table_size(message_array.items[first - 1]);
         if (size + more > REPLY_LIMIT)
             break;
         size += more;
     }
-    bool truncated = fitting < message_array.count;
+    tell_truncation(first);
     if (!make_room(reply, size + member_size("truncated", 1)))
         return -1;
 
     void *messages = blobmsg_open_array(reply, "messages");
-    for (uint32_t i = 0; i < fitting; i++) {
+    for (uint32_t i = first; i < message_array.count; i++) {
         OrderedContents contents;
         MessageFields fields = message_fields(message_array.items[i]);
         order_contents(message_array.items[i], fields, &contents);
@@ -284,7 +312,7 @@ int list_messages(struct blob_buf *reply)
         blobmsg_close_table(reply, table);
     }
     blobmsg_close_array(reply, messages);
-    if (truncated)
+    if (first > 0)
         blobmsg_add_u8(reply, "truncated", 1);
     return 0;
 }

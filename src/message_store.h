@@ -1,5 +1,5 @@
-// The store of received messages: an array in memory that is mirrored in a file. The thread resp_processor adds
-// messages, the bus thread lists, marks and deletes them; both under message_array_mutex.
+// The store of received messages: an array in memory that is mirrored in a file. The requester, and now and then the
+// response processor, add messages, the bus thread lists, marks and deletes them; all under message_array_mutex.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ constexpr size_t MOST_MESSAGE_BYTES = 8u << 20;
 struct MessageFileState {
     bool current; // the first `count` messages, as they stand, are the whole file
     uint32_t count;
-    FileIdentity identity; // of the file written or read last
+    FileIdentity identity; // of the file written or read last; all 0 before that
 };
 
 struct MessageArray {
@@ -31,6 +31,7 @@ struct MessageArray {
     uint32_t capacity;
     size_t bytes; // of all records
     bool present; // false before the file is loaded and after the store is freed
+    bool closed;  // freed: nothing is loaded any more
     MessageFileState file;
 };
 
@@ -57,6 +58,7 @@ void array_remove(MessageArray *array, uint32_t position);
 // Puts `message` in the place of the one at `position`, which is freed.
 void array_replace(MessageArray *array, uint32_t position, StoredMessage *message);
 void array_clear(MessageArray *array); // leaves it present and empty
+void array_free(MessageArray *array);  // leaves it as before a load
 
 // Loads and saves once at start, by main: the message file, then the older JSON file, which is moved into it and
 // removed.
@@ -71,16 +73,17 @@ void save_messages_for_exit();
 // Reads a file into the array: 1 when it held JSON text (the array is replaced), 0 when it held records (they are
 // appended), was empty or is missing, -1 when it could not be read.
 int load_messages(const char *path);
-// Makes the file hold the array: new messages are appended, any other change replaces the file as a whole. Synced when
-// it returns. 0, or -1 after a printed line; then the file still holds what it held, and the next save writes
-// everything.
+// Makes the file hold the array: new messages are appended, any other change replaces the file as a whole. A file that
+// the store has neither read nor written is taken up first (its messages, then ours). Synced when it returns. 0, or -1
+// after a printed line (one for several failures in a row); then the file still holds what it held, and the next save
+// writes everything. Any thread.
 int save_messages(const char *path);
+// Tries again what went wrong: reads the file when it could not be read yet or has appeared since, saves when the last
+// save failed. 0 when the file holds everything, else -1. Any thread.
+int retry_messages(const char *path);
 
-// True when the message of the last "+CMGR:" answer needs its place on the SIM no longer: the last save succeeded and
-// the store refused nothing since that answer. Whoever deletes a message from the SIM asks first. Any thread, no lock.
+// True when the last save succeeded. Any thread, no lock.
 bool messages_on_disk();
-// Records whether the store refused a message; the thread resp_processor only.
-void set_message_refused(bool refused);
 
 // Marks the messages at these 1-based indexes as read, then saves once if that changed any. 0, or -1 when any does not
 // exist (the others are still marked).
@@ -89,8 +92,8 @@ int mark_messages_read(const int32_t *indexes, uint32_t count);
 void delete_messages(const int32_t *indexes, uint32_t count);
 void delete_all_messages();
 
-// Adds the array "messages" to a reply that is empty so far; what would make it larger than a bus message is left out
-// from the first message on that does not fit, and "truncated" (true) is added. 0; -1 with nothing added without a
+// Adds the array "messages" to a reply that is empty so far. When it would be larger than a bus message, the newest
+// messages that fit are listed, "truncated" (true) is added, and one log line says so. 0; -1 with nothing added without a
 // store or memory.
 int list_messages(struct blob_buf *reply);
 // Adds the fields of one message to an empty reply. 0; -1 with nothing added when there is no such message or it does

@@ -4,13 +4,11 @@
 #include <cstring>
 #include <pthread.h>
 
-#include "at_sms.h"
 #include "at_text.h"
 #include "celmux.h"
 #include "config.h"
 #include "link.h"
 #include "log.h"
-#include "message_store.h"
 #include "modem_init.h"
 #include "port.h"
 #include "request.h"
@@ -144,87 +142,11 @@ static void run_routine(RequesterState *state)
         return;
     state->routine_ran = true;
     state->last_routine = monotonic_now();
-    state->may_sweep = true;
     log_info("Doing routine");
     log_link_statistics();
     if (state->pre_execute_pending)
         state->pre_execute_pending = handle_pre_execute_cmds() != 0;
-}
-
-// A deletion without an answer may have been carried out all the same, and the network may have put the next message
-// into the slot: that one is stored before the slot is emptied again.
-static bool may_delete_again(result_t deleted, int32_t index)
-{
-    if (deleted != RESULT_REQUEST_FAILED)
-        return true;
-    return at_read_sms(index) == RESULT_OK && messages_on_disk();
-}
-
-static void delete_read_sms(int32_t index)
-{
-    for (int i = 1; i <= TRIES; i++) {
-        result_t code = at_delete_sms(index);
-        if (code == RESULT_OK)
-            return;
-        if (i == TRIES)
-            log_error("delete sms %d failed\n", index);
-        if (!sleep_while_running(SHORT_PAUSE_MS) || (i < TRIES && !may_delete_again(code, index)))
-            return;
-    }
-}
-
-static void read_announced_sms(int32_t index)
-{
-    for (int i = 1; i <= TRIES; i++) {
-        result_t code = at_read_sms(index);
-        if (code == RESULT_OK) {
-            if (messages_on_disk())
-                delete_read_sms(index);
-            else
-                log_error("message store not saved, sms %d kept on SIM", index);
-            return;
-        }
-        if (i == TRIES)
-            log_error("read sms %d failed\n", index);
-        if (i == TRIES && code == RESULT_REQUEST_FAILED)
-            g_sms_sweep.store(1); // it is there all the same: a scan began, or the modem was silent
-        if (!sleep_while_running(SHORT_PAUSE_MS))
-            return;
-    }
-}
-
-// Is it that error? "+CME ERROR: 10" is not "+CME ERROR: 100".
-static bool has_error(const AtAnswer &answer, const char *error)
-{
-    const char *found = answer.text ? strstr(answer.text, error) : nullptr;
-    char behind = found ? found[strlen(error)] : '0';
-    return behind < '0' || behind > '9';
-}
-
-// Without a usable SIM there is nothing to list until "+SIM READY" (3GPP TS 27.005 3.2.5, 27.007 9.2.1).
-static bool sim_unusable(const AtAnswer &answer)
-{
-    static const char *const REASONS[] = {"+CMS ERROR: 310", "+CMS ERROR: 311", "+CMS ERROR: 316",
-                                          "+CME ERROR: 10",  "+CME ERROR: 11",  "+CME ERROR: 12"};
-    for (const char *reason : REASONS) {
-        if (has_error(answer, reason))
-            return true;
-    }
-    return false;
-}
-
-// Messages came while nobody listened, or indexes were dropped because the queue was full: has the modem list what the
-// SIM still holds. The indication handler stores and deletes what is listed.
-static void sweep_sim(RequesterState *state)
-{
-    constexpr uint32_t LISTING_MS = 10000;
-    AtAnswer answer;
-    g_sms_sweep.store(0);
-    int result = request("AT+CMGL=4\r", &answer.text, nullptr, 0, LISTING_MS);
-    if (result != 0 || (!answer.usable() && !sim_unusable(answer))) {
-        g_sms_sweep.store(1);
-        state->may_sweep = false;
-    }
+    fetch_routine(&state->fetch);
 }
 
 static uint32_t idle_wait_ms(const RequesterState *state)
@@ -237,30 +159,24 @@ static uint32_t idle_wait_ms(const RequesterState *state)
 
 static void serve_messages(RequesterState *state)
 {
-    constexpr uint32_t OTHERS_TURN_MS = 10; // for a bus call that waits to talk to the modem
     if (g_scanning.load()) {
         // Every command is refused during a scan; an index taken now would be lost.
         (void)sleep_while_running(SHORT_PAUSE_MS);
         return;
     }
-    void *element = pool_queue_try_pop(&incomming_sms_queue);
-    if (!element && state->may_sweep && g_sms_sweep.load())
-        sweep_sim(state);
-    if (!element)
-        element = pool_queue_pop_for(&incomming_sms_queue, idle_wait_ms(state));
-    if (!element)
+    int32_t place;
+    if (next_announced(&place, 0)) {
+        fetch_announced(&state->fetch, place);
         return;
-    int32_t index;
-    memcpy(&index, element, sizeof index);
-    pool_queue_release(&incomming_sms_queue, element);
-    sms_index_done(index);
-    read_announced_sms(index);
-    (void)sleep_while_running(OTHERS_TURN_MS);
+    }
+    fetch_listed(&state->fetch);
+    if (next_announced(&place, listing_is_due(&state->fetch) ? 0 : idle_wait_ms(state)))
+        fetch_announced(&state->fetch, place);
 }
 
 RequesterState requester_start()
 {
-    return {{}, false, true, true, 0, true};
+    return {{}, false, true, true, 0, message_fetch_start()};
 }
 
 void requester_pass(RequesterState *state)
@@ -282,7 +198,7 @@ static bool modem_is_expected()
         AtAnswer answer;
         if (request("AT+CGMI?", &answer.text, "+CGMI:", 1, AT_TIMEOUT_MS) != 0)
             failed++;
-        else if (!has_error(answer, "+CME ERROR: 14")) // SIM busy
+        else if (!answer.has_error("+CME ERROR: 14")) // SIM busy
             return answer.text && strstr(answer.text, "Fibocom");
         else
             (void)sleep_while_running(PASS_MS);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "message_fetch.h"
+
 // Thread function.
 void *requester(void *);
 
@@ -18,7 +20,7 @@ struct RequesterState {
     bool pre_execute_pending;
     bool arrange;     // the IP family has not been asked for in this attempt
     uint32_t attempt; // the connection attempt that is being watched
-    bool may_sweep;   // a listing of the SIM that failed is tried again after the next routine
+    MessageFetch fetch;
 };
 
 RequesterState requester_start();

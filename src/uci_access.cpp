@@ -196,3 +196,15 @@ int uci_set_autoconnect(uint8_t enable)
     int set = run_shell(enable ? "uci set modem.settings.autoconnect=1" : "uci set modem.settings.autoconnect=0");
     return set | run_shell("uci commit modem");
 }
+
+int uci_set_message_unread()
+{
+    UciSession session;
+    char *value = nullptr;
+    bool set = uci_session_value(&session, "modem.state.message_unread", &value) == UCI_OK && strcmp(value, "1") == 0;
+    free(value);
+    if (set)
+        return UCI_OK;
+    int code = uci_session_set(&session, "modem", "state", "message_unread", "1");
+    return code == UCI_OK ? uci_session_save(&session, "modem") : code;
+}

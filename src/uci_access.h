@@ -55,5 +55,8 @@ int uci_get_autoconnect(uint8_t *enabled);
 // Through the router's own tool; the OR of its two exit statuses.
 int uci_set_autoconnect(uint8_t enable);
 
+// Sets "modem.state.message_unread" to 1 as a pending change, unless it is 1 already. 0 or an error number. Any thread.
+int uci_set_message_unread();
+
 // Folders other than the router's, for tests; null stands for the library's default. The texts are kept, not copied.
 void uci_access_set_folders(const char *confdir, const char *savedir);

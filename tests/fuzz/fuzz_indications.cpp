@@ -11,6 +11,7 @@
 #include "request.h"
 #include "resp_processor.h"
 #include "shell.h"
+#include "uci_access.h"
 
 std::atomic<uint8_t> g_sms_sweep{0};
 
@@ -94,6 +95,16 @@ int file_identity(int, FileIdentity *)
     return -1;
 }
 
+int file_identity_of(const char *, FileIdentity *)
+{
+    return -1;
+}
+
+int file_make_folder(const char *)
+{
+    return -1;
+}
+
 int file_close(int)
 {
     return 0;
@@ -126,6 +137,7 @@ bool file_present(const char *)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    uci_access_set_folders("/nowhere", "/nowhere");
     array_clear(&message_array); // also makes it present
     handle_indications({reinterpret_cast<const char *>(data), size});
     return 0;

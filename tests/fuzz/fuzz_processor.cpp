@@ -17,6 +17,7 @@
 #include "message_store.h"
 #include "request.h"
 #include "resp_processor.h"
+#include "uci_access.h"
 #include "waiting.h"
 
 static int64_t now_ms = 1000000;
@@ -66,6 +67,7 @@ bool wait_ready(std::atomic<uint8_t> *const[], unsigned)
 
 static bool prepare()
 {
+    uci_access_set_folders("/nowhere", "/nowhere");
     pool_queue_init(&at_tx_queue, sizeof(TextElem), 32);
     pool_queue_init(&at_rx_queue, sizeof(TextElem), 32);
     pool_queue_init(&resp_queue, sizeof(TextElem), 32);

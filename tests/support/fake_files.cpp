@@ -119,7 +119,7 @@ int file_open(const char *path, int flags)
     if (writes && fails())
         return -1;
     auto found = live_folder.find(path);
-    if (found == live_folder.end() && !(flags & O_CREAT)) {
+    if (found == live_folder.end() && (!(flags & O_CREAT) || fake_files.no_folder)) {
         errno = ENOENT;
         return -1;
     }
@@ -184,6 +184,18 @@ int file_identity(int fd, FileIdentity *identity)
     return 0;
 }
 
+int file_identity_of(const char *path, FileIdentity *identity)
+{
+    LOCKED;
+    auto found = live_folder.find(path);
+    if (found == live_folder.end()) {
+        errno = ENOENT;
+        return -1;
+    }
+    *identity = {1, found->second->number, found->second->live.size()};
+    return 0;
+}
+
 int file_close(int fd)
 {
     LOCKED;
@@ -224,6 +236,13 @@ int file_sync_folder(const char *)
     if (fails())
         return -1;
     synced_folder = live_folder;
+    return 0;
+}
+
+int file_make_folder(const char *)
+{
+    LOCKED;
+    fake_files.no_folder = false;
     return 0;
 }
 

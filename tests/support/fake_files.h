@@ -18,11 +18,12 @@ struct FakeFiles {
     std::vector<Disk> after_cut() const;
     void restore(const Disk &disk);
 
-    int calls = 0;       // operations so far that change something
-    int fail_at = 0;     // the one that fails; 0 for none. A failing write writes the first half.
-    bool cut = false;    // all behind it fail, too
-    int open_error = 0;  // errno of every open for reading
-    int read_limit = -1; // reads fail behind this many bytes of a file
+    int calls = 0;          // operations so far that change something
+    int fail_at = 0;        // the one that fails; 0 for none. A failing write writes the first half.
+    bool cut = false;       // all behind it fail, too
+    int open_error = 0;     // errno of every open for reading
+    bool no_folder = false; // it has to be made before a file can be created
+    int read_limit = -1;    // reads fail behind this many bytes of a file
 };
 
 extern FakeFiles fake_files;

@@ -75,7 +75,5 @@ inline std::vector<std::string> stored()
 inline void forget_store()
 {
     MessageArrayLock lock;
-    array_clear(&message_array);
-    free(message_array.items);
-    message_array = {};
+    array_free(&message_array);
 }

@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <set>
+
 #include "router.h"
 
 using nlohmann::json;
@@ -143,6 +146,29 @@ TEST(Messages, AFullCardIsEmptied)
     EXPECT_TRUE(router.root.syslog().contains("SIM sms storage full."));
 }
 
+TEST(Messages, ComeInTextModeAndWhileTheDaemonIsDown)
+{
+    constexpr size_t places = 50;
+    Router router(R"({"modem": {"behaviour": {"sms_capacity": 50}}})");
+    EXPECT_EQ(router.call("set_sms_message_format", {{"format", 1}}), ok);
+    router.modem(sms("+491701234567", "in text mode"));
+    EXPECT_THAT(texts(messages(router, 1)), ElementsAre("in text mode"));
+    EXPECT_TRUE(wait_for([&] { return router.modem_state("/messages/used/SM") == 0; }));
+    EXPECT_TRUE(wait_for([&] { return router.modem_state("/modem/settings/cmgf") == 1; }))
+        << "the mode is the client's";
+
+    (void)router.daemon.stop();
+    router.modem({{"do", "fill"}, {"args", {"SM"}}});
+    router.modem(sms("+491701234567", "waits in the network"));
+    EXPECT_EQ(router.modem_state("/messages/used/SM"), places);
+    router.daemon.start_again();
+    std::vector<std::string> all = texts(messages(router, places + 2));
+    ASSERT_EQ(all.size(), places + 2);
+    EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), places + 2);
+    EXPECT_TRUE(wait_for([&] { return router.modem_state("/messages/used/SM") == 0; }));
+    EXPECT_FALSE(router.root.syslog().contains("messages wait"));
+}
+
 static void append_field(std::string &record, size_t size, const std::string &text)
 {
     record += text + std::string(size - text.size(), '\0');
@@ -176,10 +202,15 @@ TEST(Messages, AListingTooLargeForTheBusIsCut)
     constexpr size_t content_size = 160 * 12; // a number with its header and empty name
     EXPECT_GT(listed, bus_limit / (content_size + 200));
     EXPECT_LT(listed, bus_limit / content_size);
-    EXPECT_EQ(answer["messages"].back()["index"], listed);
-    EXPECT_TRUE(message_text(answer["messages"].back()).starts_with("message " + std::to_string(listed) + "."));
+    EXPECT_EQ(answer["messages"].front()["index"], stored - listed + 1);
+    EXPECT_EQ(answer["messages"].back()["index"], stored);
+    EXPECT_TRUE(message_text(answer["messages"].back()).starts_with("message 2000."));
+    router.modem(sms("+491701234567", "the newest"));
+    EXPECT_TRUE(
+        wait_for([&] { return message_text(router.ask("get_all_messages")["messages"].back()) == "the newest"; }));
+    EXPECT_EQ(router.call("delete_message", {{"index", stored + 1}}), ok);
 
-    EXPECT_TRUE(message_text(router.ask("get_message", {{"index", stored}})).starts_with("message 2000."));
+    EXPECT_TRUE(message_text(router.ask("get_message", {{"index", 1}})).starts_with("message 1."));
     json most = json::array();
     for (size_t i = 1; i <= stored - 10; i++)
         most.push_back(i);
@@ -188,4 +219,33 @@ TEST(Messages, AListingTooLargeForTheBusIsCut)
     EXPECT_EQ(answer["messages"].size(), 10U);
     EXPECT_FALSE(answer.contains("truncated"));
     EXPECT_FALSE(router.root.syslog().contains("connection to ubus lost"));
+}
+
+static long private_kb(pid_t pid)
+{
+    std::ifstream rollup("/proc/" + std::to_string(pid) + "/smaps_rollup");
+    for (std::string name; rollup >> name;) {
+        long kb;
+        if (name == "Private_Dirty:" && rollup >> kb)
+            return kb;
+    }
+    return -1;
+}
+
+TEST(Messages, GiveTheirMemoryBack)
+{
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the address sanitizer keeps what is freed";
+#endif
+    Router router("{}", {{"/data/in_messages", message_file(10000)}});
+    pid_t pid = router.daemon.celmuxd().pid();
+    long loaded = private_kb(pid);
+    ASSERT_GT(loaded, 1000);
+    EXPECT_EQ(router.ask("get_all_messages")["truncated"], true);
+    long listed = private_kb(pid);
+    EXPECT_LT(listed, loaded + 300);
+    EXPECT_EQ(router.call("delete_all_messages"), ok);
+    long deleted = private_kb(pid);
+    EXPECT_LT(deleted, loaded - 1000);
+    std::cout << "private kB: loaded " << loaded << ", listed " << listed << ", deleted " << deleted << "\n";
 }

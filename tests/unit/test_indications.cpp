@@ -11,6 +11,7 @@
 #include "fake_shell.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
+#include "uci_access.h"
 
 using Lines = std::vector<std::string>;
 
@@ -36,12 +37,12 @@ static const std::string HELLO = "0891947122575555F0040C919471103254760004423051
 static const std::string PART_1 = "0891947122575555F0440C9194711032547600084230519062354008050003770201D83D";
 static const std::string PART_2 = "0891947122575555F0440C9194711032547600084230519062354008050003770202DE00";
 static const std::string NUMBER = "0891947122575555F00405812143F500004230519062354002E834";
-static const std::string UNREAD = "uci set modem.state.message_unread=1";
 
 class Indications : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        uci_access_set_folders("/nowhere", "/nowhere");
         fake_link.reset();
         fake_files.reset();
         fake_shell.reset();
@@ -50,7 +51,7 @@ protected:
         index_room = 128;
         forget_store();
         start_message_store();
-        set_message_refused(false);
+        g_sms_sweep = 0;
         save_messages(MESSAGE_FILE);
         fake_files.calls = 0;
         g_scanning = 0;
@@ -86,61 +87,33 @@ TEST_F(Indications, AnnouncedMessages)
     EXPECT_EQ(log_count("Enqueue message index: 9"), 0);
 }
 
-TEST_F(Indications, AReadMessageIsOnTheDiskBeforeTheAnswerIsHandedOver)
+TEST_F(Indications, MessagesInAnswersToOthersAreStored)
 {
     handle("\r\n+CMGR: 0,,29\r\n" + HELLO + "\r\n\r\nOK\r\n");
-    EXPECT_EQ(fake_shell.commands, (Lines{UNREAD}));
-    EXPECT_TRUE(fake_link.sent.empty());
+    EXPECT_EQ(g_sms_sweep, 0);
     EXPECT_TRUE(messages_on_disk());
     EXPECT_EQ(log_count("\"sender\":\t\"491701234567\"", LOG_INFO), 1);
     EXPECT_EQ(on_disk(), (Lines{"491701234567 Hello"}));
-    handle("\r\n+CMGR: 1,,29\r\n" + HELLO + "\r\n\r\nOK\r\n");
-    EXPECT_EQ(fake_shell.commands.size(), 1u) << "a duplicate is not unread again";
     handle("+CMGR: 1,,29\r\n" + NUMBER + "\r\n\r\nOK\r\n");
     EXPECT_EQ(on_disk().size(), 2u);
-}
 
-TEST_F(Indications, AListingIsStoredAtOnceAndThenDeleted)
-{
-    handle("\r\n+CMGL: 1,1,,23\r\n" + HELLO + "\r\n+CMGL: 2,1,,23\r\n" + PART_2 +
-           "\r\n+CMGL: 3,1,,23\r\nrubbish\r\n+CMGL: 4,1,,23\r\n" + PART_1 + "\r\n\r\nOK\r\n");
-    EXPECT_EQ(fake_link.sent, (Lines{"AT+CMGD=0,3\r"}));
-    EXPECT_EQ(fake_shell.commands, (Lines{UNREAD}));
-    EXPECT_EQ(fake_files.calls, 3) << "one open, one write, one sync";
-    EXPECT_EQ(on_disk(), (Lines{"491701234567 Hello", "491701234567 2=\xDE" + std::string(1, '\0') + " 1=\xD8= +"}));
-}
-
-TEST_F(Indications, WhatIsNotSavedStaysOnTheSim)
-{
-    fake_files.fail_at = 1;
-    fake_files.cut = true;
-    handle("+CMGL: 1,1,,23\r\n" + HELLO + "\r\nOK\r\n");
+    int calls = fake_files.calls;
+    handle("\r\n+CMGL: 1,1,,23\r\n" + HELLO + "\r\n+CMGL: 2,1,,23\r\n" + PART_2 + "\r\n+CMGL: 3,1,,23\r\nrubbish\r\n" +
+           "+CMGL: 5,2,,23\r\n" + NUMBER + "\r\n+CMGL: 4,1,\"A,B\",23\r\n+CMTI: \"SM\",9\r\n" + PART_1 +
+           "\r\n\r\nOK\r\n");
+    EXPECT_EQ(fake_files.calls - calls, 3) << "one open, one write, one sync";
+    EXPECT_EQ(g_sms_sweep, 1) << "the requester clears the places";
     EXPECT_TRUE(fake_link.sent.empty());
-    EXPECT_FALSE(messages_on_disk());
-    EXPECT_EQ(stored().size(), 1u);
-    fake_files.fail_at = 0;
-    handle("+CMGL: 1,1,,23\r\n" + HELLO + "\r\nOK\r\n"); // a duplicate that is still to be saved
-    EXPECT_EQ(fake_link.sent, (Lines{"AT+CMGD=0,3\r"}));
-    EXPECT_EQ(on_disk().size(), 1u);
-
-    forget_store(); // as after save_and_free_messages
-    handle("+CMGR: 1,,23\r\n" + HELLO + "\r\nOK\r\n");
-    EXPECT_EQ(log_count("Append failed: {\"alphabet\":1,\"sender\":\"491701234567\"", LOG_ERR), 1);
-    EXPECT_FALSE(messages_on_disk());
-    start_message_store();
-    EXPECT_EQ(save_messages(MESSAGE_FILE), 0);
-    EXPECT_FALSE(messages_on_disk()) << "that message is lost if the SIM forgets it";
-    handle("+CMGR: 1,,23\r\nrubbish\r\nOK\r\n");
-    EXPECT_TRUE(messages_on_disk()) << "what is no message may go";
+    EXPECT_EQ(on_disk(),
+              (Lines{"491701234567 Hello", "12345 hi", "491701234567 2=\xDE" + std::string(1, '\0') + " 1=\xD8= +"}));
 }
 
 TEST_F(Indications, OnlyTheLineBehindAHeaderIsAMessage)
 {
-    handle(HELLO + "\r\n+CMGR: 0,,1\r\n+CSQ: 1,2\r\n" + HELLO + "\r\n+CMGR: 0,,1\r\nOK\r\n" + HELLO +
-           "\r\n+CMT: ,23\r\n" + HELLO + "\r\n" + HELLO);
+    handle(HELLO + "\r\n+CMGR: 0,,1\r\nOK\r\n" + HELLO + "\r\n+CMT: ,23\r\n" + HELLO + "\r\n" + HELLO +
+           "\r\n+CDS: 25\r\n" + HELLO + "\r\n+CMGR: \"REC READ\",\"+49\",,\"\"\r\n" + HELLO);
     EXPECT_EQ(stored(), Lines{});
     EXPECT_EQ(fake_link.sent, (Lines{"AT+CNMA\r"}));
-    EXPECT_TRUE(fake_shell.commands.empty());
     EXPECT_EQ(fake_files.calls, 0);
 }
 
@@ -148,6 +121,7 @@ TEST_F(Indications, SimReady)
 {
     handle("+SIM READY\r\n");
     EXPECT_EQ(fake_link.sent, (Lines{"AT+CPMS=\"SM\",\"SM\",\"SM\"\r", "AT+CMGF=0\r", "AT+CNMI=2,1\r", "AT+CPMS?\r"}));
+    EXPECT_EQ(g_sms_sweep, 1);
 }
 
 TEST_F(Indications, PacketDataContext)
@@ -190,9 +164,9 @@ TEST_F(Indications, FullStorage)
     for (const char *line : {"+CPMS: \"SM\",49,50,\"SM\",50,50", "+CPMS: 50,50,50,50,50,50", "+CPMS: \"SM\"",
                              "+CPMS: \"SM\",", "+CPMS: \"SM\",50", "+CPMS: \"ME\",5,5"})
         handle(line);
-    EXPECT_TRUE(indexes.empty());
+    EXPECT_EQ(g_sms_sweep, 0);
     handle("+CPMS: \"ME\",1,9,\"SM\",50,50,\"SM\",49,50");
-    EXPECT_EQ(indexes, (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    EXPECT_EQ(g_sms_sweep, 1) << "what is on it is fetched";
     EXPECT_EQ(log_count("SIM sms storage full.", LOG_ERR), 1);
 }
 

@@ -85,6 +85,28 @@ TEST(MessageDecode, GivesTheRecordOfAPdu)
         std::string::npos);
 }
 
+// The store keeps no header: what needs the tables that one names is UTF-8 from here on.
+TEST(MessageDecode, TextsInNationalLanguageTables)
+{
+    struct Row {
+        const char *what, *rest; // behind the service-centre address
+        int alphabet;
+        std::string text;
+    } rows[] = {
+        {"Turkish", "440C91947110325476000042305190623540090325010148760E6B", 3, "Işık"},
+        {"the same letters in both", "440C91947110325476000042305190623540070325010140A601", -1, "Hi"},
+        {"a part", "440C919471103254760000423051906235400D08000307020125010120D901", 3, "Iş"},
+    };
+    for (const Row &row : rows) {
+        DecodedMessage *message = nullptr;
+        ASSERT_EQ(decode_message("0891947122575555F0" + std::string(row.rest), &message), 0) << row.what;
+        EXPECT_EQ(message->alphabet, row.alphabet) << row.what;
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(user_data_of(message)), message->length), row.text)
+            << row.what;
+        free(message);
+    }
+}
+
 TEST(MessageDecode, RefusesWhatIsNoPdu)
 {
     for (const std::string &line :

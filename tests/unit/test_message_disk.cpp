@@ -113,6 +113,7 @@ TEST_F(MessageDisk, WhatIsNoFile)
     std::string pipe = folder + "/pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     EXPECT_EQ(load_messages(pipe.c_str()), 0) << "and does not wait for a writer";
-    EXPECT_EQ(save_messages((folder + "/none/file").c_str()), -1);
+    EXPECT_EQ(save_messages((folder + "/none/file").c_str()), 0) << "the folder is made";
+    EXPECT_EQ(save_messages((folder + "/no/folder/file").c_str()), -1);
     EXPECT_EQ(save_messages((folder + "/" + std::string(5000, 'x')).c_str()), -1);
 }

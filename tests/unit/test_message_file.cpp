@@ -18,8 +18,9 @@ protected:
     void SetUp() override
     {
         fake_files.reset();
-        clear_log();
+        load_messages("/none"); // what failed before is forgotten
         forget_store();
+        clear_log();
     }
     void TearDown() override
     {
@@ -43,11 +44,14 @@ protected:
     // The bytes that a store of the present content gives when nothing of it is on the disk yet.
     static std::string rewritten()
     {
+        static int count;
+        std::string path = "/other" + std::to_string(++count);
         MessageArrayLock lock;
-        message_array.file.current = false;
-        EXPECT_EQ(write_message_file("/other", &message_array), 0);
-        message_array.file.current = false;
-        return fake_files.content("/other");
+        MessageFileState state = message_array.file;
+        message_array.file = {};
+        EXPECT_EQ(write_message_file(path.c_str(), &message_array), 0);
+        message_array.file = state;
+        return fake_files.content(path);
     }
 };
 
@@ -229,6 +233,117 @@ TEST_F(MessageFile, ReadErrorKeepsTheOldFile)
     EXPECT_GT(message_array.count, 300u);
     EXPECT_EQ(save(), 0);
     EXPECT_EQ(fake_files.content(PATH + ".full"), many);
+}
+
+// A folder that is mounted after the start, a file that cannot be read at first, a file that somebody else put there.
+TEST_F(MessageFile, AFileThatWasNeverLoadedIsTakenUp)
+{
+    const std::string other = MAGIC + SINGLE_RECORD + LONG_RECORD; // "491 read Hi" and parts 2 and 1 of 3
+    const Incoming same = {.text = "Hi", .sender = "491", .smsc = "1722"};
+    Incoming third = {.text = "C",
+                      .sender = "7",
+                      .index = 3,
+                      .total = 3,
+                      .ref = 258,
+                      .date = "24-03-16",
+                      .time = "10:00:01",
+                      .toa = "national",
+                      .alphabet = 2,
+                      .smsc = ""};
+    struct Row {
+        const char *what;
+        std::string before, after;
+        std::vector<Incoming> arrived;
+        Lines messages;
+    } rows[] = {
+        {"nothing came meanwhile", "", other, {}, {"491 read Hi", "7 2=\0B 1=\xFF"s}},
+        {"a message came", "", other, {{.sender = "new"}}, {"491 read Hi", "7 2=\0B 1=\xFF"s, "new text"}},
+        {"the same ones came", "", other, {same, third}, {"491 read Hi", "7 2=\0B 1=\xFF 3=C +"s}},
+        {"the store had a file of its own",
+         MAGIC,
+         other,
+         {{.sender = "new"}},
+         {"491 read Hi", "7 2=\0B 1=\xFF"s, "new text"}},
+        {"JSON appears",
+         "",
+         "[" + std::string(R"({"alphabet":-1,"sender":"491","date":"24-03-15","time":"09:26:53",)") +
+             R"("read":true,"smsc":"1722","from_toa":"international","message":[72, 105]}])",
+         {same},
+         {"491 read Hi"}},
+        {"what appears is damaged", "", "rubbish", {{.sender = "new"}}, {"new text"}},
+    };
+    for (bool routine : {true, false}) {
+        for (const Row &row : rows) {
+            SetUp();
+            if (!row.before.empty())
+                fake_files.put(PATH, row.before);
+            load_messages(PATH.c_str());
+            fake_files.put(PATH, row.after);
+            for (const Incoming &in : row.arrived)
+                add(in);
+            EXPECT_EQ(routine ? retry_messages(PATH.c_str()) : save(), 0) << row.what;
+            EXPECT_EQ(stored(), row.messages) << row.what;
+            std::string saved = file();
+            EXPECT_EQ(fake_files.has(PATH + ".damaged"), row.after == "rubbish") << row.what;
+            EXPECT_EQ(load(saved), 0);
+            EXPECT_EQ(stored(), row.messages) << row.what << " after a restart";
+        }
+    }
+}
+
+TEST_F(MessageFile, WhatCannotBeReadYetIsReadLater)
+{
+    fake_files.open_error = EACCES;
+    EXPECT_EQ(load(MAGIC + SINGLE_RECORD), -1);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(retry_messages(PATH.c_str()), -1);
+    EXPECT_EQ(log_count("open message data file failed", -1), 1) << "told once";
+    delete_all_messages();
+    EXPECT_EQ(save(), -1);
+    EXPECT_EQ(file(), MAGIC + SINGLE_RECORD);
+    fake_files.open_error = 0;
+    EXPECT_EQ(retry_messages(PATH.c_str()), 0);
+    EXPECT_EQ(stored(), (Lines{"491 read Hi"}));
+    save_and_free_messages();
+    fake_files.put(PATH, MAGIC + LONG_RECORD);
+    EXPECT_EQ(retry_messages(PATH.c_str()), -1) << "the daemon stops";
+    EXPECT_FALSE(message_array.present);
+    forget_store();
+}
+
+// A copy is kept of every file of which something may be lost, before it is replaced.
+TEST_F(MessageFile, AFlippedBitLosesNothingWithoutACopy)
+{
+    const std::string whole = MAGIC + SINGLE_RECORD + LONG_RECORD + SINGLE_RECORD;
+    const size_t sizes[] = {SINGLE_RECORD.size(), LONG_RECORD.size(), SINGLE_RECORD.size()};
+    unsigned kept = 0;
+    for (size_t bit = 0; bit < whole.size() * 8; bit++) {
+        std::string flipped = whole;
+        flipped[bit / 8] = static_cast<char>(flipped[bit / 8] ^ 1 << bit % 8);
+        fake_files.reset();
+        fake_files.put(PATH, flipped);
+        forget_store();
+        start_message_store();
+        add({.sender = "new"});
+        EXPECT_EQ(save(), 0);
+        bool structure = message_array.count != 4;
+        for (size_t i = 0; i < 3 && !structure; i++)
+            structure = message_array.items[i]->size != sizes[i];
+        if (structure) {
+            EXPECT_EQ(fake_files.content(PATH + ".damaged"), flipped) << "bit " << bit;
+            kept++;
+        }
+    }
+    EXPECT_GT(kept, 100u);
+}
+
+TEST_F(MessageFile, AMissingFolderIsMade)
+{
+    fake_files.no_folder = true;
+    EXPECT_EQ(load_messages(PATH.c_str()), 0);
+    add({});
+    EXPECT_EQ(save(), 0);
+    EXPECT_FALSE(fake_files.no_folder);
 }
 
 TEST_F(MessageFile, AFileBeyondTheStoreIsKeptAside)

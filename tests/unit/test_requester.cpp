@@ -16,28 +16,54 @@
 #include "fake_shell.h"
 #include "fake_wanmd.h"
 #include "log.h"
-#include "message_store.h"
 #include "modem_init.h"
 #include "resp_processor.h"
 
 using Answer = FakeLink::Answer;
 using Strings = std::vector<std::string>;
 
-// What the requester needs of the units that it does not test: the message store, the response processor, the
+// What the requester needs of the units that it does not test: the messages, the response processor, the
 // initialisation.
 std::atomic<uint8_t> g_sms_sweep{0};
-static bool on_disk = true;
-static std::vector<int32_t> indexes_done;
+static std::vector<int32_t> fetched;
+static int routines, listings, listings_due;
 static int modem_runs, modem_result, pre_execute_runs, pre_execute_result;
 
-bool messages_on_disk()
+MessageFetch message_fetch_start()
 {
-    return on_disk;
+    return {};
 }
 
-void sms_index_done(int32_t index)
+bool next_announced(int32_t *place, uint32_t wait_ms)
 {
-    indexes_done.push_back(index);
+    void *element =
+        wait_ms ? pool_queue_pop_for(&incomming_sms_queue, wait_ms) : pool_queue_try_pop(&incomming_sms_queue);
+    if (!element)
+        return false;
+    memcpy(place, element, sizeof *place);
+    pool_queue_release(&incomming_sms_queue, element);
+    return true;
+}
+
+void fetch_announced(MessageFetch *, int32_t place)
+{
+    fetched.push_back(place);
+}
+
+bool listing_is_due(const MessageFetch *)
+{
+    return listings_due > 0;
+}
+
+void fetch_listed(MessageFetch *)
+{
+    listings += listings_due > 0;
+    listings_due -= listings_due > 0;
+}
+
+void fetch_routine(MessageFetch *)
+{
+    routines++;
 }
 
 int set_modem()
@@ -63,8 +89,8 @@ protected:
         fake_clock.reset();
         fake_wanmd.reset();
         clear_log();
-        indexes_done.clear();
-        on_disk = true;
+        fetched.clear();
+        routines = listings = listings_due = 0;
         modem_runs = modem_result = pre_execute_runs = pre_execute_result = 0;
         settings_g.requester_interval_s = 5;
         for (auto *flag : {&g_connecting, &ip_family_updated, &g_scanning, &t_requester_ready, &g_sms_sweep})
@@ -111,8 +137,8 @@ TEST_F(Requester, ModemIsInitialisedWhenItIsTheExpectedOne)
 
 TEST_F(Requester, AModemInTheMiddleOfAScanIsWaitedFor)
 {
-    fake_link.answer_in_turn({"\r\n+CME ERROR: 14\r\n", "\r\n+CME ERROR: 14\r\n", std::nullopt, "\r\n+CME ERROR: 14\r\n",
-                              ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""})});
+    fake_link.answer_in_turn({"\r\n+CME ERROR: 14\r\n", "\r\n+CME ERROR: 14\r\n", std::nullopt,
+                              "\r\n+CME ERROR: 14\r\n", ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""})});
     fake_clock.on_sleep = [this](uint32_t) {
         if (modem_runs == 1)
             running.store(0);
@@ -239,7 +265,7 @@ TEST_F(Requester, FamilyIsAskedForOnceInEachAttempt)
     begin_connect_watch();
     requester_pass(&state);
     EXPECT_EQ(fake_link.sent, Strings{"AT+CGDCONT?\r"});
-    EXPECT_TRUE(indexes_done.empty());
+    EXPECT_TRUE(fetched.empty());
 }
 
 TEST_F(Requester, AnAttemptThatBeginsDuringTheCheckIsWatched)
@@ -266,107 +292,27 @@ TEST_F(Requester, AContextThatIsNeverReportedIsNotWaitedForForEver)
     EXPECT_EQ(log_count("no longer watched", LOG_ERR), 1);
     announce(3);
     requester_pass(&state);
-    EXPECT_EQ(indexes_done, std::vector<int32_t>{3});
+    EXPECT_EQ(fetched, std::vector<int32_t>{3});
 }
 
-TEST_F(Requester, AnAnnouncedMessageIsReadAndDeleted)
-{
-    const std::string read = "AT+CMGR=7\r";
-    const std::string erase = "AT+CMGD=7\r";
-    const Answer message = ok_answer({"+CMGR: 0,,29", "0791190000000000240C91190000000010000051109071830322"});
-    const Answer error = "\r\n+CMS ERROR: 321\r\n";
-    struct {
-        std::map<std::string, std::vector<Answer>> answers;
-        Strings sent;
-        const char *message;
-        size_t pauses; // of 100 ms
-    } rows[] = {
-        {{{read, {message}}}, {read, erase}, nullptr, 0},
-        {{{read, {error, std::nullopt, message}}}, {read, read, read, erase}, nullptr, 2},
-        {{{read, {error}}}, {read, read, read}, "read sms 7 failed\n", 3},
-        {{{read, {"\r\n+CMGR: 0,,29\r\n"}}}, {read, read, read}, "read sms 7 failed\n", 3},
-        {{{read, {message}}, {erase, {error, "\r\nOK\r\n"}}}, {read, erase, erase}, nullptr, 1},
-        {{{read, {message}}, {erase, {error}}}, {read, erase, erase, erase}, "delete sms 7 failed\n", 3},
-        // Without an answer the next message may stand there already: it is read before it is deleted.
-        {{{read, {message}}, {erase, {std::nullopt}}},
-         {read, erase, read, erase, read, erase},
-         "delete sms 7 failed\n",
-         3},
-        {{{read, {message, error}}, {erase, {std::nullopt}}}, {read, erase, read}, nullptr, 1},
-    };
-    for (const auto &row : rows) {
-        fake_link.reset();
-        fake_clock.reset();
-        clear_log();
-        std::map<std::string, size_t> turns;
-        fake_link.answer = [&](const std::string &command) {
-            auto planned = row.answers.find(command);
-            if (planned == row.answers.end())
-                return Answer("\r\nOK\r\n");
-            const size_t turn = std::min(turns[command]++, planned->second.size() - 1);
-            return planned->second[turn];
-        };
-        announce(7);
-        requester_pass(&state);
-        EXPECT_EQ(fake_link.sent, row.sent);
-        EXPECT_EQ(fake_link.expected.front(), "+CMGR:");
-        EXPECT_EQ(static_cast<size_t>(std::count(fake_clock.sleeps.begin(), fake_clock.sleeps.end(), 100u)),
-                  row.pauses);
-        EXPECT_EQ(log_count("sms", LOG_ERR), row.message ? 1 : 0);
-        EXPECT_EQ(log_count(row.message ? row.message : "sms", LOG_ERR), row.message ? 1 : 0);
-    }
-    EXPECT_EQ(indexes_done, std::vector<int32_t>(std::size(rows), 7));
-    EXPECT_EQ(pool_queue_try_pop(&incomming_sms_queue), nullptr);
-    for (int i = 0; i < 127; i++) // every element went back
-        EXPECT_NE(pool_queue_try_alloc(&incomming_sms_queue), nullptr);
-}
-
-TEST_F(Requester, AMessageThatIsNotOnDiskStaysOnTheSim)
-{
-    on_disk = false;
-    announce(4);
-    requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings{"AT+CMGR=4\r"});
-    EXPECT_EQ(log_count("message store not saved, sms 4 kept on SIM", LOG_ERR), 1);
-}
-
-TEST_F(Requester, OneMessageIsTakenInAPassAndNoneDuringAScan)
+TEST_F(Requester, MessagesAreTakenBetweenScans)
 {
     announce(1);
     announce(2);
     g_scanning.store(1);
     requester_pass(&state);
-    EXPECT_TRUE(indexes_done.empty());
+    EXPECT_TRUE(fetched.empty());
     g_scanning.store(0);
     requester_pass(&state);
-    EXPECT_EQ(indexes_done, std::vector<int32_t>{1});
+    EXPECT_EQ(fetched, std::vector<int32_t>{1});
+    EXPECT_EQ(listings, 0) << "the announced ones come first";
     requester_pass(&state);
-    EXPECT_EQ(indexes_done, (std::vector<int32_t>{1, 2}));
-}
-
-TEST_F(Requester, TheSimIsListedWhenIndexesWereDroppedAndTheQueueIsEmpty)
-{
-    const std::string listing = "AT+CMGL=4\r";
-    g_sms_sweep.store(1);
-    announce(1);
-    requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CMGR=1\r", "AT+CMGD=1\r"}));
-    fake_link.reset();
-    fake_link.answer_in_turn({std::nullopt, "\r\n+CME ERROR: 100\r\n", "\r\nOK\r\n"});
+    EXPECT_EQ(fetched, (std::vector<int32_t>{1, 2}));
     const int64_t then = fake_clock.now_ms;
-    requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings(1, listing)); // not again before the next routine
-    EXPECT_GE(fake_clock.now_ms, then + 1000);
-    for (int i = 0; i < 15; i++)
+    listings_due = 3;
+    for (int i = 0; i < 3; i++)
         requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings(3, listing));
-    fake_link.reset();
-    fake_link.answer_always("\r\n+CMS ERROR: 310\r\n");
-    g_sms_sweep.store(1);
-    for (int i = 0; i < 15; i++)
-        requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings(1, listing)); // no SIM
-    EXPECT_EQ(fake_link.expected.front(), "");
-    EXPECT_EQ(fake_link.timeouts.front(), 10000u);
-    EXPECT_EQ(g_sms_sweep.load(), 0);
+    EXPECT_EQ(listings, 3);
+    EXPECT_EQ(fake_clock.now_ms, then + 5001 - 100) << "waits for the next routine when nothing is due";
+    EXPECT_EQ(routines, log_count("Doing routine"));
 }
