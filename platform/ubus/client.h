@@ -22,7 +22,6 @@ enum class client_read {
 enum class client_wait {
     ready,
     timed_out,
-    interrupted, // by a signal, with uloop_cancelled set
 };
 
 int64_t ubus_now_ms();
@@ -50,7 +49,7 @@ void forget_pending(ubus_context *ctx);
 int run_request(ubus_context *ctx, ubus_request *req, ubus_msg_type type, uint32_t peer, blob_attr *blob,
                 int timeout_ms);
 
-// Registers all objects and patterns of the context with a new broker; the first failure's status.
+// Registers all objects of the context with a new broker; the first failure's status.
 int register_all(ubus_context *ctx);
 void forget_objects(ubus_context *ctx);
 

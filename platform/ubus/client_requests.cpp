@@ -143,8 +143,6 @@ int wait_for_status(ubus_context *ctx, ubus_request *req, int64_t deadline)
             break;
         case client_wait::timed_out:
             return UBUS_STATUS_TIMEOUT;
-        case client_wait::interrupted:
-            return UBUS_STATUS_UNKNOWN_ERROR;
         }
     }
 }

@@ -50,7 +50,6 @@ void broker::remove_client(bus_client &client)
         forget_object(entry);
     }
     clients.erase(id);
-    end_calls(gone, UBUS_STATUS_CONNECTION_FAILED);
     for (auto &[object, path] : named)
         send_object_event("ubus.object.remove", object, path);
 }
@@ -120,20 +119,8 @@ int broker::handle_invoke(bus_client &client, const message_header &header, blob
     message_sink &owner = *found->second.owner->sink;
     if (owner.queued() + call.bytes().size() > owner_backlog_max)
         return UBUS_STATUS_NO_MEMORY;
-    if (!no_reply)
-        remember_call(client, header.seq, id);
     owner.send(make_message({0, UBUS_MSG_INVOKE, header.seq, client.id}, call.bytes()));
     return no_status;
-}
-
-void broker::remember_call(bus_client &client, uint16_t seq, uint32_t object)
-{
-    if (client.calls.size() == calls_per_client_max) {
-        call_in_progress oldest = client.calls.front();
-        client.calls.pop_front();
-        send_status(client, oldest.seq, oldest.object, UBUS_STATUS_TIMEOUT);
-    }
-    client.calls.push_back({seq, object});
 }
 
 void broker::pass_answer(bus_client &client, bus_message &message, blob_attr **tb)
@@ -144,27 +131,7 @@ void broker::pass_answer(bus_client &client, bus_message &message, blob_attr **t
     const uint32_t id = blob_get_u32(tb[UBUS_ATTR_OBJID]);
     if (!client.objects.contains(id))
         return;
-    auto &calls = caller->second->calls;
-    auto call = std::find_if(calls.begin(), calls.end(),
-                             [&](const call_in_progress &c) { return c.seq == message.header.seq && c.object == id; });
-    if (call == calls.end())
-        return;
-    if (message.header.type == UBUS_MSG_STATUS)
-        calls.erase(call);
     caller->second->sink->send(make_message({0, message.header.type, message.header.seq, id}, message.blob));
-}
-
-void broker::end_calls(const std::set<uint32_t> &gone, ubus_msg_status status)
-{
-    if (gone.empty())
-        return;
-    for (auto &[id, client] : clients) {
-        for (const call_in_progress &call : client->calls) {
-            if (gone.contains(call.object))
-                send_status(*client, call.seq, call.object, status);
-        }
-        std::erase_if(client->calls, [&](const call_in_progress &call) { return gone.contains(call.object); });
-    }
 }
 
 void broker::send_status(bus_client &client, uint16_t seq, uint32_t peer, int status)

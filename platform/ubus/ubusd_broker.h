@@ -4,7 +4,6 @@
 
 #include "ubusd_message.h"
 
-#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -15,7 +14,6 @@
 constexpr size_t objects_per_client_max = 1024;
 constexpr size_t signature_bytes_per_client_max = 4 * UBUS_MAX_MSGLEN;
 constexpr size_t patterns_per_client_max = 1024;
-constexpr size_t calls_per_client_max = 1024;
 // A call is refused while this much waits for its owner, so that callers cannot get an owner dropped that is only busy.
 constexpr size_t owner_backlog_max = 2 * UBUS_MAX_MSGLEN;
 
@@ -42,18 +40,12 @@ struct bus_object {
     std::vector<std::string> patterns; // of events
 };
 
-struct call_in_progress {
-    uint16_t seq;
-    uint32_t object;
-};
-
 struct bus_client {
     uint32_t id;
     message_sink *sink;
     std::string user;
     std::string group;
     std::set<uint32_t> objects;
-    std::deque<call_in_progress> calls; // made by this client, oldest first
     size_t signature_bytes = 0;
     size_t pattern_count = 0;
 };
@@ -62,7 +54,7 @@ class broker {
 public:
     // Puts a client on the bus and greets it. The sink must live until remove_client.
     bus_client &add_client(message_sink &sink, std::string user, std::string group);
-    // Takes the client off with its objects; calls in progress on them end with `connection failed`.
+    // Takes the client off with its objects; whoever waits for an answer of them is not told.
     void remove_client(bus_client &client);
     void receive(bus_client &client, bus_message &message);
 
@@ -81,8 +73,6 @@ private:
     void pass_answer(bus_client &client, bus_message &message, blob_attr **tb);
 
     int resolve_type(bus_client &client, blob_attr **tb, std::shared_ptr<bus_object_type> &type);
-    void remember_call(bus_client &client, uint16_t seq, uint32_t object);
-    void end_calls(const std::set<uint32_t> &gone, ubus_msg_status status);
     void forget_object(bus_object &object);
     void send_object(bus_client &client, const message_header &header, const bus_object &object);
     void send_object_event(const char *id, uint32_t object, const std::string &path);

@@ -72,6 +72,7 @@ protected:
 
     void add_object()
     {
+        uloop_handle_sigchld = false; // this test waits for its own processes
         context = ubus_connect(socket_path);
         ASSERT_NE(context, nullptr);
         uloop_init();

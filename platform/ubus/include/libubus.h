@@ -1,7 +1,8 @@
 /*
  * Client of the bus. A context belongs to one thread. Functions that return int return an ubus_msg_status; every wait in
- * here ends: connecting after 2 s, requests to the broker after 5 s, a call after its own time-out, and any of them with
- * UBUS_STATUS_UNKNOWN_ERROR when a signal interrupts it while uloop_cancelled is set.
+ * here ends: connecting after 2 s, requests to the broker after 5 s, a call after its own time-out. Connecting begins with
+ * uloop_init, so a SIGINT that comes during a call only sets uloop_cancelled and the call goes on, unless the process has
+ * an action of its own.
  */
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
@@ -20,7 +21,6 @@ struct ubus_request;
 struct ubus_request_data;
 struct ubus_object_data;
 struct ubus_event_handler;
-struct ubus_event_pattern;
 
 /* Answers a call: 0 or the status for the caller. msg lives until the handler returns. */
 typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
@@ -91,7 +91,6 @@ struct ubus_context {
     void (*connection_lost)(struct ubus_context *ctx);
 
     /* of the library itself */
-    struct list_head patterns;
     int n_pending;
     bool lost;
     uint8_t rx_head[12]; /* message header and the blob's first word */
@@ -138,8 +137,9 @@ struct ubus_request {
 struct ubus_context *ubus_connect(const char *path);
 
 /*
- * Connects again after the connection was lost and registers all objects and event handlers anew, under new ids. The
- * descriptor is not in the loop afterwards: call ubus_add_uloop. Calls that were in progress are forgotten.
+ * Connects again after the connection was lost and registers all objects anew, under new ids; patterns of events and
+ * subscriptions are the caller's to register again. The descriptor is not in the loop afterwards: call ubus_add_uloop.
+ * Calls that were in progress are forgotten.
  */
 int ubus_reconnect(struct ubus_context *ctx, const char *path);
 void ubus_free(struct ubus_context *ctx);
@@ -174,7 +174,10 @@ int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, stru
 
 /* Sends an answer of any size; the broker closes the connection for one above UBUS_MAX_MSGLEN. */
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg);
-/* The caller's wait goes on after the handler has returned, until the copy is completed. */
+/*
+ * The caller's wait goes on after the handler has returned, until the copy is completed, which is to be done once. Whether
+ * the caller still waits then does not matter. The texts of the copy's acl are not to be used.
+ */
 void ubus_defer_request(struct ubus_context *ctx, struct ubus_request_data *req, struct ubus_request_data *new_req);
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret);
 

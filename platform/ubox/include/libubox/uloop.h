@@ -43,7 +43,16 @@ struct uloop_timeout {
  */
 extern bool uloop_cancelled;
 
-/* 0, or -1. Calling it again without uloop_done is harmless. */
+/*
+ * Whether the loop waits for all children of the process (waitpid(-1)), those of other threads too. Cleared before
+ * uloop_init and ubus_connect it leaves them alone.
+ */
+extern bool uloop_handle_sigchld;
+
+/*
+ * 0, or -1. Calling it again without uloop_done is harmless. From here to uloop_done SIGINT and SIGTERM end the loop,
+ * SIGPIPE is ignored and SIGCHLD makes it wait for children, each only where the action was the default one.
+ */
 int uloop_init(void);
 void uloop_done(void);
 
@@ -63,7 +72,7 @@ int uloop_timeout_cancel(struct uloop_timeout *timeout);
 int uloop_timeout_remaining(struct uloop_timeout *timeout);
 
 /*
- * Serves until uloop_cancelled is set, by uloop_end or by SIGINT or SIGTERM, whose actions are its own while it runs.
+ * Serves until uloop_cancelled is set, by uloop_end or by SIGINT or SIGTERM.
  * With a timeout of 0 or more: one wait of at most so many milliseconds and what it brings. Returns the signal that ended
  * it, or 0.
  */
