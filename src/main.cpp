@@ -18,6 +18,7 @@
 #include "requester.h"
 #include "resp_processor.h"
 #include "service.h"
+#include "shell.h"
 #include "waiting.h"
 #include "wanmd.h"
 
@@ -121,6 +122,7 @@ static void join_workers()
 int main()
 {
     sigset_t signals = stop_signals();
+    claim_children();
     celmuxd_wanmd_socket_init();
     if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
         log_error("pthread_sigmask failed");
