@@ -184,14 +184,7 @@ int ubus_lookup(ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, v
 
 int ubus_lookup_id(ubus_context *ctx, const char *path, uint32_t *id)
 {
-    uint32_t found = 0;
-    int status = ubus_lookup(ctx, path, take_id, &found);
-    if (status != UBUS_STATUS_OK)
-        return status;
-    if (!found)
-        return UBUS_STATUS_NOT_FOUND;
-    *id = found;
-    return UBUS_STATUS_OK;
+    return ubus_lookup(ctx, path, take_id, id);
 }
 
 int ubus_send_event(ubus_context *ctx, const char *id, blob_attr *data)

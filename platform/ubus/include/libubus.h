@@ -161,7 +161,10 @@ static inline void ubus_handle_event(struct ubus_context *ctx)
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
-/* Calls cb for every object at the path (null: all; a trailing * takes what begins so). Not found is status 4. */
+/*
+ * Calls cb for every object at the path (null: all; a trailing * takes what begins so). Not found is status 4; an object
+ * that this client may not use is found and not shown, and *id stays as it was.
+ */
 int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv);
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
 
