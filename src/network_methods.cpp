@@ -240,10 +240,11 @@ int handle_at_passthrough(HANDLER_ARGUMENTS)
         timeout_ms = std::min(blobmsg_get_u32(fields[AT_PASSTHROUGH_TIMEOUT_MS]), LONGEST_MS);
     char *answer = nullptr;
     int result = request(blobmsg_get_string(fields[AT_PASSTHROUGH_AT]), &answer, nullptr, 1, timeout_ms);
+    if (result == 0 && !answer) // cut off by the stop
+        result = -1;
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
-    const char *text = answer ? answer : "";
-    reply_add_string("resp", result == 0 ? text : "failure to send at command");
+    reply_add_string("resp", result == 0 ? answer : "failure to send at command");
     free(answer);
     return reply_send(ctx, req);
 }

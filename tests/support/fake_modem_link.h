@@ -17,6 +17,7 @@ struct FakeLink {
     std::function<Answer(const std::string &command)> answer; // default: "\r\nOK\r\n"
     int mutex_error = 0;                // when not 0, request returns it and sends nothing
     int enqueue_result = 0;             // what at_enqueue returns
+    bool stopping = false;              // request returns 0 without an answer, as it does when the daemon stops
 
     void reset();
     // Answers these in turn, then the last one for ever.
