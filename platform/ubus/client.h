@@ -41,6 +41,11 @@ void fail_connection(ubus_context *ctx);
 // Acts on a message and frees it. Calls are put aside while the client waits for an answer.
 void dispatch_message(ubus_context *ctx, client_message &message);
 
+// Subscribers of an object came or went, or the target of a subscription is gone.
+void take_subscription_change(ubus_context *ctx, uint8_t type, ubus_object *obj, blob_attr **tb);
+// One answer to a notification: the broker's list of subscribers, or that of one of them.
+void take_notify_status(ubus_request *req, uint32_t peer, blob_attr **tb);
+
 // Serves the calls that were put aside.
 void serve_pending(ubus_context *ctx);
 void forget_pending(ubus_context *ctx);

@@ -85,8 +85,11 @@ int broker::handle_request(bus_client &client, bus_message &message, blob_attr *
     case UBUS_MSG_REMOVE_OBJECT:
         return handle_remove_object(client, header, tb);
     case UBUS_MSG_SUBSCRIBE:
+        return handle_subscribe(client, tb);
     case UBUS_MSG_UNSUBSCRIBE:
+        return handle_unsubscribe(client, tb);
     case UBUS_MSG_NOTIFY:
+        return handle_notify(client, header, tb);
     case UBUS_MSG_MONITOR:
         return UBUS_STATUS_NOT_SUPPORTED;
     default:
@@ -99,24 +102,29 @@ int broker::handle_invoke(bus_client &client, const message_header &header, blob
     if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_METHOD])
         return UBUS_STATUS_INVALID_ARGUMENT;
     const uint32_t id = blob_get_u32(tb[UBUS_ATTR_OBJID]);
-    const char *method = blob_get_string(tb[UBUS_ATTR_METHOD]);
     if (id == UBUS_SYSTEM_OBJECT_EVENT)
-        return handle_event_call(client, method, tb[UBUS_ATTR_DATA]);
+        return handle_event_call(client, blob_get_string(tb[UBUS_ATTR_METHOD]), tb[UBUS_ATTR_DATA]);
     auto found = objects.find(id);
     if (found == objects.end())
         return UBUS_STATUS_NOT_FOUND;
 
+    return forward_call(client, header, tb, found->second);
+}
+
+// Gives a call or a notification to an object's owner.
+int broker::forward_call(bus_client &client, const message_header &header, blob_attr **tb, const bus_object &object)
+{
     blob_builder call;
-    call.put_u32(UBUS_ATTR_OBJID, id).put_string(UBUS_ATTR_METHOD, method);
+    call.put_u32(UBUS_ATTR_OBJID, object.id).put_string(UBUS_ATTR_METHOD, blob_get_string(tb[UBUS_ATTR_METHOD]));
     call.put_string(UBUS_ATTR_USER, client.user.c_str()).put_string(UBUS_ATTR_GROUP, client.group.c_str());
-    if (tb[UBUS_ATTR_DATA])
-        call.put(UBUS_ATTR_DATA, blob_data(tb[UBUS_ATTR_DATA]), blob_len(tb[UBUS_ATTR_DATA]));
-    const bool no_reply = flag(tb[UBUS_ATTR_NO_REPLY]);
-    if (no_reply)
+    // Always there: a library may refuse a call without data.
+    call.put(UBUS_ATTR_DATA, tb[UBUS_ATTR_DATA] ? blob_data(tb[UBUS_ATTR_DATA]) : nullptr,
+             tb[UBUS_ATTR_DATA] ? blob_len(tb[UBUS_ATTR_DATA]) : 0);
+    if (flag(tb[UBUS_ATTR_NO_REPLY]))
         call.put(UBUS_ATTR_NO_REPLY, "\1", 1);
     if (call.bytes().empty())
         return UBUS_STATUS_INVALID_ARGUMENT; // with what the broker adds it is larger than its owner takes
-    message_sink &owner = *found->second.owner->sink;
+    message_sink &owner = *object.owner->sink;
     if (owner.queued() + call.bytes().size() > owner_backlog_max)
         return UBUS_STATUS_NO_MEMORY;
     owner.send(make_message({0, UBUS_MSG_INVOKE, header.seq, client.id}, call.bytes()));

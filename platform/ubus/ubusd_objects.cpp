@@ -134,6 +134,7 @@ int broker::handle_remove_object(bus_client &client, const message_header &heade
 void broker::forget_object(bus_object &object)
 {
     bus_client &owner = *object.owner;
+    end_subscriptions(object);
     owner.pattern_count -= object.patterns.size();
     listeners.erase(object.id);
     if (!object.path.empty())

@@ -99,6 +99,28 @@ int large(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *
     return ubus_send_reply(ctx, req, reply.buf.head);
 }
 
+// Notifies once without and once with waiting for the subscribers.
+int notify(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *, blob_attr *msg)
+{
+    static uloop_timeout later;
+    static ubus_object *object;
+    object = obj;
+    (void)msg;
+    ubus_defer_request(ctx, req, &deferred);
+    later = {};
+    later.cb = [](uloop_timeout *) {
+        holder data;
+        blobmsg_add_u32(&data.buf, "index", 7);
+        int status = ubus_notify(context, object, "told", data.buf.head, -1);
+        if (status == UBUS_STATUS_OK)
+            status = ubus_notify(context, object, "asked", data.buf.head, 5000);
+        (void)reply_number(&deferred, "subscribed", object->has_subscribers);
+        ubus_complete_deferred_request(context, &deferred, status);
+    };
+    uloop_timeout_set(&later, 1);
+    return UBUS_STATUS_OK;
+}
+
 int end_loop(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *)
 {
     uloop_end();
@@ -122,6 +144,7 @@ const ubus_method methods[] = {
     UBUS_METHOD_NOARG("parked", count_parked),
     UBUS_METHOD_NOARG("release", release),
     UBUS_METHOD_NOARG("die", die),
+    UBUS_METHOD_NOARG("notify", notify),
 };
 
 // A process of its own that begins without connection and loop.
@@ -390,6 +413,63 @@ TEST_F(BusClient, EventsReachOthersByPattern)
     uloop_run();
     EXPECT_EQ(log.text, "modem{\"event\":\"scan_complete\"} network{} ");
     EXPECT_EQ(end_of(sender), 0);
+    uloop_done();
+}
+
+struct subscription_log {
+    ubus_subscriber subscriber = {};
+    std::string text;
+};
+
+int log_notification(ubus_context *, ubus_object *obj, ubus_request_data *, const char *type, blob_attr *msg)
+{
+    auto *log = container_of(container_of(obj, ubus_subscriber, obj), subscription_log, subscriber);
+    char *json = blobmsg_format_json_indent(msg, true, -1);
+    log->text += std::string(type) + json + " ";
+    free(json);
+    return UBUS_STATUS_PERMISSION_DENIED; // which nobody is told
+}
+
+void log_removal(ubus_context *, ubus_subscriber *subscriber, uint32_t)
+{
+    container_of(subscriber, subscription_log, subscriber)->text += "gone ";
+    uloop_end();
+}
+
+TEST_F(BusClient, NotificationsReachSubscribers)
+{
+    static subscription_log log; // lives as long as the client
+    log.subscriber.cb = log_notification;
+    log.subscriber.remove_cb = log_removal;
+    server object(client);
+    EXPECT_EQ(call("notify"), UBUS_STATUS_OK); // nobody listens
+    EXPECT_EQ(answers, "{\"subscribed\":0}");
+
+    uint32_t id = 0;
+    ASSERT_EQ(ubus_lookup_id(client, "celmux", &id), UBUS_STATUS_OK);
+    ASSERT_EQ(ubus_register_subscriber(client, &log.subscriber), UBUS_STATUS_OK);
+    EXPECT_EQ(ubus_subscribe(client, &log.subscriber, 5000), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(ubus_unsubscribe(client, &log.subscriber, id), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(ubus_subscribe(client, &log.subscriber, log.subscriber.obj.id), UBUS_STATUS_INVALID_ARGUMENT);
+    ASSERT_EQ(ubus_subscribe(client, &log.subscriber, id), UBUS_STATUS_OK);
+
+    // Another asks for the notifications, because a subscriber that waits for a call cannot answer one.
+    const pid_t other = in_process(client, [] {
+        std::string answer;
+        ubus_context *own = ubus_connect(socket_path);
+        int status = own ? call(own, answer, "notify", "{}", 10000) : -1;
+        if (status != UBUS_STATUS_OK || answer != "{\"subscribed\":1}")
+            return 1;
+        uint32_t owner = 0;
+        if (ubus_lookup_id(own, "celmux", &owner) != UBUS_STATUS_OK)
+            return 2;
+        return ubus_invoke(own, owner, "die", no_arguments(), nullptr, nullptr, 200) == UBUS_STATUS_TIMEOUT ? 0 : 3;
+    });
+    uloop_init();
+    ubus_add_uloop(client);
+    uloop_run(); // until the object is gone
+    EXPECT_EQ(log.text, "told{\"index\":7} asked{\"index\":7} gone ");
+    EXPECT_EQ(end_of(other), 0);
     uloop_done();
 }
 

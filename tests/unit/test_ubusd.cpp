@@ -201,7 +201,9 @@ TEST_F(Ubusd, RefusesWithAStatus)
         {"removal of another's object", "07", "0000000c 03000008" + object, 6},
         {"removal of nothing", "07", "00000004", 2},
         {"event without data", "05", "00000018 03000008 00000001 04000009 73656e64 00000000", 2},
-        {"subscription", "08", "00000004", 8},
+        {"subscription without target", "08", "00000004", 2},
+        {"notification of another's object", "0a", "00000014 03000008" + object + "04000006 6d000000", 6},
+        {"monitor", "0b", "00000004", 8},
         {"hello", "00", "00000004", 1},
         {"unknown message", "40", "00000004", 1},
     };

@@ -21,11 +21,17 @@ struct ubus_request;
 struct ubus_request_data;
 struct ubus_object_data;
 struct ubus_event_handler;
+struct ubus_subscriber;
 
 /* Answers a call: 0 or the status for the caller. msg lives until the handler returns. */
 typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
                               const char *method, struct blob_attr *msg);
 typedef void (*ubus_lookup_handler_t)(struct ubus_context *ctx, struct ubus_object_data *obj, void *priv);
+/* obj->has_subscribers has changed. */
+typedef void (*ubus_state_handler_t)(struct ubus_context *ctx, struct ubus_object *obj);
+/* The object with this id is gone; one that comes back has another id. */
+typedef void (*ubus_remove_handler_t)(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
+typedef bool (*ubus_new_object_handler_t)(struct ubus_context *ctx, struct ubus_subscriber *sub, const char *path);
 typedef void (*ubus_event_handler_t)(struct ubus_context *ctx, struct ubus_event_handler *ev, const char *type,
                                      struct blob_attr *msg);
 /* Takes one answer of a call; msg is null when the answer carries no data. req->priv is what ubus_invoke was given. */
@@ -70,6 +76,8 @@ struct ubus_object {
     uint32_t id;
     const char *path;
     struct ubus_object_type *type; /* its methods are shown to others */
+    ubus_state_handler_t subscribe_cb;
+    bool has_subscribers; /* a reconnection leaves it as it was */
     const struct ubus_method *methods; /* these are called */
     int n_methods;
 };
@@ -78,6 +86,17 @@ struct ubus_event_handler {
     struct ubus_object obj;
     ubus_event_handler_t cb;
 };
+
+/* Gets the notifications of objects of others as calls of cb. */
+struct ubus_subscriber {
+    struct list_head list;
+    struct ubus_object obj;
+    ubus_handler_t cb;
+    ubus_remove_handler_t remove_cb;
+    ubus_new_object_handler_t new_obj_cb; /* not supported here: null */
+};
+
+#define UBUS_MAX_NOTIFY_PEERS 16
 
 struct ubus_context {
     struct list_head requests;
@@ -131,6 +150,11 @@ struct ubus_request {
     ubus_data_handler_t data_cb;
     struct ubus_context *ctx;
     void *priv;
+
+    /* of the library itself: subscribers that have not answered a notification yet */
+    bool notify;
+    int n_awaited;
+    uint32_t awaited[UBUS_MAX_NOTIFY_PEERS + 1];
 };
 
 /* Connects to the broker at this path (null: UBUS_UNIX_SOCKET) and waits for its greeting. Null on failure. */
@@ -183,6 +207,21 @@ int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, str
  */
 void ubus_defer_request(struct ubus_context *ctx, struct ubus_request_data *req, struct ubus_request_data *new_req);
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret);
+
+/*
+ * Notifies all subscribers of an own object. With a time-out of 0 ms or more it waits until the first 16 of them have
+ * answered, whatever they answered; a negative one does not wait.
+ */
+int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg, int timeout);
+
+/* The subscriber stays the caller's, as an object does. Subscribing twice delivers twice; to objects of others only. */
+int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub);
+static inline int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub)
+{
+    return ubus_remove_object(ctx, &sub->obj);
+}
+int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
+int ubus_unsubscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 
 int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data);
 /* Several patterns may be registered for one handler. The handler's object is removed with ubus_remove_object. */
