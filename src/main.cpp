@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -119,8 +120,22 @@ static void join_workers()
     }
 }
 
+// libubus clears 64 KiB when it connects, for messages that are seldom so large. With one heap for all threads, and no
+// room kept in it, such a block is mapped: it is clear already, costs what is used of it and goes back when it is
+// freed.
+static void keep_heap_small()
+{
+#ifdef M_ARENA_MAX // of glibc; a router's C library has one heap and maps such blocks anyway
+    constexpr int LARGE = 32768;
+    (void)mallopt(M_ARENA_MAX, 1);
+    (void)mallopt(M_TOP_PAD, 0);
+    (void)mallopt(M_MMAP_THRESHOLD, LARGE);
+#endif
+}
+
 int main()
 {
+    keep_heap_small();
     sigset_t signals = stop_signals();
     claim_children();
     celmuxd_wanmd_socket_init();
