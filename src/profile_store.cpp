@@ -11,7 +11,8 @@
 #include "uci_access.h"
 
 constexpr const char *PACKAGE = "profiles";
-constexpr size_t KEY_SIZE = 128;
+constexpr size_t KEY_SIZE = 192;
+constexpr int PLACES_TRIED = 5;
 
 enum class FieldType : uint8_t { NUMBER, TEXT, SECRET };
 
@@ -219,13 +220,33 @@ static int set_values(UciSession *session, const char *section, const FieldValue
 struct ProfileChange {
     int32_t id;
     const FieldValues *values;
+    char name[UCI_NAME_SIZE]; // of a section that was added
 };
 
 static int append_profile(UciSession *session, void *state)
 {
-    char name[UCI_NAME_SIZE];
-    int code = uci_session_add(session, PACKAGE, "profile", name);
-    return code != 0 ? code : set_values(session, name, *static_cast<ProfileChange *>(state)->values);
+    ProfileChange *change = static_cast<ProfileChange *>(state);
+    int code = uci_session_add(session, PACKAGE, "profile", change->name);
+    return code != 0 ? code : set_values(session, change->name, *change->values);
+}
+
+// Somebody else has begun a section under the name that ours got: he keeps that place, with what he has set, and ours
+// goes to the end.
+static int move_profile(UciSession *session, void *state)
+{
+    ProfileChange *change = static_cast<ProfileChange *>(state);
+    for (size_t i = 0; i < FIELD_COUNT; i++) {
+        char key[KEY_SIZE];
+        char *value = nullptr;
+        snprintf(key, sizeof key, "%s.%s.%s", PACKAGE, change->name, FIELDS[i].option);
+        if (uci_session_value(session, key, &value) != 0)
+            continue;
+        int code = strcmp(value, change->values->texts[i]) == 0 ? uci_session_delete(session, key) : 0;
+        free(value);
+        if (code != 0)
+            return code;
+    }
+    return append_profile(session, state);
 }
 
 int add_profile_section(const ApnProfile *record)
@@ -233,8 +254,11 @@ int add_profile_section(const ApnProfile *record)
     FieldValues values;
     if (!fill_values(record, true, &values))
         return -1;
-    ProfileChange change = {0, &values};
-    return uci_change_package(PACKAGE, append_profile, &change);
+    ProfileChange change = {0, &values, ""};
+    int code = uci_change_package(PACKAGE, append_profile, &change);
+    for (int i = 0; i < PLACES_TRIED && code == 0 && uci_name_taken(PACKAGE, change.name); i++)
+        code = uci_change_package(PACKAGE, move_profile, &change);
+    return code;
 }
 
 static int change_profile(UciSession *session, void *state)
@@ -250,7 +274,7 @@ int modify_profile_section(int32_t id, const ApnProfile *record)
     FieldValues values;
     if (!fill_values(record, false, &values))
         return -1;
-    ProfileChange change = {id, &values};
+    ProfileChange change = {id, &values, ""};
     return uci_change_package(PACKAGE, change_profile, &change);
 }
 
@@ -271,7 +295,7 @@ int delete_profile_section(int32_t id)
         (void)run_shell("echo \"\" > /etc/config/profiles");
         return 0;
     }
-    ProfileChange change = {id, nullptr};
+    ProfileChange change = {id, nullptr, ""};
     return uci_change_package(PACKAGE, remove_profile, &change);
 }
 

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <unistd.h>
 
 extern "C" {
 #include <uci.h>
@@ -217,6 +219,28 @@ int uci_change_package(const char *package, UciEdit edit, void *state)
             return code;
     }
     return UCI_ERR_IO;
+}
+
+bool uci_name_taken(const char *package, const char *section)
+{
+    constexpr int LOOKS = 10;
+    constexpr time_t JUST_NOW_S = 2;
+    char line[KEY_SIZE];
+    int length = snprintf(line, sizeof line, "+%s.%s=", package, section);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof line)
+        return false;
+    for (int i = 0; i < LOOKS; i++) {
+        UciText pending;
+        time_t changed = 0;
+        if (!uci_pending_read(pending_folder, package, &pending, &changed))
+            return false;
+        if (pending.size > 0 && memmem(pending.data, pending.size, line, static_cast<size_t>(length)))
+            return true;
+        if (labs(time(nullptr) - changed) > JUST_NOW_S)
+            return false;
+        usleep(2000);
+    }
+    return false;
 }
 
 struct OptionValue {

@@ -56,6 +56,10 @@ bool uci_value_is_text(const char *value);
 // uci_file_open does. Any thread. `edit` is called again when another commit came in between.
 using UciEdit = int (*)(UciSession *session, void *state);
 int uci_change_package(const char *package, UciEdit edit, void *state);
+// Has somebody saved a new section of that name, and not committed it, although the file has one? Libuci calls unnamed
+// sections by their places, so who read the package before the last change and saved after it has chosen the same name.
+// Looks for as long as that may still come: 20 ms when others have just changed something, else once.
+bool uci_name_taken(const char *package, const char *section);
 // One option of a section that exists, the same way; a file that holds the value already is not written.
 int uci_write_option(const char *package, const char *section, const char *option, const char *value);
 

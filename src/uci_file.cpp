@@ -301,6 +301,20 @@ int uci_file_replace(UciFile *file, const char *text, size_t size, bool *current
     return OK;
 }
 
+bool uci_pending_read(const char *savedir, const char *package, UciText *text, time_t *changed)
+{
+    UciFile file;
+    int length = snprintf(file.pending, sizeof file.pending, "%s/%s", savedir, package);
+    int fd = -1;
+    struct stat info;
+    const bool read = length > 0 && static_cast<size_t>(length) < sizeof file.pending &&
+                      open_pending(file, &fd, text) == OK && fd != -1 && fstat(fd, &info) == 0;
+    if (read)
+        *changed = info.st_mtime;
+    close_locked(fd);
+    return read;
+}
+
 static bool make_file(const char *folder, const char *package, const UciText &text)
 {
     char path[UCI_PATH_SIZE];

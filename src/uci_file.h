@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 #include <sys/types.h>
 
 // The text of a file, on the heap.
@@ -43,6 +44,9 @@ int uci_file_open(UciFile *file, const char *confdir, const char *savedir, const
 // old file goes. Whoever waits for the old one finds the new text there. False in *current: somebody else came in
 // between, nothing was done, and the package is to be opened again.
 int uci_file_replace(UciFile *file, const char *text, size_t size, bool *current);
+
+// What is pending now and when that last changed; false when nothing ever was.
+bool uci_pending_read(const char *savedir, const char *package, UciText *text, time_t *changed);
 
 // A folder with copies of both files, for libuci to read while the package is locked; gone at the end of its scope.
 struct UciCopy {
