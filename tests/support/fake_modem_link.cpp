@@ -86,9 +86,7 @@ int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
     return text && text->find("OK") != std::string::npos ? 0 : -1;
 }
 
-void end_scan()
-{
-}
+void end_scan() {}
 
 int queue_command(const char *command, int append_cr, uint32_t, Owes, uint32_t *)
 {

@@ -1,8 +1,8 @@
 /*
- * Client of the bus. A context belongs to one thread. Functions that return int return an ubus_msg_status; every wait in
- * here ends: connecting after 2 s, requests to the broker after 5 s, a call after its own time-out. Connecting begins with
- * uloop_init, so a SIGINT that comes during a call only sets uloop_cancelled and the call goes on, unless the process has
- * an action of its own.
+ * Client of the bus. A context belongs to one thread. Functions that return int return an ubus_msg_status; every wait
+ * in here ends: connecting after 2 s, requests to the broker after 5 s, a call after its own time-out. Connecting
+ * begins with uloop_init, so a SIGINT that comes during a call only sets uloop_cancelled and the call goes on, unless
+ * the process has an action of its own.
  */
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
@@ -77,7 +77,7 @@ struct ubus_object {
     const char *path;
     struct ubus_object_type *type; /* its methods are shown to others */
     ubus_state_handler_t subscribe_cb;
-    bool has_subscribers; /* a reconnection leaves it as it was */
+    bool has_subscribers;              /* a reconnection leaves it as it was */
     const struct ubus_method *methods; /* these are called */
     int n_methods;
 };
@@ -186,15 +186,15 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
 /*
- * Calls cb for every object at the path (null: all; a trailing * takes what begins so). Not found is status 4; an object
- * that this client may not use is found and not shown, and *id stays as it was.
+ * Calls cb for every object at the path (null: all; a trailing * takes what begins so). Not found is status 4; an
+ * object that this client may not use is found and not shown, and *id stays as it was.
  */
 int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv);
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
 
 /*
- * Calls a method and waits timeout_ms (0 or less: 30 s) for its end; cb (may be null) takes each answer. msg may be null.
- * Calls from others that arrive meanwhile are served later, from the loop.
+ * Calls a method and waits timeout_ms (0 or less: 30 s) for its end; cb (may be null) takes each answer. msg may be
+ * null. Calls from others that arrive meanwhile are served later, from the loop.
  */
 int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout_ms);
@@ -202,8 +202,8 @@ int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, stru
 /* Sends an answer of any size; the broker closes the connection for one above UBUS_MAX_MSGLEN. */
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg);
 /*
- * The caller's wait goes on after the handler has returned, until the copy is completed, which is to be done once. Whether
- * the caller still waits then does not matter. The texts of the copy's acl are not to be used.
+ * The caller's wait goes on after the handler has returned, until the copy is completed, which is to be done once.
+ * Whether the caller still waits then does not matter. The texts of the copy's acl are not to be used.
  */
 void ubus_defer_request(struct ubus_context *ctx, struct ubus_request_data *req, struct ubus_request_data *new_req);
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret);
@@ -212,7 +212,8 @@ void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_reques
  * Notifies all subscribers of an own object. With a time-out of 0 ms or more it waits until the first 16 of them have
  * answered, whatever they answered; a negative one does not wait.
  */
-int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg, int timeout);
+int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg,
+                int timeout);
 
 /* The subscriber stays the caller's, as an object does. Subscribing twice delivers twice; to objects of others only. */
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub);

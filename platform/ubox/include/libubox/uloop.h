@@ -38,8 +38,8 @@ struct uloop_timeout {
 };
 
 /*
- * Ends the loop when set. uloop_run clears it when it starts and tests it only between waits, so one set just before the
- * start or between a test and a wait is lost.
+ * Ends the loop when set. uloop_run clears it when it starts and tests it only between waits, so one set just before
+ * the start or between a test and a wait is lost.
  */
 extern bool uloop_cancelled;
 
@@ -73,8 +73,8 @@ int uloop_timeout_remaining(struct uloop_timeout *timeout);
 
 /*
  * Serves until uloop_cancelled is set, by uloop_end or by SIGINT or SIGTERM.
- * With a timeout of 0 or more: one wait of at most so many milliseconds and what it brings. Returns the signal that ended
- * it, or 0.
+ * With a timeout of 0 or more: one wait of at most so many milliseconds and what it brings. Returns the signal that
+ * ended it, or 0.
  */
 int uloop_run_timeout(int timeout);
 static inline int uloop_run(void)
