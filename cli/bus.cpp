@@ -1,10 +1,12 @@
 #include "bus.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sys/socket.h>
 
 extern "C" {
 #include <libubus.h>
@@ -19,6 +21,8 @@ static uint32_t object_id = 0;
 static bool connection_lost = false;
 static bool happened = false;
 static volatile sig_atomic_t interrupted = 0;
+static volatile sig_atomic_t socket_in_call = -1; // a signal hangs up on it, which ends the call
+static bool signals_caught = false;
 
 static struct {
     ubus_event_handler event;
@@ -99,15 +103,33 @@ static void on_connection_lost(ubus_context *)
     uloop_end();
 }
 
-// Null when there is no bus.
-static ubus_context *connect()
+// A bus status. The library takes over the signals that would end the program and then does not look at them during a
+// call: they stay as they were.
+static int connect()
 {
     if (bus)
-        return bus;
+        return UBUS_STATUS_OK;
+    struct sigaction interrupt, terminate;
+    sigaction(SIGINT, nullptr, &interrupt);
+    sigaction(SIGTERM, nullptr, &terminate);
+    errno = 0;
     bus = ubus_connect(options.socket);
-    if (bus)
-        bus->connection_lost = on_connection_lost;
-    return bus;
+    const bool forbidden = !bus && errno == EACCES;
+    sigaction(SIGINT, &interrupt, nullptr);
+    sigaction(SIGTERM, &terminate, nullptr);
+    if (!bus)
+        return forbidden ? UBUS_STATUS_PERMISSION_DENIED : UBUS_STATUS_CONNECTION_FAILED;
+    bus->connection_lost = on_connection_lost;
+    return UBUS_STATUS_OK;
+}
+
+// The broker answers who may call nothing of an object as if it had found it, and shows him nothing.
+static int find_object()
+{
+    if (object_id)
+        return UBUS_STATUS_OK;
+    int status = ubus_lookup_id(bus, "celmux", &object_id);
+    return status == UBUS_STATUS_OK && !object_id ? int{UBUS_STATUS_PERMISSION_DENIED} : status;
 }
 
 static void keep_answer(ubus_request *request, int, blob_attr *message)
@@ -126,16 +148,17 @@ static int invoke(const char *method, const CallArguments *arguments, Reply &rep
 {
     if (interrupted)
         return UBUS_STATUS_UNKNOWN_ERROR;
-    if (!connect() || connection_lost)
-        return UBUS_STATUS_CONNECTION_FAILED;
-    if (!object_id) {
-        int status = ubus_lookup_id(bus, "celmux", &object_id);
-        if (status != UBUS_STATUS_OK)
-            return status;
-    }
+    int status = connection_lost ? int{UBUS_STATUS_CONNECTION_FAILED} : connect();
+    if (status != UBUS_STATUS_OK)
+        return status;
     CallArguments none;
-    return ubus_invoke(bus, object_id, method, arguments ? arguments->buf.head : none.buf.head, keep_answer, &reply,
-                       timeout_ms);
+    socket_in_call = signals_caught ? bus->sock.fd : -1;
+    status = interrupted ? int{UBUS_STATUS_UNKNOWN_ERROR} : find_object();
+    if (status == UBUS_STATUS_OK)
+        status = ubus_invoke(bus, object_id, method, arguments ? arguments->buf.head : none.buf.head, keep_answer,
+                             &reply, timeout_ms);
+    socket_in_call = -1;
+    return status;
 }
 
 bool bus_call_within(const char *method, const CallArguments *arguments, Reply &reply, int timeout_ms)
@@ -184,8 +207,8 @@ static void on_event(ubus_context *, ubus_event_handler *, const char *type, blo
 
 int bus_listen(const char *pattern, EventHandler handler, void *priv)
 {
-    if (!connect())
-        return UBUS_STATUS_CONNECTION_FAILED;
+    if (int status = connect())
+        return status;
     listener.handler = handler;
     listener.priv = priv;
     listener.event.cb = on_event;
@@ -196,14 +219,15 @@ static void on_signal(int)
 {
     interrupted = 1;
     uloop_cancelled = true;
+    if (socket_in_call != -1)
+        (void)shutdown(socket_in_call, SHUT_RDWR);
 }
 
 static void catch_signals()
 {
-    static bool caught = false;
-    if (caught)
+    if (signals_caught)
         return;
-    caught = true;
+    signals_caught = true;
     struct sigaction action = {};
     action.sa_handler = on_signal;
     sigaction(SIGINT, &action, nullptr);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include "requester.h"
 #include "resp_processor.h"
 #include "service.h"
+#include "shell.h"
 #include "waiting.h"
 #include "wanmd.h"
 
@@ -127,6 +129,19 @@ static void join_workers()
     }
 }
 
+// libubus clears 64 KiB when it connects, for messages that are seldom so large. With one heap for all threads, and no
+// room kept in it, such a block is mapped: it is clear already, costs what is used of it and goes back when it is
+// freed.
+static void keep_heap_small()
+{
+#ifdef M_ARENA_MAX // of glibc; a router's C library has one heap and maps such blocks anyway
+    constexpr int LARGE = 32768;
+    (void)mallopt(M_ARENA_MAX, 1);
+    (void)mallopt(M_TOP_PAD, 0);
+    (void)mallopt(M_MMAP_THRESHOLD, LARGE);
+#endif
+}
+
 // The daemon takes no arguments: one that is started by mistake would be a second one.
 static int answer_arguments(const char *argument)
 {
@@ -146,7 +161,9 @@ int main(int argc, char **argv)
     if (argc > 1)
         return answer_arguments(argv[1]);
     open_log();
+    keep_heap_small();
     sigset_t signals = stop_signals();
+    claim_children();
     celmuxd_wanmd_socket_init();
     if (pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
         log_error("pthread_sigmask failed");

@@ -245,10 +245,11 @@ int handle_at_passthrough(HANDLER_ARGUMENTS)
         result = request(command.data(), &answer, nullptr, !command.ends_with('\r'), timeout_ms);
     else
         CELMUX_LOG(LOG_ERR, "command holds a line end, Ctrl-Z or ESC", "at_passthrough");
+    if (result == 0 && !answer) // cut off by the stop
+        result = -1;
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
-    const char *text = answer ? answer : "";
-    reply_add_string("resp", result == 0 ? text : "failure to send at command");
+    reply_add_string("resp", result == 0 ? answer : "failure to send at command");
     free(answer);
     return reply_send(ctx, req);
 }

@@ -11,7 +11,8 @@
 #include "uci_access.h"
 
 constexpr const char *PACKAGE = "profiles";
-constexpr size_t KEY_SIZE = 128;
+constexpr size_t KEY_SIZE = 192;
+constexpr int PLACES_TRIED = 5;
 
 enum class FieldType : uint8_t { NUMBER, TEXT, SECRET };
 
@@ -196,6 +197,10 @@ static bool fill_values(const ApnProfile *record, bool everything, FieldValues *
             log_error("%s of a profile is longer than %zu bytes", field.option, UCI_VALUE_MAX);
             return false;
         }
+        if (text && !uci_value_is_text(text)) {
+            log_error("%s of a profile holds a control character", field.option);
+            return false;
+        }
     }
     return true;
 }
@@ -212,20 +217,36 @@ static int set_values(UciSession *session, const char *section, const FieldValue
     return code;
 }
 
-static int save_and_commit(UciSession *session)
+struct ProfileChange {
+    int32_t id;
+    const FieldValues *values;
+    char name[UCI_NAME_SIZE]; // of a section that was added
+};
+
+static int append_profile(UciSession *session, void *state)
 {
-    int code = uci_session_save(session, PACKAGE);
-    return code != 0 ? code : uci_session_commit(session, PACKAGE);
+    ProfileChange *change = static_cast<ProfileChange *>(state);
+    int code = uci_session_add(session, PACKAGE, "profile", change->name);
+    return code != 0 ? code : set_values(session, change->name, *change->values);
 }
 
-// A commit that failed leaves its changes pending, where every reader sees them. Takes them back.
-static void withdraw_section(const char *name)
+// Somebody else has begun a section under the name that ours got: he keeps that place, with what he has set, and ours
+// goes to the end.
+static int move_profile(UciSession *session, void *state)
 {
-    char key[KEY_SIZE];
-    UciSession session;
-    section_key(key, name);
-    if (uci_session_find(&session, key) == 0 && uci_session_delete(&session, key) == 0)
-        (void)uci_session_save(&session, PACKAGE); // nothing more can be done on a full disk
+    ProfileChange *change = static_cast<ProfileChange *>(state);
+    for (size_t i = 0; i < FIELD_COUNT; i++) {
+        char key[KEY_SIZE];
+        char *value = nullptr;
+        snprintf(key, sizeof key, "%s.%s.%s", PACKAGE, change->name, FIELDS[i].option);
+        if (uci_session_value(session, key, &value) != 0)
+            continue;
+        int code = strcmp(value, change->values->texts[i]) == 0 ? uci_session_delete(session, key) : 0;
+        free(value);
+        if (code != 0)
+            return code;
+    }
+    return append_profile(session, state);
 }
 
 int add_profile_section(const ApnProfile *record)
@@ -233,54 +254,19 @@ int add_profile_section(const ApnProfile *record)
     FieldValues values;
     if (!fill_values(record, true, &values))
         return -1;
-    char name[UCI_NAME_SIZE];
-    int code;
-    {
-        UciSession session;
-        code = uci_session_add(&session, PACKAGE, "profile", name);
-        if (code == 0)
-            code = set_values(&session, name, values);
-        if (code != 0)
-            return code; // nothing has left this session
-        code = save_and_commit(&session);
-    }
-    if (code != 0)
-        withdraw_section(name);
+    ProfileChange change = {0, &values, ""};
+    int code = uci_change_package(PACKAGE, append_profile, &change);
+    for (int i = 0; i < PLACES_TRIED && code == 0 && uci_name_taken(PACKAGE, change.name); i++)
+        code = uci_change_package(PACKAGE, move_profile, &change);
     return code;
 }
 
-static void restore_field(UciSession *session, const char *section, const ProfileField &field, const char *before)
+static int change_profile(UciSession *session, void *state)
 {
-    char key[KEY_SIZE];
-    snprintf(key, sizeof key, "%s.%.*s.%s", PACKAGE, static_cast<int>(UCI_NAME_SIZE), section, field.option);
-    char *now = nullptr;
-    if (uci_session_value(session, key, &now) == 0 && !before)
-        (void)uci_session_delete(session, key);
-    else if (before && (!now || strcmp(now, before) != 0))
-        (void)uci_session_set(session, PACKAGE, section, field.option, before);
-    free(now);
-}
-
-// The values of a section before it is changed.
-struct OldValues {
-    char *texts[FIELD_COUNT] = {};
-
-    OldValues() = default;
-    OldValues(const OldValues &) = delete;
-    OldValues &operator=(const OldValues &) = delete;
-    ~OldValues()
-    {
-        for (char *text : texts)
-            free(text);
-    }
-};
-
-static void withdraw_changes(const char *name, const OldValues &before)
-{
-    UciSession session;
-    for (size_t i = 0; i < FIELD_COUNT; i++)
-        restore_field(&session, name, FIELDS[i], before.texts[i]);
-    (void)uci_session_save(&session, PACKAGE); // nothing more can be done on a full disk
+    const ProfileChange *change = static_cast<ProfileChange *>(state);
+    char name[UCI_NAME_SIZE];
+    int code = find_profile(session, change->id, name);
+    return code != 0 ? code : set_values(session, name, *change->values);
 }
 
 int modify_profile_section(int32_t id, const ApnProfile *record)
@@ -288,27 +274,19 @@ int modify_profile_section(int32_t id, const ApnProfile *record)
     FieldValues values;
     if (!fill_values(record, false, &values))
         return -1;
+    ProfileChange change = {id, &values, ""};
+    return uci_change_package(PACKAGE, change_profile, &change);
+}
+
+static int remove_profile(UciSession *session, void *state)
+{
     char name[UCI_NAME_SIZE];
-    OldValues before;
-    int code;
-    {
-        UciSession session;
-        code = find_profile(&session, id, name);
-        if (code != 0)
-            return code;
-        for (size_t i = 0; i < FIELD_COUNT; i++) {
-            char key[KEY_SIZE];
-            snprintf(key, sizeof key, "%s.%s.%s", PACKAGE, name, FIELDS[i].option);
-            (void)uci_session_value(&session, key, &before.texts[i]); // what is not there stays null
-        }
-        code = set_values(&session, name, values);
-        if (code != 0)
-            return code;
-        code = save_and_commit(&session);
-    }
+    char key[KEY_SIZE];
+    int code = find_profile(session, static_cast<ProfileChange *>(state)->id, name);
     if (code != 0)
-        withdraw_changes(name, before);
-    return code;
+        return code;
+    section_key(key, name);
+    return uci_session_delete(session, key);
 }
 
 int delete_profile_section(int32_t id)
@@ -317,15 +295,8 @@ int delete_profile_section(int32_t id)
         (void)run_shell("echo \"\" > /etc/config/profiles");
         return 0;
     }
-    UciSession session;
-    char name[UCI_NAME_SIZE];
-    char key[KEY_SIZE];
-    int code = find_profile(&session, id, name);
-    if (code != 0)
-        return code;
-    section_key(key, name);
-    code = uci_session_delete(&session, key);
-    return code != 0 ? code : uci_session_commit(&session, PACKAGE);
+    ProfileChange change = {id, nullptr, ""};
+    return uci_change_package(PACKAGE, remove_profile, &change);
 }
 
 void free_profile(ApnProfile *record)

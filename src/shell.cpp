@@ -1,5 +1,5 @@
-// The router's shell. Children get default signal actions and an empty mask (the daemon blocks its stop signals, and what an init script
-// starts must not inherit that), and a child that never ends costs its caller 30 s, not the daemon.
+// The router's shell. Children get default signal actions and an empty mask (the daemon blocks its stop signals, and
+// what an init script starts must not inherit that), and a child that never ends costs its caller 30 s, not the daemon.
 
 #include "shell.h"
 
@@ -15,6 +15,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+extern "C" {
+#include <libubox/uloop.h>
+}
+
 #include "celmux.h"
 #include "log.h"
 #include "waiting.h"
@@ -24,6 +28,12 @@ extern char **environ;
 constexpr int64_t COMMAND_LIMIT_MS = 30000;
 constexpr int64_t STOP_LIMIT_MS = 1000; // for a command that runs when the daemon stops
 constexpr size_t COMMAND_SIZE_MAX = 4096;
+
+void claim_children()
+{
+    uloop_handle_sigchld = false;
+    signal(SIGCHLD, SIG_DFL);
+}
 
 static pid_t start_shell(const char *command, int output_fd)
 {

@@ -5,9 +5,14 @@
 
 constexpr size_t COMMAND_OUTPUT_SIZE = 33;
 
-// Runs `command` with /bin/sh -c and waits for it (not for what it puts into the background). Returns its exit status 0 to 255, or
-// -1 when it could not be run, was ended by a signal, or was left behind because the daemon stops or 30 s passed.
-// Any thread; never blocks signals of the process and never outlives `running` by more than a second.
+// From here on only this unit waits for the process's children, so that no exit status is lost: the event loop would
+// wait for all of them, and with SIGCHLD ignored, as a parent may leave it, the kernel would. Called once, before any
+// command and before the event loop is set up.
+void claim_children();
+
+// Runs `command` with /bin/sh -c and waits for it (not for what it puts into the background). Returns its exit status 0
+// to 255, or -1 when it could not be run, was ended by a signal, or was left behind because the daemon stops or 30 s
+// passed. Any thread; never blocks signals of the process and never outlives `running` by more than a second.
 int run_shell(const char *command);
 
 // The same with a formatted command of at most 4 KiB (-1 when longer). Only texts of our own or checked ones go in.

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <unistd.h>
 
 extern "C" {
 #include <uci.h>
@@ -10,25 +12,31 @@ extern "C" {
 
 #include "at_text.h"
 #include "shell.h"
+#include "uci_file.h"
 
 constexpr size_t KEY_SIZE = 192;
 constexpr int NOT_THERE = -1;
 
-static const char *config_folder = nullptr;
-static const char *pending_folder = nullptr;
+constexpr const char *CONFIG_FOLDER = "/etc/config";
+constexpr const char *PENDING_FOLDER = "/tmp/.uci";
+
+static const char *config_folder = CONFIG_FOLDER;
+static const char *pending_folder = PENDING_FOLDER;
 
 void uci_access_set_folders(const char *confdir, const char *savedir)
 {
-    config_folder = confdir;
-    pending_folder = savedir;
+    config_folder = confdir ? confdir : CONFIG_FOLDER;
+    pending_folder = savedir ? savedir : PENDING_FOLDER;
 }
 
-UciSession::UciSession() : context(uci_alloc_context())
+UciSession::UciSession() : UciSession(config_folder, pending_folder) {}
+
+UciSession::UciSession(const char *confdir, const char *savedir) : context(uci_alloc_context())
 {
-    if (context && config_folder)
-        (void)uci_set_confdir(context, config_folder);
-    if (context && pending_folder)
-        (void)uci_set_savedir(context, pending_folder);
+    if (!context || (uci_set_confdir(context, confdir) == UCI_OK && uci_set_savedir(context, savedir) == UCI_OK))
+        return;
+    uci_free_context(context);
+    context = nullptr;
 }
 
 UciSession::~UciSession()
@@ -91,6 +99,17 @@ int uci_session_value(UciSession *session, const char *key, char **value)
     return UCI_OK;
 }
 
+bool uci_value_is_text(const char *value)
+{
+    size_t length = 0;
+    for (; value[length]; length++) {
+        const auto c = static_cast<unsigned char>(value[length]);
+        if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') || length >= UCI_VALUE_MAX)
+            return false;
+    }
+    return true;
+}
+
 static bool walk_section(uci_section *section, UciVisit visit, void *state)
 {
     if (!visit(state, section->e.name, nullptr, nullptr))
@@ -139,7 +158,7 @@ int uci_session_set(UciSession *session, const char *package, const char *sectio
 {
     char key[KEY_SIZE];
     int length = snprintf(key, sizeof key, "%s.%s.%s", package, section, option);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof key || strlen(value) > UCI_VALUE_MAX)
+    if (length < 0 || static_cast<size_t>(length) >= sizeof key || !uci_value_is_text(value))
         return NOT_THERE;
     Lookup lookup;
     int code = look_up(session, key, &lookup);
@@ -158,18 +177,89 @@ int uci_session_delete(UciSession *session, const char *key)
     return code == UCI_OK ? uci_delete(session->context, &lookup.found) : code;
 }
 
-int uci_session_save(UciSession *session, const char *package)
+// What `edit` makes of the copy.
+static int edit_copy(const UciCopy &copy, UciEdit edit, void *state, UciText *text)
 {
+    UciSession session(copy.config, copy.saved);
     Lookup lookup;
-    int code = look_up_complete(session, package, &lookup);
-    return code == UCI_OK ? uci_save(session->context, lookup.found.p) : code;
+    int code = look_up_complete(&session, copy.package, &lookup);
+    if (code == UCI_OK)
+        code = edit(&session, state);
+    if (code != UCI_OK)
+        return code;
+    FILE *stream = open_memstream(&text->data, &text->size);
+    if (!stream)
+        return UCI_ERR_MEM;
+    code = uci_export(session.context, stream, lookup.found.p, false);
+    const bool whole = fflush(stream) == 0 && !ferror(stream);
+    fclose(stream);
+    return code == UCI_OK && !whole ? UCI_ERR_MEM : code;
 }
 
-int uci_session_commit(UciSession *session, const char *package)
+int uci_change_package(const char *package, UciEdit edit, void *state)
 {
-    Lookup lookup;
-    int code = look_up_complete(session, package, &lookup);
-    return code == UCI_OK ? uci_commit(session->context, &lookup.found.p, false) : code;
+    constexpr int TRIES = 20;
+    for (int i = 0; i < TRIES; i++) {
+        UciFile file;
+        UciCopy copy;
+        UciText text;
+        int code = uci_file_open(&file, config_folder, pending_folder, package);
+        if (code == UCI_OK)
+            code = uci_file_copy(file, pending_folder, package, &copy);
+        if (code == UCI_OK)
+            code = edit_copy(copy, edit, state, &text);
+        if (code != UCI_OK)
+            return code;
+        const bool unchanged = text.size == file.text.size && memcmp(text.data, file.text.data, text.size) == 0;
+        if (unchanged && file.pending_text.size == 0)
+            return UCI_OK;
+        bool current;
+        code = uci_file_replace(&file, text.data, text.size, &current);
+        if (current)
+            return code;
+    }
+    return UCI_ERR_IO;
+}
+
+bool uci_name_taken(const char *package, const char *section)
+{
+    constexpr int LOOKS = 10;
+    constexpr time_t JUST_NOW_S = 2;
+    char line[KEY_SIZE];
+    int length = snprintf(line, sizeof line, "+%s.%s=", package, section);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof line)
+        return false;
+    for (int i = 0; i < LOOKS; i++) {
+        UciText pending;
+        time_t changed = 0;
+        if (!uci_pending_read(pending_folder, package, &pending, &changed))
+            return false;
+        if (pending.size > 0 && memmem(pending.data, pending.size, line, static_cast<size_t>(length)))
+            return true;
+        if (labs(time(nullptr) - changed) > JUST_NOW_S)
+            return false;
+        usleep(2000);
+    }
+    return false;
+}
+
+struct OptionValue {
+    const char *package;
+    const char *section;
+    const char *option;
+    const char *value;
+};
+
+static int write_value(UciSession *session, void *state)
+{
+    const OptionValue *value = static_cast<OptionValue *>(state);
+    return uci_session_set(session, value->package, value->section, value->option, value->value);
+}
+
+int uci_write_option(const char *package, const char *section, const char *option, const char *value)
+{
+    OptionValue state = {package, section, option, value};
+    return uci_change_package(package, write_value, &state);
 }
 
 char *uci_read_string(const char *key)
@@ -197,6 +287,15 @@ int uci_set_autoconnect(uint8_t enable)
     return set | run_shell("uci commit modem");
 }
 
+// Saves what was changed in the session beside the file, where the next commit takes it up; the file, which lies in flash
+// memory, is not written.
+static int save_uncommitted(UciSession *session, const char *package)
+{
+    Lookup lookup;
+    int code = look_up_complete(session, package, &lookup);
+    return code == UCI_OK ? uci_save(session->context, lookup.found.p) : code;
+}
+
 int uci_set_message_unread()
 {
     UciSession session;
@@ -206,5 +305,5 @@ int uci_set_message_unread()
     if (set)
         return UCI_OK;
     int code = uci_session_set(&session, "modem", "state", "message_unread", "1");
-    return code == UCI_OK ? uci_session_save(&session, "modem") : code;
+    return code == UCI_OK ? save_uncommitted(&session, "modem") : code;
 }

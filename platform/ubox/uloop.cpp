@@ -7,10 +7,12 @@ extern "C" {
 #include <ctime>
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" {
 bool uloop_cancelled = false;
+bool uloop_handle_sigchld = true;
 }
 
 namespace {
@@ -27,10 +29,10 @@ struct event_batch {
 int epoll_fd = -1;
 event_batch *batches = nullptr;
 list_head timeouts = LIST_HEAD_INIT(timeouts); // earliest first
-int running_loops = 0;
 volatile sig_atomic_t ending_signal = 0;
-struct sigaction saved_sigint;
-struct sigaction saved_sigterm;
+volatile sig_atomic_t child_ended = 0;
+int wake_pipe[2] = {-1, -1}; // a signal that comes just before a wait ends it
+bool signals_taken = false;
 
 int64_t monotonic_us()
 {
@@ -44,25 +46,55 @@ int64_t due_us(const uloop_timeout *timeout)
     return static_cast<int64_t>(timeout->time.tv_sec) * 1000000 + timeout->time.tv_usec;
 }
 
-void on_signal(int signo)
+void wake()
+{
+    const int error = errno;
+    (void)!write(wake_pipe[1], "", 1);
+    errno = error;
+}
+
+void on_ending_signal(int signo)
 {
     ending_signal = signo;
     uloop_cancelled = true;
+    wake();
 }
 
-void install_handlers()
+void on_child_signal(int)
 {
-    struct sigaction action = {};
-    action.sa_handler = on_signal;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &saved_sigint);
-    sigaction(SIGTERM, &action, &saved_sigterm);
+    child_ended = 1;
+    wake();
 }
 
-void restore_handlers()
+// Only in place of the default action: whoever has handlers of his own keeps them.
+void take_signal(int signo, void (*handler)(int))
 {
-    sigaction(SIGINT, &saved_sigint, nullptr);
-    sigaction(SIGTERM, &saved_sigterm, nullptr);
+    struct sigaction action;
+    sigaction(signo, nullptr, &action);
+    if (action.sa_handler != SIG_DFL)
+        return;
+    action = {};
+    action.sa_handler = handler;
+    sigaction(signo, &action, nullptr);
+}
+
+void give_signal_back(int signo, void (*handler)(int))
+{
+    struct sigaction action;
+    sigaction(signo, nullptr, &action);
+    if (action.sa_handler != handler)
+        return;
+    action = {};
+    action.sa_handler = SIG_DFL;
+    sigaction(signo, &action, nullptr);
+}
+
+// All of them, whoever waits for them elsewhere in the process.
+void reap_children()
+{
+    child_ended = 0;
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
 }
 
 uloop_timeout *first_timeout()
@@ -116,6 +148,11 @@ void wait_and_dispatch(int timeout)
     batches = &batch;
     for (int i = 0; i < batch.count && !uloop_cancelled; i++) {
         auto *sock = static_cast<uloop_fd *>(batch.events[i].data.ptr);
+        if (static_cast<void *>(sock) == wake_pipe) {
+            char bytes[64];
+            (void)!read(wake_pipe[0], bytes, sizeof bytes);
+            continue;
+        }
         batch.events[i].data.ptr = nullptr;
         if (sock)
             dispatch(sock, batch.events[i].events);
@@ -129,16 +166,41 @@ extern "C" {
 
 int uloop_init(void)
 {
-    if (epoll_fd < 0)
+    if (epoll_fd < 0) {
+        epoll_event event = {};
+        event.events = EPOLLIN;
+        event.data.ptr = wake_pipe;
         epoll_fd = epoll_create1(EPOLL_CLOEXEC);
-    return epoll_fd < 0 ? -1 : 0;
+        if (epoll_fd < 0 || pipe2(wake_pipe, O_CLOEXEC | O_NONBLOCK) < 0 ||
+            epoll_ctl(epoll_fd, EPOLL_CTL_ADD, wake_pipe[0], &event) < 0) {
+            uloop_done();
+            return -1;
+        }
+    }
+    take_signal(SIGINT, on_ending_signal);
+    take_signal(SIGTERM, on_ending_signal);
+    take_signal(SIGPIPE, SIG_IGN);
+    if (uloop_handle_sigchld)
+        take_signal(SIGCHLD, on_child_signal);
+    signals_taken = true;
+    return 0;
 }
 
 void uloop_done(void)
 {
-    if (epoll_fd >= 0)
-        close(epoll_fd);
-    epoll_fd = -1;
+    if (signals_taken) {
+        give_signal_back(SIGINT, on_ending_signal);
+        give_signal_back(SIGTERM, on_ending_signal);
+        give_signal_back(SIGPIPE, SIG_IGN);
+        give_signal_back(SIGCHLD, on_child_signal);
+    }
+    signals_taken = false;
+    int *const descriptors[] = {&epoll_fd, &wake_pipe[0], &wake_pipe[1]};
+    for (int *fd : descriptors) {
+        if (*fd >= 0)
+            close(*fd);
+        *fd = -1;
+    }
     while (uloop_timeout *t = first_timeout())
         uloop_timeout_cancel(t);
 }
@@ -224,13 +286,13 @@ int uloop_timeout_remaining(uloop_timeout *timeout)
 
 int uloop_run_timeout(int timeout)
 {
-    if (running_loops++ == 0)
-        install_handlers();
     ending_signal = 0;
     uloop_cancelled = false;
     (void)uloop_init(); // waiting without the descriptor would spin
     do {
         run_timeouts();
+        if (child_ended)
+            reap_children();
         if (uloop_cancelled)
             break;
         uloop_timeout *next = first_timeout();
@@ -241,8 +303,6 @@ int uloop_run_timeout(int timeout)
     } while (!uloop_cancelled && timeout < 0);
     if (timeout >= 0 && !uloop_cancelled)
         run_timeouts();
-    if (--running_loops == 0)
-        restore_handlers();
     return ending_signal;
 }
 }

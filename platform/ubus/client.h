@@ -22,7 +22,6 @@ enum class client_read {
 enum class client_wait {
     ready,
     timed_out,
-    interrupted, // by a signal, with uloop_cancelled set
 };
 
 int64_t ubus_now_ms();
@@ -42,6 +41,11 @@ void fail_connection(ubus_context *ctx);
 // Acts on a message and frees it. Calls are put aside while the client waits for an answer.
 void dispatch_message(ubus_context *ctx, client_message &message);
 
+// Subscribers of an object came or went, or the target of a subscription is gone.
+void take_subscription_change(ubus_context *ctx, uint8_t type, ubus_object *obj, blob_attr **tb);
+// One answer to a notification: the broker's list of subscribers, or that of one of them.
+void take_notify_status(ubus_request *req, uint32_t peer, blob_attr **tb);
+
 // Serves the calls that were put aside.
 void serve_pending(ubus_context *ctx);
 void forget_pending(ubus_context *ctx);
@@ -50,7 +54,7 @@ void forget_pending(ubus_context *ctx);
 int run_request(ubus_context *ctx, ubus_request *req, ubus_msg_type type, uint32_t peer, blob_attr *blob,
                 int timeout_ms);
 
-// Registers all objects and patterns of the context with a new broker; the first failure's status.
+// Registers all objects of the context with a new broker; the first failure's status.
 int register_all(ubus_context *ctx);
 void forget_objects(ubus_context *ctx);
 

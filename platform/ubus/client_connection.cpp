@@ -168,8 +168,6 @@ client_wait wait_for_connection(ubus_context *ctx, short events, int64_t deadlin
             return client_wait::ready;
         if (rc < 0 && errno != EINTR)
             return client_wait::timed_out;
-        if (rc < 0 && uloop_cancelled)
-            return client_wait::interrupted;
     }
 }
 
@@ -231,8 +229,6 @@ int send_message(ubus_context *ctx, const message_header &header, blob_attr *blo
             continue;
         bool full = errno == EAGAIN || errno == EWOULDBLOCK;
         client_wait result = full ? wait_for_connection(ctx, POLLOUT, deadline) : client_wait::timed_out;
-        if (result == client_wait::interrupted && sent == 0)
-            return UBUS_STATUS_UNKNOWN_ERROR;
         if (result != client_wait::ready) {
             fail_connection(ctx);
             return UBUS_STATUS_CONNECTION_FAILED;
@@ -259,7 +255,7 @@ ubus_context *ubus_connect(const char *path)
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->objects.list_head);
     INIT_LIST_HEAD(&ctx->pending);
-    INIT_LIST_HEAD(&ctx->patterns);
+    (void)uloop_init(); // whoever adds the connection to a loop that could not be made is told then
     ctx->sock.fd = -1;
     ctx->sock.cb = on_event;
     ctx->pending_timer.cb = on_pending_timer;

@@ -2,13 +2,6 @@
 
 #include <cstdlib>
 
-// An event pattern and the handler that it was registered for, kept for a new broker.
-struct ubus_event_pattern {
-    list_head list;
-    ubus_event_handler *handler;
-    char *text; // behind the structure, freed with it
-};
-
 namespace {
 
 struct lookup_request {
@@ -79,19 +72,6 @@ int register_pattern(ubus_context *ctx, uint32_t object, const char *pattern)
     return ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "register", b.buf.head, nullptr, nullptr, broker_timeout_ms);
 }
 
-void forget_patterns(ubus_context *ctx, const ubus_object *obj)
-{
-    ubus_event_pattern *pattern;
-    ubus_event_pattern *next;
-    list_for_each_entry_safe(pattern, next, &ctx->patterns, list)
-    {
-        if (obj && &pattern->handler->obj != obj)
-            continue;
-        list_del(&pattern->list);
-        free(pattern);
-    }
-}
-
 bool is_linked(const ubus_object *obj)
 {
     return obj->avl.list.next;
@@ -146,19 +126,11 @@ int register_all(ubus_context *ctx)
         if (!first_failure)
             first_failure = status;
     }
-    ubus_event_pattern *pattern;
-    list_for_each_entry(pattern, &ctx->patterns, list)
-    {
-        int status = register_pattern(ctx, pattern->handler->obj.id, pattern->text);
-        if (!first_failure)
-            first_failure = status;
-    }
     return first_failure;
 }
 
 void forget_objects(ubus_context *ctx)
 {
-    forget_patterns(ctx, nullptr);
     while (!list_empty(&ctx->objects.list_head)) {
         auto *obj = list_first_entry(&ctx->objects.list_head, ubus_object, avl.list);
         list_del(&obj->avl.list);
@@ -188,7 +160,6 @@ int ubus_remove_object(ubus_context *ctx, ubus_object *obj)
     if (!is_linked(obj))
         return UBUS_STATUS_NOT_FOUND;
     list_del(&obj->avl.list);
-    forget_patterns(ctx, obj);
     message_buffer b;
     blob_put_int32(&b.buf, UBUS_ATTR_OBJID, obj->id);
     obj->id = 0;
@@ -213,14 +184,7 @@ int ubus_lookup(ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, v
 
 int ubus_lookup_id(ubus_context *ctx, const char *path, uint32_t *id)
 {
-    uint32_t found = 0;
-    int status = ubus_lookup(ctx, path, take_id, &found);
-    if (status != UBUS_STATUS_OK)
-        return status;
-    if (!found)
-        return UBUS_STATUS_NOT_FOUND;
-    *id = found;
-    return UBUS_STATUS_OK;
+    return ubus_lookup(ctx, path, take_id, id);
 }
 
 int ubus_send_event(ubus_context *ctx, const char *id, blob_attr *data)
@@ -235,25 +199,12 @@ int ubus_send_event(ubus_context *ctx, const char *id, blob_attr *data)
 
 int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char *pattern)
 {
-    size_t size = strlen(pattern) + 1;
-    auto *kept = static_cast<ubus_event_pattern *>(malloc(sizeof(ubus_event_pattern) + size));
-    if (!kept)
-        return UBUS_STATUS_NO_MEMORY;
-    kept->handler = ev;
-    kept->text = reinterpret_cast<char *>(kept + 1);
-    memcpy(kept->text, pattern, size);
     int status = UBUS_STATUS_OK;
     if (!is_linked(&ev->obj)) {
         ev->obj.methods = &event_method;
         ev->obj.n_methods = 1;
         status = ubus_add_object(ctx, &ev->obj);
     }
-    if (status == UBUS_STATUS_OK)
-        status = register_pattern(ctx, ev->obj.id, pattern);
-    if (status == UBUS_STATUS_OK)
-        list_add_tail(&kept->list, &ctx->patterns);
-    else
-        free(kept);
-    return status;
+    return status == UBUS_STATUS_OK ? register_pattern(ctx, ev->obj.id, pattern) : status;
 }
 }

@@ -68,6 +68,11 @@ void serve_call(ubus_context *ctx, const client_message &message)
 {
     blob_attr *tb[UBUS_ATTR_MAX];
     parse_message(message.blob, blob_raw_len(message.blob), tb);
+    if (message.header.type != UBUS_MSG_INVOKE) {
+        const uint32_t id = tb[UBUS_ATTR_OBJID] ? blob_get_u32(tb[UBUS_ATTR_OBJID]) : 0;
+        take_subscription_change(ctx, message.header.type, id ? find_object(ctx, id) : nullptr, tb);
+        return;
+    }
     ubus_request_data req = {};
     req.object = tb[UBUS_ATTR_OBJID] ? blob_get_u32(tb[UBUS_ATTR_OBJID]) : 0;
     req.peer = message.header.peer;
@@ -88,7 +93,7 @@ void put_aside(ubus_context *ctx, client_message &message)
     if (!call) {
         blob_attr *tb[UBUS_ATTR_MAX];
         parse_message(message.blob, blob_raw_len(message.blob), tb);
-        if (tb[UBUS_ATTR_OBJID] && !tb[UBUS_ATTR_NO_REPLY])
+        if (message.header.type == UBUS_MSG_INVOKE && tb[UBUS_ATTR_OBJID] && !tb[UBUS_ATTR_NO_REPLY])
             send_status(ctx, blob_get_u32(tb[UBUS_ATTR_OBJID]), message.header.seq, message.header.peer,
                         UBUS_STATUS_NO_MEMORY);
         return;
@@ -99,13 +104,22 @@ void put_aside(ubus_context *ctx, client_message &message)
     ctx->n_pending++;
 }
 
+bool awaits(const ubus_request *req, uint32_t peer)
+{
+    for (int i = 0; i < req->n_awaited; i++) {
+        if (req->awaited[i] == peer)
+            return true;
+    }
+    return !req->notify && req->peer == peer;
+}
+
 void take_answer(ubus_context *ctx, const client_message &message)
 {
     ubus_request *req;
     bool found = false;
     list_for_each_entry(req, &ctx->requests, list)
     {
-        found = req->seq == message.header.seq && req->peer == message.header.peer && !req->status_msg;
+        found = req->seq == message.header.seq && !req->status_msg && awaits(req, message.header.peer);
         if (found)
             break;
     }
@@ -113,7 +127,9 @@ void take_answer(ubus_context *ctx, const client_message &message)
         return;
     blob_attr *tb[UBUS_ATTR_MAX];
     parse_message(message.blob, blob_raw_len(message.blob), tb);
-    if (message.header.type == UBUS_MSG_STATUS) {
+    if (message.header.type == UBUS_MSG_STATUS && req->notify) {
+        take_notify_status(req, message.header.peer, tb);
+    } else if (message.header.type == UBUS_MSG_STATUS) {
         req->status_code = tb[UBUS_ATTR_STATUS] ? static_cast<int>(blob_get_u32(tb[UBUS_ATTR_STATUS]))
                                                 : static_cast<int>(UBUS_STATUS_INVALID_ARGUMENT);
         req->status_msg = true;
@@ -143,8 +159,6 @@ int wait_for_status(ubus_context *ctx, ubus_request *req, int64_t deadline)
             break;
         case client_wait::timed_out:
             return UBUS_STATUS_TIMEOUT;
-        case client_wait::interrupted:
-            return UBUS_STATUS_UNKNOWN_ERROR;
         }
     }
 }
@@ -159,6 +173,8 @@ void dispatch_message(ubus_context *ctx, client_message &message)
         take_answer(ctx, message);
         break;
     case UBUS_MSG_INVOKE:
+    case UBUS_MSG_NOTIFY:
+    case UBUS_MSG_UNSUBSCRIBE:
         if (ctx->stack_depth > 0)
             put_aside(ctx, message);
         else

@@ -11,6 +11,7 @@ extern "C" {
 #include <memory>
 #include <set>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -28,6 +29,7 @@ struct options {
     std::string object;
     std::string method;
     std::string message;
+    bool message_given = false;
     std::vector<std::string> objects;
 
     // 0 seconds mean no limit.
@@ -128,6 +130,16 @@ void print_event(ubus_context *, ubus_event_handler *, const char *id, blob_attr
     fflush(stdout);
 }
 
+// In a script, that is without a terminal, a failed call is told with all its words and ends with 256 less its status.
+int end_call(const options &given, int status)
+{
+    if (status == UBUS_STATUS_OK || given.simple || isatty(STDERR_FILENO))
+        return status;
+    fprintf(stderr, "Command failed: ubus call %s %s %s%s(%s)\n", given.object.c_str(), given.method.c_str(),
+            given.message.c_str(), given.message_given ? " " : "", ubus_strerror(status));
+    return -status;
+}
+
 int do_list(ubus_context *ctx, options &given)
 {
     return ubus_lookup(ctx, given.path.empty() ? nullptr : given.path.c_str(), print_object, &given);
@@ -137,12 +149,13 @@ int do_call(ubus_context *ctx, options &given)
 {
     blob_holder message;
     if (!given.message.empty() && !blobmsg_add_json_from_string(&message.buf, given.message.c_str()))
-        return UBUS_STATUS_PARSE_ERROR;
-    uint32_t id;
+        return end_call(given, UBUS_STATUS_PARSE_ERROR);
+    uint32_t id = 0;
     int status = ubus_lookup_id(ctx, given.object.c_str(), &id);
     if (status != UBUS_STATUS_OK)
         return status;
-    return ubus_invoke(ctx, id, given.method.c_str(), message.buf.head, print_answer, &given, given.timeout_ms());
+    return end_call(
+        given, ubus_invoke(ctx, id, given.method.c_str(), message.buf.head, print_answer, &given, given.timeout_ms()));
 }
 
 int do_send(ubus_context *ctx, options &given)
@@ -194,6 +207,38 @@ int do_listen(ubus_context *ctx, options &given)
     return serve(ctx, given.timeout_given ? given.timeout_ms() : INT_MAX);
 }
 
+int print_notification(ubus_context *ctx, ubus_object *, ubus_request_data *, const char *type, blob_attr *msg)
+{
+    print_event(ctx, nullptr, type, msg);
+    return UBUS_STATUS_OK;
+}
+
+int do_subscribe(ubus_context *ctx, options &given)
+{
+    static ubus_subscriber subscriber = {};
+    subscriber.cb = print_notification;
+    int status = ubus_register_subscriber(ctx, &subscriber);
+    for (const std::string &object : given.objects) {
+        uint32_t id = 0;
+        if (status == UBUS_STATUS_OK)
+            status = ubus_lookup_id(ctx, object.c_str(), &id);
+        if (status == UBUS_STATUS_OK)
+            status = ubus_subscribe(ctx, &subscriber, id);
+        if (status != UBUS_STATUS_OK) {
+            if (!given.simple)
+                fprintf(stderr, "Error while registering for event '%s': %s\n", object.c_str(), ubus_strerror(status));
+            return -1;
+        }
+    }
+    return serve(ctx, given.timeout_given ? given.timeout_ms() : INT_MAX);
+}
+
+int do_monitor(ubus_context *, options &)
+{
+    fprintf(stderr, "ubus: the bus on this machine cannot be monitored\n");
+    return -1;
+}
+
 std::set<std::string> missing;
 
 void on_object_added(ubus_context *, ubus_event_handler *, const char *, blob_attr *msg)
@@ -237,11 +282,12 @@ int run(command_function command, options &given)
 {
     ubus_context *ctx = ubus_connect(given.socket.c_str());
     if (!ctx) {
-        fprintf(stderr, "Failed to connect to ubus\n");
+        if (!given.simple)
+            fprintf(stderr, "Failed to connect to ubus\n");
         return exit_no_broker;
     }
     int status = command(ctx, given);
-    if (status != UBUS_STATUS_OK)
+    if (status > UBUS_STATUS_OK && !given.simple)
         fprintf(stderr, "Command failed: %s\n", ubus_strerror(status));
     ubus_free(ctx);
     return status;
@@ -274,9 +320,12 @@ int main(int argc, char **argv)
     CLI::App *call = add("call", "Call an object's method", do_call);
     call->add_option("object", given.object)->required();
     call->add_option("method", given.method)->required();
-    call->add_option("message", given.message, "Arguments as a JSON object");
+    CLI::Option *message = call->add_option("message", given.message, "Arguments as a JSON object");
     CLI::App *listen = add("listen", "Print events", do_listen);
     listen->add_option("path", given.path, "Event, or its beginning and *");
+    CLI::App *subscribe = add("subscribe", "Print the notifications of objects", do_subscribe);
+    subscribe->add_option("object", given.objects)->required();
+    add("monitor", "Not offered by this tool", do_monitor);
     CLI::App *send = add("send", "Send an event", do_send);
     send->add_option("event", given.object)->required();
     send->add_option("message", given.message, "Data as a JSON object");
@@ -289,5 +338,9 @@ int main(int argc, char **argv)
         return app.exit(error) == 0 ? 0 : 1;
     }
     given.timeout_given = timeout->count() > 0;
-    return run(command, given);
+    given.message_given = message->count() > 0;
+    const int status = run(command, given);
+    if (status == -UBUS_STATUS_INVALID_ARGUMENT)
+        fprintf(stderr, "%s", app.help().c_str());
+    return status;
 }

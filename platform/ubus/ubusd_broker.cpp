@@ -50,7 +50,6 @@ void broker::remove_client(bus_client &client)
         forget_object(entry);
     }
     clients.erase(id);
-    end_calls(gone, UBUS_STATUS_CONNECTION_FAILED);
     for (auto &[object, path] : named)
         send_object_event("ubus.object.remove", object, path);
 }
@@ -86,8 +85,11 @@ int broker::handle_request(bus_client &client, bus_message &message, blob_attr *
     case UBUS_MSG_REMOVE_OBJECT:
         return handle_remove_object(client, header, tb);
     case UBUS_MSG_SUBSCRIBE:
+        return handle_subscribe(client, tb);
     case UBUS_MSG_UNSUBSCRIBE:
+        return handle_unsubscribe(client, tb);
     case UBUS_MSG_NOTIFY:
+        return handle_notify(client, header, tb);
     case UBUS_MSG_MONITOR:
         return UBUS_STATUS_NOT_SUPPORTED;
     default:
@@ -100,40 +102,33 @@ int broker::handle_invoke(bus_client &client, const message_header &header, blob
     if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_METHOD])
         return UBUS_STATUS_INVALID_ARGUMENT;
     const uint32_t id = blob_get_u32(tb[UBUS_ATTR_OBJID]);
-    const char *method = blob_get_string(tb[UBUS_ATTR_METHOD]);
     if (id == UBUS_SYSTEM_OBJECT_EVENT)
-        return handle_event_call(client, method, tb[UBUS_ATTR_DATA]);
+        return handle_event_call(client, blob_get_string(tb[UBUS_ATTR_METHOD]), tb[UBUS_ATTR_DATA]);
     auto found = objects.find(id);
     if (found == objects.end())
         return UBUS_STATUS_NOT_FOUND;
 
+    return forward_call(client, header, tb, found->second);
+}
+
+// Gives a call or a notification to an object's owner.
+int broker::forward_call(bus_client &client, const message_header &header, blob_attr **tb, const bus_object &object)
+{
     blob_builder call;
-    call.put_u32(UBUS_ATTR_OBJID, id).put_string(UBUS_ATTR_METHOD, method);
+    call.put_u32(UBUS_ATTR_OBJID, object.id).put_string(UBUS_ATTR_METHOD, blob_get_string(tb[UBUS_ATTR_METHOD]));
     call.put_string(UBUS_ATTR_USER, client.user.c_str()).put_string(UBUS_ATTR_GROUP, client.group.c_str());
-    if (tb[UBUS_ATTR_DATA])
-        call.put(UBUS_ATTR_DATA, blob_data(tb[UBUS_ATTR_DATA]), blob_len(tb[UBUS_ATTR_DATA]));
-    const bool no_reply = flag(tb[UBUS_ATTR_NO_REPLY]);
-    if (no_reply)
+    // Always there: a library may refuse a call without data.
+    call.put(UBUS_ATTR_DATA, tb[UBUS_ATTR_DATA] ? blob_data(tb[UBUS_ATTR_DATA]) : nullptr,
+             tb[UBUS_ATTR_DATA] ? blob_len(tb[UBUS_ATTR_DATA]) : 0);
+    if (flag(tb[UBUS_ATTR_NO_REPLY]))
         call.put(UBUS_ATTR_NO_REPLY, "\1", 1);
     if (call.bytes().empty())
         return UBUS_STATUS_INVALID_ARGUMENT; // with what the broker adds it is larger than its owner takes
-    message_sink &owner = *found->second.owner->sink;
+    message_sink &owner = *object.owner->sink;
     if (owner.queued() + call.bytes().size() > owner_backlog_max)
         return UBUS_STATUS_NO_MEMORY;
-    if (!no_reply)
-        remember_call(client, header.seq, id);
     owner.send(make_message({0, UBUS_MSG_INVOKE, header.seq, client.id}, call.bytes()));
     return no_status;
-}
-
-void broker::remember_call(bus_client &client, uint16_t seq, uint32_t object)
-{
-    if (client.calls.size() == calls_per_client_max) {
-        call_in_progress oldest = client.calls.front();
-        client.calls.pop_front();
-        send_status(client, oldest.seq, oldest.object, UBUS_STATUS_TIMEOUT);
-    }
-    client.calls.push_back({seq, object});
 }
 
 void broker::pass_answer(bus_client &client, bus_message &message, blob_attr **tb)
@@ -144,27 +139,7 @@ void broker::pass_answer(bus_client &client, bus_message &message, blob_attr **t
     const uint32_t id = blob_get_u32(tb[UBUS_ATTR_OBJID]);
     if (!client.objects.contains(id))
         return;
-    auto &calls = caller->second->calls;
-    auto call = std::find_if(calls.begin(), calls.end(),
-                             [&](const call_in_progress &c) { return c.seq == message.header.seq && c.object == id; });
-    if (call == calls.end())
-        return;
-    if (message.header.type == UBUS_MSG_STATUS)
-        calls.erase(call);
     caller->second->sink->send(make_message({0, message.header.type, message.header.seq, id}, message.blob));
-}
-
-void broker::end_calls(const std::set<uint32_t> &gone, ubus_msg_status status)
-{
-    if (gone.empty())
-        return;
-    for (auto &[id, client] : clients) {
-        for (const call_in_progress &call : client->calls) {
-            if (gone.contains(call.object))
-                send_status(*client, call.seq, call.object, status);
-        }
-        std::erase_if(client->calls, [&](const call_in_progress &call) { return gone.contains(call.object); });
-    }
 }
 
 void broker::send_status(bus_client &client, uint16_t seq, uint32_t peer, int status)

@@ -4,7 +4,6 @@
 
 #include "ubusd_message.h"
 
-#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -15,7 +14,7 @@
 constexpr size_t objects_per_client_max = 1024;
 constexpr size_t signature_bytes_per_client_max = 4 * UBUS_MAX_MSGLEN;
 constexpr size_t patterns_per_client_max = 1024;
-constexpr size_t calls_per_client_max = 1024;
+constexpr size_t subscriptions_per_client_max = 1024;
 // A call is refused while this much waits for its owner, so that callers cannot get an owner dropped that is only busy.
 constexpr size_t owner_backlog_max = 2 * UBUS_MAX_MSGLEN;
 
@@ -40,11 +39,8 @@ struct bus_object {
     std::shared_ptr<bus_object_type> type;
     bus_client *owner;
     std::vector<std::string> patterns; // of events
-};
-
-struct call_in_progress {
-    uint16_t seq;
-    uint32_t object;
+    std::vector<uint32_t> subscribers; // objects of others that get its notifications, as often as they asked for them
+    std::vector<uint32_t> targets;     // objects of others whose notifications it gets
 };
 
 struct bus_client {
@@ -53,16 +49,16 @@ struct bus_client {
     std::string user;
     std::string group;
     std::set<uint32_t> objects;
-    std::deque<call_in_progress> calls; // made by this client, oldest first
     size_t signature_bytes = 0;
     size_t pattern_count = 0;
+    size_t subscription_count = 0;
 };
 
 class broker {
 public:
     // Puts a client on the bus and greets it. The sink must live until remove_client.
     bus_client &add_client(message_sink &sink, std::string user, std::string group);
-    // Takes the client off with its objects; calls in progress on them end with `connection failed`.
+    // Takes the client off with its objects; whoever waits for an answer of them is not told.
     void remove_client(bus_client &client);
     void receive(bus_client &client, bus_message &message);
 
@@ -75,14 +71,19 @@ private:
     int handle_add_object(bus_client &client, const message_header &header, blob_attr **tb);
     int handle_remove_object(bus_client &client, const message_header &header, blob_attr **tb);
     int handle_invoke(bus_client &client, const message_header &header, blob_attr **tb);
+    int handle_subscribe(bus_client &client, blob_attr **tb);
+    int handle_unsubscribe(bus_client &client, blob_attr **tb);
+    int handle_notify(bus_client &client, const message_header &header, blob_attr **tb);
     int handle_event_call(bus_client &client, std::string_view method, blob_attr *data);
     int register_pattern(bus_client &client, blob_attr *data);
     int send_client_event(bus_client &client, blob_attr *data);
     void pass_answer(bus_client &client, bus_message &message, blob_attr **tb);
 
     int resolve_type(bus_client &client, blob_attr **tb, std::shared_ptr<bus_object_type> &type);
-    void remember_call(bus_client &client, uint16_t seq, uint32_t object);
-    void end_calls(const std::set<uint32_t> &gone, ubus_msg_status status);
+    int forward_call(bus_client &client, const message_header &header, blob_attr **tb, const bus_object &object);
+    void end_subscription(bus_object &subscriber, bus_object &target);
+    void end_subscriptions(bus_object &object);
+    void send_active(const bus_object &target);
     void forget_object(bus_object &object);
     void send_object(bus_client &client, const message_header &header, const bus_object &object);
     void send_object_event(const char *id, uint32_t object, const std::string &path);

@@ -125,7 +125,6 @@ int broker::handle_remove_object(bus_client &client, const message_header &heade
     client.objects.erase(id);
     forget_object(found->second);
     client.sink->send(make_message({0, UBUS_MSG_DATA, header.seq, header.peer}, ids.bytes()));
-    end_calls({id}, UBUS_STATUS_NOT_FOUND);
     if (!path.empty())
         send_object_event("ubus.object.remove", id, path);
     return UBUS_STATUS_OK;
@@ -135,6 +134,7 @@ int broker::handle_remove_object(bus_client &client, const message_header &heade
 void broker::forget_object(bus_object &object)
 {
     bus_client &owner = *object.owner;
+    end_subscriptions(object);
     owner.pattern_count -= object.patterns.size();
     listeners.erase(object.id);
     if (!object.path.empty())

@@ -185,6 +185,8 @@ int uci_set(uci_context *ctx, uci_ptr *ptr)
     if (err != UCI_OK)
         return err;
     bool of_option = !change.option.empty();
+    if (ptr->value && !*ptr->value) // an empty value means as much as none
+        return (of_option ? ptr->o != nullptr : ptr->s != nullptr) ? uci_delete(ctx, ptr) : finish(ctx, UCI_OK);
     if (!ptr->value || (of_option && !section_find(*loaded(ptr->p), change.section)) ||
         (!of_option && !valid_type(change.value)))
         return finish(ctx, UCI_ERR_INVAL);

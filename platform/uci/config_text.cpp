@@ -63,12 +63,14 @@ static int parse_option(uci_loaded_package &p, const uci_statement &statement, u
 {
     if (!current)
         return refuse(p, statement.words[0], "option/list command found before the first section");
-    if (statement.count < 3)
+    if (statement.count < 2)
         return refuse(p, statement.words[0], "insufficient arguments");
     const uci_word &name = statement.words[1];
     if (!valid_name(name.text))
         return refuse(p, name, "invalid character in name field");
-    std::string_view value = statement.words[2].text;
+    std::string_view value = statement.count == 3 ? statement.words[2].text : std::string_view{};
+    if (value.empty() && !list) // an empty value means as much as none
+        return UCI_OK;
     uci_option *o = list ? option_add_value(p, *current, name.text, value) : option_set(p, *current, name.text, value);
     return o ? UCI_OK : UCI_ERR_MEM;
 }

@@ -265,6 +265,26 @@ int uci_commit(uci_context *ctx, uci_package **p, bool overwrite)
     return finish(ctx, err);
 }
 
+int uci_export(uci_context *ctx, FILE *stream, uci_package *p, bool header)
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    if (!stream || !p)
+        return finish(ctx, UCI_ERR_INVAL);
+    uci_text text = {};
+    if (header) {
+        text_append(text, "package ");
+        text_append(text, p->e.name);
+        text_append(text, "\n");
+    }
+    config_write(*loaded(p), text);
+    const bool out_of_memory = text.out_of_memory;
+    if (!out_of_memory)
+        (void)fwrite(text.data, 1, text.size, stream); // whoever flushes the stream looks
+    text_free(text);
+    return finish(ctx, out_of_memory ? UCI_ERR_MEM : UCI_OK);
+}
+
 void uci_get_errorstr(uci_context *ctx, char **dest, const char *prefix)
 {
     static const char *const messages[] = {

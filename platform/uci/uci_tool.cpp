@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <new>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -67,7 +70,7 @@ static std::string joined(uci_option *o, bool in_quotes)
     {
         if (!all.empty() || item != uci_list_to_element(o->v.list.next))
             all += ' ';
-        all += in_quotes ? quoted(item->name) : item->name;
+        all += in_quotes || strpbrk(item->name, " \t\r\n") ? quoted(item->name) : item->name;
     }
     return all;
 }
@@ -201,6 +204,72 @@ static int show(invocation &call)
     return result;
 }
 
+static int export_packages(invocation &call)
+{
+    int result = 0;
+    for (const std::string &name : call.args.empty() ? packages_in(call.ctx->confdir, false) : call.args) {
+        uci_package *p = nullptr;
+        int err = uci_load(call.ctx, name.c_str(), &p);
+        if (err == UCI_OK)
+            err = uci_export(call.ctx, stdout, p, true);
+        if (report(call, err) != 0)
+            result = 1;
+    }
+    return result;
+}
+
+// The lines that stay when one entry's changes are taken back.
+struct remaining_changes {
+    const uci_ptr &entry;
+    uci_text lines = {};
+};
+
+static void keep_change(void *arg, const uci_change &change)
+{
+    auto &rest = *static_cast<remaining_changes *>(arg);
+    const bool of_section = !rest.entry.section || change.section == rest.entry.section;
+    const bool of_option = !rest.entry.option || change.option == rest.entry.option;
+    if (!of_section || !of_option)
+        change_write(rest.lines, rest.entry.package, change);
+}
+
+static int revert(invocation &call)
+{
+    lookup found;
+    package_paths paths;
+    int err = found.run(call);
+    if (err == UCI_OK)
+        err = make_paths(*call.ctx, found.ptr.package, paths);
+    locked_file file = {-1, {}};
+    if (err == UCI_OK)
+        err = file_lock(paths.config, true, file);
+    uci_text before = {};
+    remaining_changes rest = {found.ptr};
+    if (err == UCI_OK)
+        err = pending_read(paths.pending, before);
+    if (err == UCI_OK)
+        pending_parse(found.ptr.package, before.data, before.size, keep_change, &rest);
+    int fd = -1;
+    if (err == UCI_OK)
+        err = pending_open(paths.pending, fd);
+    if (fd >= 0 && (ftruncate(fd, 0) != 0 ||
+                    pwrite(fd, rest.lines.data, rest.lines.size, 0) != static_cast<ssize_t>(rest.lines.size)))
+        err = UCI_ERR_IO;
+    if (fd >= 0)
+        close(fd);
+    if (file.fd >= 0)
+        file_unlock(file.fd);
+    text_free(before);
+    text_free(rest.lines);
+    return report(call, err);
+}
+
+static int refuse(invocation &)
+{
+    fprintf(stderr, "uci: this tool does not offer that command; the router's own does\n");
+    return 1;
+}
+
 static void print_change(void *arg, const uci_change &change)
 {
     std::string name = *static_cast<const std::string *>(arg) + "." + std::string(change.section);
@@ -273,13 +342,21 @@ static const command commands[] = {
     {"commit", 0, 1, commit},
     {"show", 0, 1, show},
     {"changes", 0, 1, changes},
+    {"export", 0, 1, export_packages},
+    {"revert", 1, 1, revert},
+    {"import", 0, 9, refuse},
+    {"batch", 0, 9, refuse},
+    {"rename", 0, 9, refuse},
+    {"reorder", 0, 9, refuse},
+    {"del_list", 0, 9, refuse},
 };
 
 int main(int argc, char **argv)
 {
-    CLI::App app{"Reads and changes configuration packages.\n"
-                 "Commands: get <entry>, set <entry>=<value>, add_list <option>=<value>, delete <entry>, "
-                 "add <package> <type>, commit [<package>], show [<entry>], changes [<package>]"};
+    CLI::App app{
+        "Reads and changes configuration packages.\n"
+        "Commands: get <entry>, set <entry>=<value>, add_list <option>=<value>, delete <entry>, "
+        "add <package> <type>, commit [<package>], show [<entry>], changes [<package>], export [<package>], revert <entry>"};
     std::string confdir = UCI_CONFDIR;
     std::string savedir = UCI_SAVEDIR;
     std::string name;

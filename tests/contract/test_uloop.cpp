@@ -3,6 +3,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -195,6 +196,46 @@ TEST_F(Uloop, SignalsEndItAndTheirActionsReturn)
         sigaction(signal, nullptr, &after);
         EXPECT_EQ(before.sa_handler, after.sa_handler);
     }
+}
+
+TEST(UloopSignals, AreTakenFromTheInitOnWhereNobodyElseHasThem)
+{
+    struct sigaction action, own = {};
+    own.sa_handler = [](int) {};
+    sigaction(SIGTERM, &own, nullptr);
+    ASSERT_EQ(uloop_init(), 0);
+    sigaction(SIGINT, nullptr, &action);
+    EXPECT_NE(action.sa_handler, SIG_DFL);
+    sigaction(SIGTERM, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, own.sa_handler);
+    uloop_done();
+    sigaction(SIGINT, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+    signal(SIGTERM, SIG_DFL);
+}
+
+// A child that somebody else of the process waits for, ended while a loop runs.
+int status_beside_the_loop()
+{
+    EXPECT_EQ(uloop_init(), 0);
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(7);
+    uloop_timeout end = {};
+    end.cb = [](uloop_timeout *) { uloop_end(); };
+    uloop_timeout_set(&end, 100);
+    uloop_run();
+    uloop_done();
+    int status = 0;
+    return waitpid(child, &status, 0) == child ? WEXITSTATUS(status) : -1;
+}
+
+TEST(UloopChildren, AreWaitedForUnlessTheLoopIsTold)
+{
+    EXPECT_EQ(status_beside_the_loop(), -1);
+    uloop_handle_sigchld = false;
+    EXPECT_EQ(status_beside_the_loop(), 7);
+    uloop_handle_sigchld = true;
 }
 
 TEST_F(Uloop, RunWithATimeoutReturns)

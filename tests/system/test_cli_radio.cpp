@@ -160,6 +160,12 @@ TEST(Cli, SaysWhyWithOneLineAndAnExitStatus)
     EXPECT_EQ(result.status, 4);
     EXPECT_EQ(result.errors, "celmux: status: the daemon did not answer within 1 s\n");
     EXPECT_EQ(result.output, read_whole_file(TEST_DATA_DIR "/cli/status_silent.txt"));
+    auto calls = [&] { return router.daemon.celmuxd().output().rfind(" enter\n"); };
+    const size_t last = calls();
+    Terminal terminal(router.root, {"celmux", "mode"});
+    ASSERT_TRUE(wait_for([&] { return calls() > last; }));
+    terminal.type("\x03"); // ends a call that waits
+    EXPECT_EQ(terminal.wait_exit(), 128 + SIGINT);
     router.daemon.stop();
     expect_failure(router, "signal", 3, "signal: celmuxd is not on the bus; is it running?");
 }

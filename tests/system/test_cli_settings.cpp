@@ -142,7 +142,10 @@ TEST(CliApn, KeepsProfiles)
     EXPECT_THAT(router.commands(), Not(Contains(HasSubstr("CGDCONT="))));
     expect_kept(router, "apn", "apn_edited.txt");
 
-    expect_output(router, "apn add plain 'name=\x1b[2J'", "");
+    expect_failure(router, "apn add plain 'name=\x1b[2J'", 1, "apn: refused, or there is no such thing");
+    const std::string kept = router.root.read_file("/etc/config/profiles");
+    router.root.write_file("/etc/config/profiles",
+                           kept + "config profile\n\toption apn 'plain'\n\toption name '\x1b[2J'\n");
     EXPECT_THAT(celmux(router, "apn").output, HasSubstr("  1  \\x1b[2J"));
     router.modem({{"do", "trouble"}, {"args", {R"({"kind": "error", "command": "AT+CGDCONT=", "text": "ERROR"})"}}});
     expect_failure(router, "apn use 1", 1, "apn: the modem did not take it, its APN is internet");

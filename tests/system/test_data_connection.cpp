@@ -25,9 +25,18 @@ static std::string stored_profiles(Router &router)
 static std::string section(int family, const std::string &apn, const std::string &name, const std::string &user,
                            const std::string &password, int auth)
 {
-    return "\nconfig profile\n\toption ip_family '" + std::to_string(family) + "'\n\toption apn '" + apn +
-           "'\n\toption name '" + name + "'\n\toption username '" + user + "'\n\toption password '" + password +
-           "'\n\toption auth '" + std::to_string(auth) + "'\n";
+    std::string text = "\nconfig profile\n";
+    // An empty value is none.
+    for (const auto &[option, value] : {std::pair{"ip_family", std::to_string(family)},
+                                        {"apn", apn},
+                                        {"name", name},
+                                        {"username", user},
+                                        {"password", password},
+                                        {"auth", std::to_string(auth)}}) {
+        if (!value.empty())
+            text += std::string("\toption ") + option + " '" + value + "'\n";
+    }
+    return text;
 }
 
 TEST(DataConnection, ProfilesFromTheFirstToTheLast)

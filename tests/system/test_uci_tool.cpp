@@ -99,7 +99,7 @@ struct UciTool : testing::Test {
 TEST_F(UciTool, GetsValuesListsAndTypes)
 {
     expect({"get", "p.main.one"}, 0, "it's\n", "");
-    expect({"get", "p.main.many"}, 0, "a b c\n", "");
+    expect({"get", "p.main.many"}, 0, "a 'b c'\n", "");
     expect({"get", "p.main"}, 0, "settings\n", "");
     expect({"get", "p.@profile[-1].apn"}, 0, "second\n", "");
     for (const char *absent : {"p.main.two", "p.nobody.one", "p.nobody", "absent.a.b", "p.@profile[2].apn"})
@@ -116,7 +116,7 @@ TEST_F(UciTool, ChangesOnlyThePendingFile)
     expect({"delete", "p.@profile[0]"}, 0, "", "");
     EXPECT_EQ(file(), sample);
     expect({"get", "p.main.one"}, 0, "1\n", "");
-    expect({"get", "p.main.many"}, 0, "a b c it's\n", "");
+    expect({"get", "p.main.many"}, 0, "a 'b c' it's\n", "");
     result changes = run({"changes"});
     EXPECT_EQ(changes.status, 0);
     EXPECT_EQ(changes.out.substr(0, changes.out.find("-p.")),
@@ -132,6 +132,25 @@ TEST_F(UciTool, ChangesOnlyThePendingFile)
     EXPECT_TRUE(fs::exists(root / "pending/p"));
     EXPECT_EQ(pending(), "");
     expect({"changes"}, 0, "", "");
+}
+
+TEST_F(UciTool, ExportsAndReverts)
+{
+    expect({"set", "p.main.one=1"}, 0, "", "");
+    expect({"add_list", "p.main.many=d e"}, 0, "", "");
+    expect({"set", "p.new=kind"}, 0, "", "");
+    expect({"get", "p.main.many"}, 0, "a 'b c' 'd e'\n", "");
+    EXPECT_NE(run({"export", "p"}).out.find("package p\n\nconfig settings 'main'\n\toption one '1'\n"),
+              std::string::npos);
+    expect({"revert", "p.main.one"}, 0, "", "");
+    expect({"changes"}, 0, "p.main.many+='d e'\np.new='kind'\n", "");
+    expect({"revert", "p.main"}, 0, "", "");
+    expect({"changes"}, 0, "p.new='kind'\n", "");
+    expect({"revert", "p"}, 0, "", "");
+    expect({"changes"}, 0, "", "");
+    expect({"set", "p.main.one="}, 0, "", "");
+    expect({"get", "p.main.one"}, 1, "", "Entry not found");
+    expect({"rename", "p.main=x"}, 1, "", "this tool does not offer that command; the router's own does");
 }
 
 TEST_F(UciTool, RefusesWithAMessageAndChangesNothing)

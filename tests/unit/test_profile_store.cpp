@@ -8,9 +8,15 @@
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+extern "C" {
+#include <uci.h>
+}
 
 #include "captured_log.h"
 #include "captured_reply.h"
@@ -224,6 +230,135 @@ TEST_F(Profiles, AFailedCommitLeavesNothingPending)
     EXPECT_EQ(reply_of(handle_get_profile, R"({"id":2})"), "{\"result\":-1}");
     EXPECT_EQ(reply_of(handle_add_profile, R"({"ip":1,"apn":"next"})"), "{\"result\":0}");
     EXPECT_EQ(content("profiles").find("lost"), std::string::npos);
+}
+
+// libuci takes them, and cannot read its own pending line again.
+TEST_F(Profiles, ControlCharactersAreRefused)
+{
+    write("profiles", TWO_PROFILES);
+    for (const char *text : {"a\x01", "\x1f", "a\x0b"}) {
+        ApnProfile record = {};
+        record.apn = "x";
+        record.ip_family = record.auth = NOT_GIVEN;
+        for (const char *ApnProfile::*field :
+             {&ApnProfile::apn, &ApnProfile::name, &ApnProfile::username, &ApnProfile::password}) {
+            ApnProfile bad = record;
+            bad.*field = text;
+            EXPECT_EQ(add_profile_section(&bad), -1);
+            EXPECT_EQ(modify_profile_section(0, &bad), -1);
+        }
+    }
+    EXPECT_EQ(log_count("holds a control character", LOG_ERR), 24);
+    EXPECT_EQ(content("profiles"), TWO_PROFILES);
+    EXPECT_TRUE(std::filesystem::is_empty(saved));
+    EXPECT_EQ(reply_of(handle_modify_profile, R"({"id":0,"name":"tab\tand\nline"})"), "{\"result\":0}");
+    EXPECT_NE(reply_of(handle_get_profile, R"({"id":0})").find("tab\\tand\\nline"), std::string::npos);
+}
+
+TEST_F(Profiles, WithoutDescriptorsNothingIsReportedAsStored)
+{
+    write("profiles", TWO_PROFILES);
+    rlimit before;
+    getrlimit(RLIMIT_NOFILE, &before);
+    const int lowest_free = dup(0);
+    close(lowest_free);
+    for (int spare = 0; spare < 6; spare++) {
+        rlimit limit = {static_cast<rlim_t>(lowest_free + spare), before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        const std::string added = reply_of(handle_add_profile, R"({"ip":1,"apn":"new"})");
+        const std::string listed = reply_of(handle_get_profile_list);
+        setrlimit(RLIMIT_NOFILE, &before);
+        const bool stored = content("profiles").find("new") != std::string::npos;
+        EXPECT_EQ(added == "{\"result\":0}", stored) << spare;
+        EXPECT_EQ(stored, content("profiles") != TWO_PROFILES) << spare;
+        EXPECT_TRUE(listed.find("internet") != std::string::npos || listed.find("\"result\":0") == std::string::npos)
+            << spare << listed;
+        write("profiles", TWO_PROFILES);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(saved));
+}
+
+// The router's tool as others use it, one call after the other; how often it said that all of a profile is stored.
+static int add_by_tool(const std::string &config, const std::string &saved, int count)
+{
+    auto step = [&](const std::string &text, std::string *added) {
+        uci_context *context = uci_alloc_context();
+        uci_set_confdir(context, config.c_str());
+        uci_set_savedir(context, saved.c_str());
+        std::string key = text;
+        uci_ptr found = {};
+        int code = uci_lookup_ptr(context, &found, key.data(), true);
+        uci_section *section = nullptr;
+        if (code == 0 && added)
+            code = uci_add_section(context, found.p, "profile", &section);
+        else if (code == 0 && found.value)
+            code = uci_set(context, &found);
+        else if (code == 0)
+            code = uci_commit(context, &found.p, false);
+        if (code == 0 && (added || found.value))
+            code = uci_save(context, found.p);
+        if (code == 0 && added)
+            *added = section->e.name;
+        uci_free_context(context);
+        return code;
+    };
+    int good = 0;
+    for (int i = 0; i < count; i++) {
+        std::string name;
+        int code = step("profiles", &name);
+        for (const char *option : {"apn", "name"})
+            code |= code ? code : step("profiles." + name + "." + option + "=tool" + std::to_string(i), nullptr);
+        good += (code | step("profiles", nullptr)) == 0;
+    }
+    return good;
+}
+
+TEST_F(Profiles, NothingOfTwoWritersIsLost)
+{
+    constexpr int EACH = 60;
+    write("profiles", "\n");
+    const pid_t tool = fork();
+    if (tool == 0)
+        _exit(add_by_tool(config, saved, EACH));
+    for (int i = 0; i < EACH; i++) {
+        const std::string apn = "ours" + std::to_string(i);
+        ApnProfile record = {};
+        record.apn = apn.c_str();
+        EXPECT_EQ(add_profile_section(&record), 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(tool, &status, 0), tool);
+    const std::string text = content("profiles");
+    int of_tool = 0;
+    for (int i = 0; i < EACH; i++) {
+        EXPECT_NE(text.find("apn 'ours" + std::to_string(i) + "'"), std::string::npos) << i;
+        of_tool += text.find("apn 'tool" + std::to_string(i) + "'") != std::string::npos;
+    }
+    EXPECT_GE(of_tool, WEXITSTATUS(status)) << "of " << EACH;
+}
+
+// As any commit does it; above all a section that somebody has begun keeps its name, and so gets its own options and
+// not ours.
+TEST_F(Profiles, PendingChangesOfOthersGoIn)
+{
+    write("profiles", TWO_PROFILES);
+    std::ofstream(saved + "/profiles") << "profiles.second.apn='pending'\n";
+    EXPECT_EQ(reply_of(handle_add_profile, R"({"ip":1,"apn":"third"})"), "{\"result\":0}");
+    EXPECT_NE(content("profiles").find("'pending'"), std::string::npos);
+    EXPECT_EQ(std::filesystem::file_size(saved + "/profiles"), 0U);
+    EXPECT_NE(reply_of(handle_get_profile, R"({"id":2})").find("third"), std::string::npos);
+}
+
+TEST_F(Profiles, OneOptionIsWrittenOnlyWhenItChanges)
+{
+    write("profiles", TWO_PROFILES);
+    EXPECT_EQ(uci_write_option("profiles", "second", "apn", "written"), 0);
+    const auto written = std::filesystem::last_write_time(config + "/profiles");
+    EXPECT_EQ(uci_write_option("profiles", "second", "apn", "written"), 0);
+    EXPECT_EQ(std::filesystem::last_write_time(config + "/profiles"), written);
+    EXPECT_NE(uci_write_option("profiles", "nobody", "apn", "x"), 0);
+    EXPECT_EQ(uci_write_option("nothing", "second", "apn", "x"), 3);
+    EXPECT_NE(content("profiles").find("option apn 'written'"), std::string::npos);
 }
 
 TEST_F(Profiles, ArgumentsAreChecked)

@@ -1,7 +1,12 @@
+#include <atomic>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <thread>
+
+extern "C" {
+#include <libubox/uloop.h>
+}
 
 #include "captured_log.h"
 #include "celmux.h"
@@ -53,6 +58,24 @@ TEST(Shell, ChildrenHaveTheirSignals)
     pthread_sigmask(SIG_BLOCK, &blocked, &before);
     EXPECT_EQ(run_shell("kill -TERM $$; sleep 5"), -1);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+// The event loop waits for every child of the process, and a parent may have left SIGCHLD ignored.
+TEST(Shell, NobodyElseTakesAnExitStatus)
+{
+    signal(SIGCHLD, SIG_IGN);
+    claim_children();
+    ASSERT_EQ(uloop_init(), 0);
+    std::atomic<bool> done = false;
+    std::thread commands([&] {
+        for (int i = 0; i < 50; i++)
+            EXPECT_EQ(run_shell("exit 7"), 7);
+        done = true;
+    });
+    while (!done)
+        uloop_run_timeout(1);
+    commands.join();
+    uloop_done();
 }
 
 TEST(Shell, ACommandDoesNotOutliveTheDaemon)

@@ -277,6 +277,10 @@ TEST_F(Methods, WaitsOfThePassThroughAreBounded)
     fake_link.mutex_error = 110;
     EXPECT_EQ(reply_of(handle_at_passthrough, R"({"at":"ATI"})"),
               R"({"result":110,"resp":"failure to send at command"})");
+    fake_link.mutex_error = 0;
+    fake_link.stopping = true;
+    EXPECT_EQ(reply_of(handle_at_passthrough, R"({"at":"ATI"})"),
+              R"({"result":-1,"resp":"failure to send at command"})");
 }
 
 TEST_F(Methods, ScanIsQueuedOrRefused)

@@ -201,7 +201,9 @@ TEST_F(Ubusd, RefusesWithAStatus)
         {"removal of another's object", "07", "0000000c 03000008" + object, 6},
         {"removal of nothing", "07", "00000004", 2},
         {"event without data", "05", "00000018 03000008 00000001 04000009 73656e64 00000000", 2},
-        {"subscription", "08", "00000004", 8},
+        {"subscription without target", "08", "00000004", 2},
+        {"notification of another's object", "0a", "00000014 03000008" + object + "04000006 6d000000", 6},
+        {"monitor", "0b", "00000004", 8},
         {"hello", "00", "00000004", 1},
         {"unknown message", "40", "00000004", 1},
     };
@@ -264,28 +266,11 @@ TEST_F(Ubusd, TakesMessagesInAnyPieces)
     expect_alive();
 }
 
-TEST_F(Ubusd, ACallEndsWhenItsOwnerGoesAway)
-{
-    raw_client caller;
-    std::string object;
-    {
-        raw_client owner;
-        object = hex32(owner.add_object());
-        caller.send_hex("0005 0102" + object + "00000014 03000008" + object + "04000006 6d000000");
-        EXPECT_FALSE(owner.receive().empty());
-    }
-    EXPECT_EQ(caller.receive_hex(), text("0001 0102" + object + "0000000c 01000008 0000000a"));
-    caller.send_hex("0004 0103 00000000 0000000c 02000006 61000000");
-    EXPECT_EQ(caller.receive_hex(), text("0001 0103 00000000 0000000c 01000008 00000004"));
-}
-
-TEST_F(Ubusd, AnswersReachNobodyWhoHasNotAsked)
+TEST_F(Ubusd, OnlyAnObjectsOwnerAnswersForIt)
 {
     raw_client owner, caller, victim;
     const std::string object = hex32(owner.add_object());
-    owner.send_hex("0001 0001" + hex32(victim.id) + "00000014 01000008 00000000 03000008" + object);
     owner.send_hex("0002 0001" + hex32(victim.id) + "00000004");
-    // An object of one's own is needed to answer, even when the sequence number has been guessed.
     caller.send_hex("0005 0102" + object + "00000014 03000008" + object + "04000006 6d000000");
     victim.send_hex("0001 0102" + hex32(caller.id) + "00000014 01000008 00000000 03000008" + object);
     for (raw_client *client : {&victim, &caller}) {

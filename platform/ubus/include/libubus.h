@@ -1,7 +1,8 @@
 /*
- * Client of the bus. A context belongs to one thread. Functions that return int return an ubus_msg_status; every wait in
- * here ends: connecting after 2 s, requests to the broker after 5 s, a call after its own time-out, and any of them with
- * UBUS_STATUS_UNKNOWN_ERROR when a signal interrupts it while uloop_cancelled is set.
+ * Client of the bus. A context belongs to one thread. Functions that return int return an ubus_msg_status; every wait
+ * in here ends: connecting after 2 s, requests to the broker after 5 s, a call after its own time-out. Connecting
+ * begins with uloop_init, so a SIGINT that comes during a call only sets uloop_cancelled and the call goes on, unless
+ * the process has an action of its own.
  */
 #ifndef LIBUBUS_H
 #define LIBUBUS_H
@@ -20,12 +21,17 @@ struct ubus_request;
 struct ubus_request_data;
 struct ubus_object_data;
 struct ubus_event_handler;
-struct ubus_event_pattern;
+struct ubus_subscriber;
 
 /* Answers a call: 0 or the status for the caller. msg lives until the handler returns. */
 typedef int (*ubus_handler_t)(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
                               const char *method, struct blob_attr *msg);
 typedef void (*ubus_lookup_handler_t)(struct ubus_context *ctx, struct ubus_object_data *obj, void *priv);
+/* obj->has_subscribers has changed. */
+typedef void (*ubus_state_handler_t)(struct ubus_context *ctx, struct ubus_object *obj);
+/* The object with this id is gone; one that comes back has another id. */
+typedef void (*ubus_remove_handler_t)(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
+typedef bool (*ubus_new_object_handler_t)(struct ubus_context *ctx, struct ubus_subscriber *sub, const char *path);
 typedef void (*ubus_event_handler_t)(struct ubus_context *ctx, struct ubus_event_handler *ev, const char *type,
                                      struct blob_attr *msg);
 /* Takes one answer of a call; msg is null when the answer carries no data. req->priv is what ubus_invoke was given. */
@@ -70,6 +76,8 @@ struct ubus_object {
     uint32_t id;
     const char *path;
     struct ubus_object_type *type; /* its methods are shown to others */
+    ubus_state_handler_t subscribe_cb;
+    bool has_subscribers;              /* a reconnection leaves it as it was */
     const struct ubus_method *methods; /* these are called */
     int n_methods;
 };
@@ -78,6 +86,17 @@ struct ubus_event_handler {
     struct ubus_object obj;
     ubus_event_handler_t cb;
 };
+
+/* Gets the notifications of objects of others as calls of cb. */
+struct ubus_subscriber {
+    struct list_head list;
+    struct ubus_object obj;
+    ubus_handler_t cb;
+    ubus_remove_handler_t remove_cb;
+    ubus_new_object_handler_t new_obj_cb; /* not supported here: null */
+};
+
+#define UBUS_MAX_NOTIFY_PEERS 16
 
 struct ubus_context {
     struct list_head requests;
@@ -91,7 +110,6 @@ struct ubus_context {
     void (*connection_lost)(struct ubus_context *ctx);
 
     /* of the library itself */
-    struct list_head patterns;
     int n_pending;
     bool lost;
     uint8_t rx_head[12]; /* message header and the blob's first word */
@@ -132,14 +150,20 @@ struct ubus_request {
     ubus_data_handler_t data_cb;
     struct ubus_context *ctx;
     void *priv;
+
+    /* of the library itself: subscribers that have not answered a notification yet */
+    bool notify;
+    int n_awaited;
+    uint32_t awaited[UBUS_MAX_NOTIFY_PEERS + 1];
 };
 
 /* Connects to the broker at this path (null: UBUS_UNIX_SOCKET) and waits for its greeting. Null on failure. */
 struct ubus_context *ubus_connect(const char *path);
 
 /*
- * Connects again after the connection was lost and registers all objects and event handlers anew, under new ids. The
- * descriptor is not in the loop afterwards: call ubus_add_uloop. Calls that were in progress are forgotten.
+ * Connects again after the connection was lost and registers all objects anew, under new ids; patterns of events and
+ * subscriptions are the caller's to register again. The descriptor is not in the loop afterwards: call ubus_add_uloop.
+ * Calls that were in progress are forgotten.
  */
 int ubus_reconnect(struct ubus_context *ctx, const char *path);
 void ubus_free(struct ubus_context *ctx);
@@ -161,22 +185,44 @@ static inline void ubus_handle_event(struct ubus_context *ctx)
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
 
-/* Calls cb for every object at the path (null: all; a trailing * takes what begins so). Not found is status 4. */
+/*
+ * Calls cb for every object at the path (null: all; a trailing * takes what begins so). Not found is status 4; an
+ * object that this client may not use is found and not shown, and *id stays as it was.
+ */
 int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv);
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
 
 /*
- * Calls a method and waits timeout_ms (0 or less: 30 s) for its end; cb (may be null) takes each answer. msg may be null.
- * Calls from others that arrive meanwhile are served later, from the loop.
+ * Calls a method and waits timeout_ms (0 or less: 30 s) for its end; cb (may be null) takes each answer. msg may be
+ * null. Calls from others that arrive meanwhile are served later, from the loop.
  */
 int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
                 ubus_data_handler_t cb, void *priv, int timeout_ms);
 
 /* Sends an answer of any size; the broker closes the connection for one above UBUS_MAX_MSGLEN. */
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg);
-/* The caller's wait goes on after the handler has returned, until the copy is completed. */
+/*
+ * The caller's wait goes on after the handler has returned, until the copy is completed, which is to be done once.
+ * Whether the caller still waits then does not matter. The texts of the copy's acl are not to be used.
+ */
 void ubus_defer_request(struct ubus_context *ctx, struct ubus_request_data *req, struct ubus_request_data *new_req);
 void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_request_data *req, int ret);
+
+/*
+ * Notifies all subscribers of an own object. With a time-out of 0 ms or more it waits until the first 16 of them have
+ * answered, whatever they answered; a negative one does not wait.
+ */
+int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *type, struct blob_attr *msg,
+                int timeout);
+
+/* The subscriber stays the caller's, as an object does. Subscribing twice delivers twice; to objects of others only. */
+int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub);
+static inline int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub)
+{
+    return ubus_remove_object(ctx, &sub->obj);
+}
+int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
+int ubus_unsubscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 
 int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data);
 /* Several patterns may be registered for one handler. The handler's object is removed with ubus_remove_object. */

@@ -14,6 +14,7 @@
 
 #include <stdbool.h>
 #include <stddef.h>
+#include <stdio.h>
 
 #define UCI_CONFDIR "/etc/config"
 #define UCI_SAVEDIR "/tmp/.uci"
@@ -120,7 +121,8 @@ int uci_unload(struct uci_context *ctx, struct uci_package *p);
  * UCI_LOOKUP_COMPLETE is set in ptr->flags when every named part exists. */
 int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool extended);
 
-/* Sets an option to ptr->value, creating it when its section exists, or the type of a section, creating that.
+/* Sets an option to ptr->value, creating it when its section exists, or the type of a section, creating that. An empty
+ * value deletes what is there.
  * UCI_ERR_INVAL: no value, or an option of a section that is not there. */
 int uci_set(struct uci_context *ctx, struct uci_ptr *ptr);
 
@@ -141,6 +143,10 @@ int uci_save(struct uci_context *ctx, struct uci_package *p);
  * when there are none. With `overwrite` the file becomes what this context holds, whatever was pending. The file is
  * replaced whole or not at all and keeps its mode. *p is replaced: sections and options found before are gone. */
 int uci_commit(struct uci_context *ctx, struct uci_package **p, bool overwrite);
+
+/* Writes the package as it is in this context, as a commit would write it; with `header` after a line `package <name>`.
+ * Errors of the stream are its own to tell. */
+int uci_export(struct uci_context *ctx, FILE *stream, struct uci_package *p, bool header);
 
 /* The last call's error as text, with "<prefix>: " before it when a prefix is given; the caller frees *dest, which is
  * NULL without memory. uci_perror prints it to standard error. */

@@ -38,12 +38,21 @@ struct uloop_timeout {
 };
 
 /*
- * Ends the loop when set. uloop_run clears it when it starts and tests it only between waits, so one set just before the
- * start or between a test and a wait is lost.
+ * Ends the loop when set. uloop_run clears it when it starts and tests it only between waits, so one set just before
+ * the start or between a test and a wait is lost.
  */
 extern bool uloop_cancelled;
 
-/* 0, or -1. Calling it again without uloop_done is harmless. */
+/*
+ * Whether the loop waits for all children of the process (waitpid(-1)), those of other threads too. Cleared before
+ * uloop_init and ubus_connect it leaves them alone.
+ */
+extern bool uloop_handle_sigchld;
+
+/*
+ * 0, or -1. Calling it again without uloop_done is harmless. From here to uloop_done SIGINT and SIGTERM end the loop,
+ * SIGPIPE is ignored and SIGCHLD makes it wait for children, each only where the action was the default one.
+ */
 int uloop_init(void);
 void uloop_done(void);
 
@@ -63,9 +72,9 @@ int uloop_timeout_cancel(struct uloop_timeout *timeout);
 int uloop_timeout_remaining(struct uloop_timeout *timeout);
 
 /*
- * Serves until uloop_cancelled is set, by uloop_end or by SIGINT or SIGTERM, whose actions are its own while it runs.
- * With a timeout of 0 or more: one wait of at most so many milliseconds and what it brings. Returns the signal that ended
- * it, or 0.
+ * Serves until uloop_cancelled is set, by uloop_end or by SIGINT or SIGTERM.
+ * With a timeout of 0 or more: one wait of at most so many milliseconds and what it brings. Returns the signal that
+ * ended it, or 0.
  */
 int uloop_run_timeout(int timeout);
 static inline int uloop_run(void)
