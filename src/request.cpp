@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include "at_mask.h"
+#include "call_limit.h"
 #include "celmux.h"
 #include "link_step.h"
 #include "log.h"
@@ -237,14 +238,17 @@ static int exchange(const char *command, char **answer, const char *expected, in
 int request(const char *command, char **answer, const char *expected, int append_cr, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
+    if (!limit_to_call(&timeout_ms))
+        return -1;
     int error = lock_requests(timeout_ms);
     if (error) {
         log_info("acquire request mutex failed with error %d", error);
         return error;
     }
     char *text = nullptr;
+    bool time_left = limit_to_call(&timeout_ms); // the wait for the mutex was part of it
     open_exchange();
-    int result = exchange(command, &text, expected, append_cr, monotonic_ms() + timeout_ms);
+    int result = time_left ? exchange(command, &text, expected, append_cr, monotonic_ms() + timeout_ms) : -1;
     close_exchange(false);
     pthread_mutex_unlock(&request_mutex);
     if (result == 0)
@@ -310,6 +314,8 @@ static int send_pdu(const char *pdu, int length, uint32_t timeout_ms)
 int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
+    if (!limit_to_call(&timeout_ms))
+        return -1;
     int error = lock_requests(timeout_ms);
     if (error) {
         log_debug("acquire request mutex failed with error %d\n", error);
