@@ -9,6 +9,7 @@
 #include "at_mask.h"
 #include "call_limit.h"
 #include "celmux.h"
+#include "link.h"
 #include "link_step.h"
 #include "log.h"
 #include "waiting.h"
@@ -222,14 +223,17 @@ static uint32_t bounded_timeout(uint32_t timeout_ms)
 // One exchange with request_mutex held: in step, nothing stale, the command, its answer.
 static int exchange(const char *command, char **answer, const char *expected, int append_cr, int64_t deadline)
 {
-    if (!link_get_in_step(deadline))
+    if (!link_get_in_step(deadline)) {
+        link_silent_stand_in.store(running.load());
         return running.load() ? -1 : 0;
+    }
     while (flush_response() == 0) {
     }
     if (queue_command(command, append_cr, ALLOC_PATIENCE_MS, Owes::awaited, nullptr) == -1)
         return -1;
     int64_t left = deadline - monotonic_ms();
     int result = wait_for_response(answer, expected, left > 0 ? static_cast<uint32_t>(left) : 0);
+    link_silent_stand_in.store(result == -1);
     if (result == -1)
         link_out_of_step(LinkFault::timeout);
     return result;
