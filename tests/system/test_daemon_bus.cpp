@@ -146,7 +146,7 @@ TEST(DaemonBus, ComesToABrokerThatRestartedBeforeItsRegistration)
     expect_whole_service(daemon);
 }
 
-TEST(DaemonBus, ServesTheModemWithoutABroker)
+TEST(DaemonBus, ServesTheModemWithoutABrokerAndComesToOneThatStartsLater)
 {
     PrivateRoot root;
     Modem modem(root);
@@ -155,5 +155,9 @@ TEST(DaemonBus, ServesTheModemWithoutABroker)
     EXPECT_TRUE(root.syslog().contains("failed to connect to ubus"));
     EXPECT_TRUE(wait_for([&] { return modem.record().find("AT+COPS=?") != std::string::npos; }));
     EXPECT_TRUE(celmuxd.running());
+    Process ubusd = root.start({"ubusd"});
+    Bus bus(root);
+    EXPECT_TRUE(bus.wait_for_object("celmux"));
+    EXPECT_EQ(bus.call("get_autoconnect").result(), 0);
     EXPECT_EQ(celmuxd.stop().code, 0);
 }
