@@ -416,9 +416,10 @@ void answer_calls_for_stop()
     end_turns(true);
     const int64_t deadline = monotonic_ms() + STOP_PATIENCE_MS;
     for (;;) {
+        bool more = some_taken(); // asked first: what is done after the answers were given needs another look
         answer_calls();
         int64_t left = deadline - monotonic_ms();
-        if (!some_taken() || left <= 0)
+        if (!more || left <= 0)
             break;
         pollfd entry = {done_watch.fd, POLLIN, 0};
         (void)poll(&entry, 1, static_cast<int>(left)); // a signal only makes the look come early
@@ -435,6 +436,7 @@ void answer_calls_for_stop()
         if (taken)
             answer(&call, reply_result(bus, &call.request, RESULT_REQUEST_FAILED));
     }
+    answer_calls(); // what was done while that was found out
 }
 
 void end_calls()
