@@ -222,14 +222,14 @@ TEST_F(WaitingCalls, AllHaveTheirAnswerAtAStop)
 TEST_F(WaitingCalls, AreForgottenWithTheirBroker)
 {
     PipelinedCaller one = caller();
-    modem("silent 0");
-    hold_modem(one, 3000);
+    modem("latency 1500");
+    hold_modem(one);
     for (int i = 0; i < 10; i++)
         (void)one.call("hangup_call");
     EXPECT_EQ(one.ask("get_autoconnect").result(), 0);
     daemon.stop_broker();
     ASSERT_TRUE(wait_for([&] { return root.syslog().contains("connection to ubus lost"); }));
-    modem("silent end");
+    modem("latency 0");
     daemon.start_broker();
     ASSERT_TRUE(daemon.bus.wait_for_object("celmux"));
     EXPECT_TRUE(wait_for([&] { return daemon.call("get_imei").result() == 0; }, milliseconds(60000)));
