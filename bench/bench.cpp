@@ -27,6 +27,7 @@ static const Measurement measurements[] = {
     {{6}, "start", measure_start},
     {{7}, "message store", measure_store},
     {{8}, "pool queue", measure_pool_queue},
+    {{9}, "waiting calls", measure_waiting_calls},
 };
 
 static void write_file(const std::string &path, const std::string &text)
@@ -83,11 +84,11 @@ try {
     bool into_page = false;
     CLI::App app{
         "Builds the release and measures it: (1) queries against the bare exchange, (2) queries per second, (3) incoming "
-        "messages,\n(4) idle, (5) memory, (6) start, (7) the message store, (8) the pool queue. A whole run takes half an "
+        "messages,\n(4) idle, (5) memory, (6) start, (7) the message store, (8) the pool queue, (9) calls while\nothers wait. A whole run takes half an "
         "hour.\nbench/run --build FOLDER ... builds in another folder than build/.",
         "bench/run"};
     app.add_flag("--quick", scale.quick, "Few samples, to try it");
-    app.add_option("--only", only, "Measurements by number")->delimiter(',')->check(CLI::Range(1, 8));
+    app.add_option("--only", only, "Measurements by number")->delimiter(',')->check(CLI::Range(1, 9));
     app.add_option("--output", output, "The results as JSON")->capture_default_str();
     app.add_flag("--write-docs", into_page,
                  "Measures nothing: puts the results of the last whole run into docs/performance.md");

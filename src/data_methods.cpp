@@ -8,21 +8,25 @@
 
 int handle_wanmd_enable(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "wanmd_enable", "wanmd_enable");
+    log_enter("wanmd_enable");
+    if (call_waits(ctx, req, msg, CALLER_PATIENCE_MS))
+        return UBUS_STATUS_OK;
     begin_connect_watch();
     return reply_result(ctx, req, static_cast<uint32_t>(wanmd_control(1)));
 }
 
 int handle_wanmd_disable(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "wanmd_disable", "wanmd_disable");
+    log_enter("wanmd_disable");
+    if (call_waits(ctx, req, msg, CALLER_PATIENCE_MS))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, static_cast<uint32_t>(wanmd_control(0)));
 }
 
 int handle_get_autoconnect(HANDLER_ARGUMENTS)
 {
     uint8_t enabled = 1;
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_autoconnect", "get_autoconnect");
+    log_enter("get_autoconnect");
     int result = uci_get_autoconnect(&enabled);
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
@@ -39,6 +43,8 @@ static int handle_switch(struct ubus_context *ctx, struct ubus_request_data *req
     parse_arguments(policy, 1, msg, &field);
     if (!field)
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, set(blobmsg_get_u32(field) != 0));
 }
 
@@ -46,7 +52,7 @@ const struct blobmsg_policy policy_set_autoconnect[] = {{"state", BLOBMSG_TYPE_I
 
 int handle_set_autoconnect(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_autoconnect", "set_autoconnect");
+    log_enter("set_autoconnect");
     return handle_switch(ctx, req, msg, policy_set_autoconnect,
                          [](uint8_t on) { return static_cast<result_t>(uci_set_autoconnect(on)); });
 }
@@ -61,10 +67,12 @@ const struct blobmsg_policy policy_set_pdp_context_activation[] = {
 int handle_set_pdp_context_activation(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[ACTIVATION_FIELDS];
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_pdp_context_activation", "set_pdp_context_activation");
+    log_enter("set_pdp_context_activation");
     parse_arguments(policy_set_pdp_context_activation, ACTIVATION_FIELDS, msg, fields);
     if (!fields[ACTIVATION_STATE] || !fields[ACTIVATION_CID])
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req,
                         at_set_pdp_context_activation(static_cast<int32_t>(blobmsg_get_u32(fields[ACTIVATION_CID])),
                                                       blobmsg_get_u32(fields[ACTIVATION_STATE]) != 0));
@@ -86,10 +94,12 @@ static void optional_number(struct blob_attr *field, uint8_t *given, int32_t *va
 int handle_rmnet_call(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[CALL_FIELDS];
-    CELMUX_LOG(LOG_INFO, "%s enter", "rmnet_call", "rmnet_call");
+    log_enter("rmnet_call");
     parse_arguments(policy_rmnet_call, CALL_FIELDS, msg, fields);
     if (!fields[CALL_ACTION])
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     RmnetCallRequest call = {};
     call.action = blobmsg_get_u32(fields[CALL_ACTION]) != 0;
     optional_number(fields[CALL_IP_TYPE], &call.has_ip_type, &call.ip_type);
@@ -106,7 +116,7 @@ const struct blobmsg_policy policy_set_5gsa[] = {{"enable", BLOBMSG_TYPE_INT32}}
 
 int handle_set_5gsa(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_5gsa", "set_5gsa");
+    log_enter("set_5gsa");
     return handle_switch(ctx, req, msg, policy_set_5gsa, at_set_5gsa);
 }
 
@@ -114,7 +124,7 @@ const struct blobmsg_policy policy_set_roaming_enable[] = {{"state", BLOBMSG_TYP
 
 int handle_set_roaming_enable(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_roaming_enable", "set_roaming_enable");
+    log_enter("set_roaming_enable");
     return handle_switch(ctx, req, msg, policy_set_roaming_enable, at_set_roaming_enable);
 }
 
@@ -124,10 +134,12 @@ int handle_set_sms_message_format(HANDLER_ARGUMENTS)
 {
     constexpr uint32_t FORMAT_MAX = 1;
     struct blob_attr *format;
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_sms_message_format", "set_sms_message_format");
+    log_enter("set_sms_message_format");
     parse_arguments(policy_set_sms_message_format, 1, msg, &format);
     if (!format || blobmsg_get_u32(format) > FORMAT_MAX)
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_set_sms_message_format(blobmsg_get_u32(format)));
 }
 
@@ -136,10 +148,12 @@ const struct blobmsg_policy policy_set_pcm_loopback_state[] = {{"state", BLOBMSG
 int handle_set_pcm_loopback_state(HANDLER_ARGUMENTS)
 {
     struct blob_attr *state;
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_pcm_loopback_state", "set_pcm_loopback_state");
+    log_enter("set_pcm_loopback_state");
     parse_arguments(policy_set_pcm_loopback_state, 1, msg, &state);
     if (!state)
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_set_pcm_loopback_state(blobmsg_get_string(state)));
 }
 
@@ -147,13 +161,15 @@ const struct blobmsg_policy policy_set_fm160_usb_lock[] = {{"locked", BLOBMSG_TY
 
 int handle_set_fm160_usb_lock(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_fm160_usb_lock", "set_fm160_usb_lock");
+    log_enter("set_fm160_usb_lock");
     return handle_switch(ctx, req, msg, policy_set_fm160_usb_lock, at_set_fm160_usb_lock);
 }
 
 int handle_hangup_call(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "hangup_call", "hangup_call");
+    log_enter("hangup_call");
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_hangup_call());
 }
 
@@ -173,20 +189,20 @@ static int reply_apn(struct ubus_context *ctx, struct ubus_request_data *req, in
 
 int handle_get_current_apn(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_apn", "get_current_apn");
+    log_enter("get_current_apn");
     return reply_apn(ctx, req, 1, "Unavailable");
 }
 
 int handle_get_current_ims_apn(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_ims_apn", "get_current_ims_apn");
+    log_enter("get_current_ims_apn");
     return reply_apn(ctx, req, 2, "");
 }
 
 int handle_check_connectivity(HANDLER_ARGUMENTS)
 {
     uint8_t connected = 0;
-    CELMUX_LOG(LOG_INFO, "%s enter", "check_connectivity", "check_connectivity");
+    log_enter("check_connectivity");
     result_t result = at_check_connectivity(&connected);
     reply_begin();
     reply_add_u32("result", result);
@@ -197,7 +213,7 @@ int handle_check_connectivity(HANDLER_ARGUMENTS)
 int handle_get_pcm_loopback_state(HANDLER_ARGUMENTS)
 {
     uint8_t enabled = 0;
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_pcm_loopback_state", "get_pcm_loopback_state");
+    log_enter("get_pcm_loopback_state");
     result_t result = at_get_pcm_loopback_state(&enabled);
     reply_begin();
     reply_add_u32("result", result);

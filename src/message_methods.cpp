@@ -14,7 +14,7 @@ constexpr uint32_t FAILED = UINT32_MAX; // -1 to clients
 
 static void log_entry(const char *name)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", name, name);
+    log_enter(name);
 }
 
 static bool index_argument(struct blob_attr *msg, int32_t *index)

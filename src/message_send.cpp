@@ -52,12 +52,14 @@ static int send_reply(struct ubus_context *ctx, struct ubus_request_data *req, u
 int handle_send_message(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[SEND_ARGUMENTS];
-    CELMUX_LOG(LOG_INFO, "%s enter", NAME, NAME);
+    log_enter(NAME);
     parse_arguments(policy_send_message, SEND_ARGUMENTS, msg, fields);
     if (!fields[SEND_DEST] || !fields[SEND_TYPE] || !fields[SEND_CONTENT]) {
         CELMUX_LOG(LOG_DEBUG, "UBUS_STATUS_INVALID_ARGUMENT error\n", NAME);
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
+    if (call_waits(ctx, req, msg, SEND_TIMEOUT_MS))
+        return UBUS_STATUS_OK;
     const char *content = blobmsg_get_string(fields[SEND_CONTENT]);
     CELMUX_LOG(LOG_DEBUG, "blobmsg_get_string [%s]\n", NAME, content);
     size_t length = strlen(content);

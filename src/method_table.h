@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 
+#include "calls.h"
 #include "service.h"
 
 // Which group of the access-control file grants the method.
@@ -19,6 +20,7 @@ struct MethodRow {
     const struct blobmsg_policy *policy; // null without arguments
     int policy_count;
     Access access;
+    Kind kind;
     const char *description;
 };
 

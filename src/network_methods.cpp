@@ -12,7 +12,7 @@
 
 int handle_get_operator_info(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_operator_info", "get_operator_info");
+    log_enter("get_operator_info");
     OperatorInfo info = {};
     result_t result = at_get_operator_info(&info);
     reply_begin();
@@ -55,7 +55,7 @@ const struct blobmsg_policy policy_select_operator[SELECT_OPERATOR_COUNT] = {
 
 int handle_select_operator(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "select_operator", "select_operator");
+    log_enter("select_operator");
     struct blob_attr *fields[SELECT_OPERATOR_COUNT];
     parse_arguments(policy_select_operator, SELECT_OPERATOR_COUNT, msg, fields);
     uint8_t has_mode;
@@ -72,6 +72,8 @@ int handle_select_operator(HANDLER_ARGUMENTS)
         info.oper = blobmsg_get_string(fields[SELECT_OPERATOR_OPER]);
         info.oper_len = static_cast<uint8_t>(std::min<size_t>(strlen(info.oper), UINT8_MAX));
     }
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_select_operator(&info));
 }
 
@@ -84,7 +86,7 @@ const struct blobmsg_policy policy_select_rat[SELECT_RAT_COUNT] = {
 
 int handle_select_rat(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "select_rat", "select_rat");
+    log_enter("select_rat");
     struct blob_attr *fields[SELECT_RAT_COUNT];
     parse_arguments(policy_select_rat, SELECT_RAT_COUNT, msg, fields);
     uint8_t has_act;
@@ -96,6 +98,8 @@ int handle_select_rat(HANDLER_ARGUMENTS)
     in_range &= take_byte(fields[SELECT_RAT_PREF2], &selection.has_pref2, &selection.pref2);
     if (!in_range)
         return refuse_number(ctx, req, "select_rat");
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_select_rat(&selection));
 }
 
@@ -121,7 +125,7 @@ const struct blobmsg_policy policy_set_network_mode[SET_NETWORK_MODE_COUNT] = {
 
 int handle_set_network_mode(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_network_mode", "set_network_mode");
+    log_enter("set_network_mode");
     struct blob_attr *fields[SET_NETWORK_MODE_COUNT];
     parse_arguments(policy_set_network_mode, SET_NETWORK_MODE_COUNT, msg, fields);
     if (!fields[SET_NETWORK_MODE_MODE])
@@ -129,6 +133,8 @@ int handle_set_network_mode(HANDLER_ARGUMENTS)
     uint32_t mode = blobmsg_get_u32(fields[SET_NETWORK_MODE_MODE]);
     if (mode >= std::size(network_modes))
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     RatSelection selection = network_modes[mode].selection;
     if (fields[SET_NETWORK_MODE_BANDS])
         selection.bands = blobmsg_get_string(fields[SET_NETWORK_MODE_BANDS]);
@@ -178,7 +184,7 @@ static const char *take_rat_and_band(struct blob_attr *const fields[], RatAndBan
 
 int handle_select_rat_and_band(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "select_rat_and_band", "select_rat_and_band");
+    log_enter("select_rat_and_band");
     struct blob_attr *fields[SELECT_RAT_AND_BAND_COUNT];
     parse_arguments(policy_select_rat_and_band, SELECT_RAT_AND_BAND_COUNT, msg, fields);
     if (!fields[SELECT_RAT_AND_BAND_RAT])
@@ -189,13 +195,15 @@ int handle_select_rat_and_band(HANDLER_ARGUMENTS)
         CELMUX_LOG(LOG_ERR, "%s", "select_rat_and_band", fault);
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_select_rat_and_band(&selection));
 }
 
 int handle_get_gtccinfo(HANDLER_ARGUMENTS)
 {
     constexpr size_t TOO_SHORT = 5;
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_gtccinfo", "get_gtccinfo");
+    log_enter("get_gtccinfo");
     char text[512] = "";
     result_t result = at_get_gtccinfo(text);
     reply_begin();
@@ -216,7 +224,9 @@ int handle_get_gtccinfo(HANDLER_ARGUMENTS)
 
 int handle_scan_network(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "scan_network", "scan_network");
+    log_enter("scan_network");
+    if (!g_scanning.load() && call_waits(ctx, req, msg)) // while one runs, the next is refused at once
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req, static_cast<uint32_t>(at_enqueue("AT+COPS=?\r", 0)));
 }
 
@@ -228,9 +238,9 @@ const struct blobmsg_policy policy_at_passthrough[AT_PASSTHROUGH_COUNT] = {
 
 int handle_at_passthrough(HANDLER_ARGUMENTS)
 {
-    // No other method is served meanwhile, and a negative number would mean weeks.
+    // No other method that needs the modem is served meanwhile, and a negative number would mean weeks.
     constexpr uint32_t LONGEST_MS = 600'000;
-    CELMUX_LOG(LOG_INFO, "%s enter", "at_passthrough", "at_passthrough");
+    log_enter("at_passthrough");
     struct blob_attr *fields[AT_PASSTHROUGH_COUNT];
     parse_arguments(policy_at_passthrough, AT_PASSTHROUGH_COUNT, msg, fields);
     if (!fields[AT_PASSTHROUGH_AT])
@@ -239,9 +249,12 @@ int handle_at_passthrough(HANDLER_ARGUMENTS)
     if (fields[AT_PASSTHROUGH_TIMEOUT_MS])
         timeout_ms = std::min(blobmsg_get_u32(fields[AT_PASSTHROUGH_TIMEOUT_MS]), LONGEST_MS);
     const std::string_view command = blobmsg_get_string(fields[AT_PASSTHROUGH_AT]);
+    const bool sendable = at_one_command(command);
+    if (sendable && call_waits(ctx, req, msg, timeout_ms, timeout_ms))
+        return UBUS_STATUS_OK;
     char *answer = nullptr;
     int result = -1;
-    if (at_one_command(command))
+    if (sendable)
         result = request(command.data(), &answer, nullptr, !command.ends_with('\r'), timeout_ms);
     else
         CELMUX_LOG(LOG_ERR, "command holds a line end, Ctrl-Z or ESC", "at_passthrough");

@@ -43,14 +43,16 @@ int handle_set_default_apn(HANDLER_ARGUMENTS)
     constexpr uint32_t IP_FAMILY_MAX = 3;
     constexpr uint32_t SETTLE_MS = 1000;
     struct blob_attr *fields[DEFAULT_FIELDS];
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_default_apn", "set_default_apn");
+    log_enter("set_default_apn");
     parse_arguments(policy_set_default_apn, DEFAULT_FIELDS, msg, fields);
+    if (fields[DEFAULT_APN] && fields[DEFAULT_IP] && blobmsg_get_u32(fields[DEFAULT_IP]) > IP_FAMILY_MAX)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg, CALLER_PATIENCE_MS))
+        return UBUS_STATUS_OK;
     int result;
     if (!fields[DEFAULT_APN]) {
         result = apply_operator_default();
     } else {
-        if (fields[DEFAULT_IP] && blobmsg_get_u32(fields[DEFAULT_IP]) > IP_FAMILY_MAX)
-            return UBUS_STATUS_INVALID_ARGUMENT;
         ApnProfile record = {};
         record.ip_family = number_or(fields[DEFAULT_IP], 0);
         record.apn = text_or_none(fields[DEFAULT_APN]);
@@ -68,10 +70,12 @@ const struct blobmsg_policy policy_select_profile[] = {{"id", BLOBMSG_TYPE_INT32
 int handle_select_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *id;
-    CELMUX_LOG(LOG_INFO, "%s enter", "select_profile", "select_profile");
+    log_enter("select_profile");
     parse_arguments(policy_select_profile, 1, msg, &id);
     if (!id)
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg, CALLER_PATIENCE_MS))
+        return UBUS_STATUS_OK;
     ApnProfile record = {};
     int result = read_profile(number_or(id, 0), &record);
     int applied = apply_profile(DATA_CONTEXT, &record); // also when the read failed: the context is then emptied
@@ -89,7 +93,7 @@ const struct blobmsg_policy policy_add_profile[] = {
 int handle_add_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[ADD_FIELDS];
-    CELMUX_LOG(LOG_INFO, "%s enter", "add_profile", "add_profile");
+    log_enter("add_profile");
     parse_arguments(policy_add_profile, ADD_FIELDS, msg, fields);
     if (!fields[ADD_IP] || !fields[ADD_APN])
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -119,7 +123,7 @@ int handle_get_profile_list(HANDLER_ARGUMENTS)
 {
     ApnProfile *records = nullptr;
     uint32_t count = 0;
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_profile_list", "get_profile_list");
+    log_enter("get_profile_list");
     int result = list_profiles(&records, &count);
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
@@ -141,7 +145,7 @@ const struct blobmsg_policy policy_get_profile[] = {{"id", BLOBMSG_TYPE_INT32}};
 int handle_get_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *id;
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_profile", "get_profile");
+    log_enter("get_profile");
     parse_arguments(policy_get_profile, 1, msg, &id);
     if (!id)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -160,7 +164,7 @@ const struct blobmsg_policy policy_delete_profile[] = {{"id", BLOBMSG_TYPE_INT32
 int handle_delete_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *id;
-    CELMUX_LOG(LOG_INFO, "%s enter", "delete_profile", "delete_profile");
+    log_enter("delete_profile");
     parse_arguments(policy_delete_profile, 1, msg, &id);
     return reply_result(ctx, req, static_cast<uint32_t>(delete_profile_section(number_or(id, ALL_PROFILES))));
 }
@@ -176,7 +180,7 @@ const struct blobmsg_policy policy_modify_profile[] = {
 int handle_modify_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[MODIFY_FIELDS];
-    CELMUX_LOG(LOG_INFO, "%s enter", "modify_profile", "modify_profile");
+    log_enter("modify_profile");
     parse_arguments(policy_modify_profile, MODIFY_FIELDS, msg, fields);
     bool anything = false;
     for (int i = MODIFY_IP; i < MODIFY_ID; i++)

@@ -1,5 +1,6 @@
 #include "request.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include <pthread.h>
 
 #include "at_mask.h"
+#include "call_limit.h"
 #include "celmux.h"
 #include "link.h"
 #include "log.h"
@@ -88,6 +90,8 @@ static uint32_t bounded_timeout(uint32_t timeout_ms)
 int request(const char *command, char **answer, const char *expected, int append_cr, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
+    if (!limit_to_call(&timeout_ms))
+        return -1;
     int64_t deadline = monotonic_ms() + timeout_ms;
     int error = lock_requests(timeout_ms);
     if (error) {
@@ -95,7 +99,9 @@ int request(const char *command, char **answer, const char *expected, int append
         return error;
     }
     char *text = nullptr;
-    uint32_t number = link_submit(command, append_cr, expected, LinkCaller::waits);
+    bool time_left = limit_to_call(&timeout_ms); // the wait for the mutex was part of it
+    deadline = std::min(deadline, monotonic_ms() + timeout_ms);
+    uint32_t number = time_left ? link_submit(command, append_cr, expected, LinkCaller::waits) : 0;
     int result = number ? wait_for_response(number, &text, deadline) : -1;
     pthread_mutex_unlock(&request_mutex);
     if (result == 0)
@@ -146,6 +152,8 @@ static bool exchange_message(const char *pdu, int length, uint32_t timeout_ms)
 int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
+    if (!limit_to_call(&timeout_ms))
+        return -1;
     int error = lock_requests(timeout_ms);
     if (error) {
         log_debug("acquire request mutex failed with error %d\n", error);

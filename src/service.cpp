@@ -1,4 +1,4 @@
-// Runs on the thread ubus_handler: every method, one at a time, inside the event loop.
+// Runs on the thread ubus_handler, inside the event loop; what would keep it waiting goes to the worker of calls.cpp.
 
 #include "service.h"
 
@@ -21,8 +21,9 @@ extern "C" {
 
 constexpr char FIRST_START_MARKER[] = "/tmp/celmuxd_init";
 constexpr int RECONNECT_MS = 1000;
+constexpr int64_t LEAVING_MS = 500; // what taking leave of the broker may take
 
-struct blob_buf g_reply_buf;
+constinit thread_local struct blob_buf g_reply_buf = {};
 
 static struct ubus_method methods[METHOD_COUNT];
 static struct ubus_object_type celmux_type;
@@ -31,6 +32,7 @@ static struct ubus_context *bus;
 static bool connection_lost;
 static struct uloop_timeout reconnect_timer;
 static struct uloop_fd stop_watch;
+static std::atomic<int64_t> undisturbed_until{0}; // monotonic ms
 
 void reply_begin()
 {
@@ -55,7 +57,11 @@ void reply_add_bool(const char *name, bool value)
 
 int reply_send(struct ubus_context *ctx, struct ubus_request_data *req)
 {
+    if (worker_takes_reply())
+        return UBUS_STATUS_OK;
     (void)ubus_send_reply(ctx, req, g_reply_buf.head); // a caller that went away, or a lost bus, needs no answer
+    blob_buf_free(&g_reply_buf);
+    g_reply_buf = {};
     return UBUS_STATUS_OK;
 }
 
@@ -76,7 +82,8 @@ void parse_arguments(const struct blobmsg_policy *policy, int count, struct blob
 void sig_handler(int sig)
 {
     if (sig == SIGUSR1) {
-        uloop_cancelled = true;
+        if (monotonic_ms() >= undisturbed_until.load())
+            uloop_cancelled = true;
         return;
     }
     signal(sig, SIG_DFL);
@@ -134,6 +141,7 @@ static void on_connection_lost(struct ubus_context *)
 {
     log_error("connection to ubus lost");
     connection_lost = true;
+    drop_calls();
     uloop_timeout_set(&reconnect_timer, 1);
 }
 
@@ -147,7 +155,7 @@ static void describe_object()
     for (size_t i = 0; i < METHOD_COUNT; i++) {
         const MethodRow &row = method_rows[i];
         methods[i].name = row.name;
-        methods[i].handler = row.handler;
+        methods[i].handler = serve_call;
         methods[i].policy = row.policy;
         methods[i].n_policy = row.policy_count;
     }
@@ -182,40 +190,67 @@ static void first_start()
         wanmd_control(0);
 }
 
+// Callers get their answers before the connection ends: the broker drops what it has not read by then. It has once it
+// has answered that the object is gone, so that answer is worth not being woken up for.
+static void take_leave()
+{
+    answer_calls_for_stop();
+    undisturbed_until.store(monotonic_ms() + LEAVING_MS);
+    uloop_cancelled = false;
+    if (!connection_lost && celmux_object.id)
+        (void)ubus_remove_object(bus, &celmux_object);
+}
+
 static void serve()
 {
-    static std::atomic<uint8_t> *const flags[] = {&t_processor_ready, &t_listener_ready, &t_sender_ready, &t_requester_ready};
-    if (wait_ready(flags, 4))
-        first_start();
     describe_object();
     reconnect_timer.cb = reconnect;
     stop_watch.fd = stop_event_fd();
     stop_watch.cb = on_stop;
     uloop_fd_add(&stop_watch, ULOOP_READ);
     bus->connection_lost = on_connection_lost;
+    if (start_calls(bus) != 0)
+        CELMUX_LOG(LOG_ERR, "no thread for calls that wait", "ubus_handler");
     if (running.load())
         add_object();
     uloop_run();
     uloop_timeout_cancel(&reconnect_timer);
     uloop_fd_delete(&stop_watch);
+    take_leave();
+}
+
+// A broker that is not there yet comes later.
+static bool connect_to_bus()
+{
+    bus = ubus_connect(nullptr);
+    if (!bus)
+        CELMUX_LOG(LOG_ERR, "failed to connect to ubus", "ubus_handler");
+    static std::atomic<uint8_t> *const flags[] = {&t_processor_ready, &t_listener_ready, &t_sender_ready,
+                                                  &t_requester_ready};
+    if (wait_ready(flags, 4))
+        first_start();
+    while (!bus && sleep_while_running(RECONNECT_MS))
+        bus = ubus_connect(nullptr);
+    return bus;
 }
 
 void *ubus_handler(void *)
 {
     if (!take_stop_signal())
         return nullptr;
-    bus = ubus_connect(nullptr);
-    if (!bus) {
-        log_error("failed to connect to ubus");
-        return nullptr;
-    }
-    uloop_init();
     signal(SIGPIPE, SIG_IGN);
-    ubus_add_uloop(bus);
-    serve();
+    bool connected = connect_to_bus();
+    if (connected) {
+        uloop_init();
+        ubus_add_uloop(bus);
+        serve();
+    }
     log_info("%s thread exit gracefully", __func__);
-    ubus_free(bus);
-    uloop_done();
+    if (connected) {
+        ubus_free(bus);
+        end_calls();
+        uloop_done();
+    }
     save_and_free_messages();
     return nullptr;
 }

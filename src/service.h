@@ -1,4 +1,5 @@
-// The service on the bus: the thread `ubus_handler`, the object "celmux", the table of its methods and the reply buffer.
+// The service on the bus: the thread `ubus_handler`, the object "celmux", the table of its methods and the reply
+// buffer.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,7 @@ extern "C" {
 #include <libubus.h>
 }
 
+#include "calls.h"
 #include "celmux.h"
 #include "log.h"
 
@@ -15,13 +17,14 @@ void *ubus_handler(void *);
 // SIGUSR1 ends the event loop; any other signal gets its default action.
 void sig_handler(int sig);
 
-// The reply under construction; only the ubus thread touches it. Every handler starts it with reply_begin.
-extern struct blob_buf g_reply_buf;
+// The calling thread's reply under construction. Every handler starts it with reply_begin; reply_send frees it or takes
+// it over.
+extern constinit thread_local struct blob_buf g_reply_buf;
 void reply_begin();
 void reply_add_string(const char *name, const char *text);
 void reply_add_u32(const char *name, uint32_t value);
 void reply_add_bool(const char *name, bool value);
-// Sends the reply; 0 or a bus status.
+// Sends the reply, or leaves it to the bus thread where the worker has called the handler. Returns 0 (UBUS_STATUS_OK).
 int reply_send(struct ubus_context *ctx, struct ubus_request_data *req);
 // The whole reply of most setters: "result" alone. Returns 0 (UBUS_STATUS_OK).
 int reply_result(struct ubus_context *ctx, struct ubus_request_data *req, uint32_t result);

@@ -7,7 +7,7 @@
 
 int handle_get_rssi(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_rssi", "get_rssi");
+    log_enter("get_rssi");
     uint8_t rssi = RSSI_UNKNOWN;
     result_t result = at_get_rssi(&rssi);
     reply_begin();
@@ -19,7 +19,7 @@ int handle_get_rssi(HANDLER_ARGUMENTS)
 
 int handle_get_extended_signal_quality(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_extended_signal_quality", "get_extended_signal_quality");
+    log_enter("get_extended_signal_quality");
     ExtendedSignalQuality quality = {BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT,
                                      BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT};
     result_t result = at_get_extended_signal_quality(&quality);
@@ -65,7 +65,7 @@ static result_t add_umts_signal()
 
 int handle_get_signal_quality(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_signal_quality", "get_signal_quality");
+    log_enter("get_signal_quality");
     ServingCellRecord cells[SERVING_CELLS] = {};
     result_t result = at_get_serving_cells(cells);
     reply_begin();
@@ -157,7 +157,7 @@ static void add_signal_members(const ServingCellRecord *cell, const ServingCellR
 
 int handle_get_current_cell_info(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info", "get_current_cell_info");
+    log_enter("get_current_cell_info");
     CellSummary summary = {};
     result_t result = read_cells(&summary);
     const ServingCellRecord *best = summary.best;
@@ -179,7 +179,7 @@ int handle_get_current_cell_info(HANDLER_ARGUMENTS)
 
 int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_cell_info_explained", "get_current_cell_info_explained");
+    log_enter("get_current_cell_info_explained");
     CellSummary summary = {};
     result_t result = read_cells(&summary);
     if (result != RESULT_OK)
@@ -210,7 +210,7 @@ int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
 
 int handle_get_cell_info(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_cell_info", "get_cell_info");
+    log_enter("get_cell_info");
     CellInfo info = {};
     result_t result = at_get_cell_info(&info);
     const struct {
@@ -229,7 +229,7 @@ int handle_get_cell_info(HANDLER_ARGUMENTS)
 
 int handle_get_current_rat_and_band(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_current_rat_and_band", "get_current_rat_and_band");
+    log_enter("get_current_rat_and_band");
     RatAndBand current = {};
     char bands[BANDS_SIZE] = "";
     result_t result = at_get_current_rat_and_band(&current, bands);

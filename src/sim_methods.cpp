@@ -5,7 +5,7 @@
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_sim_lock_status", "get_sim_lock_status");
+    log_enter("get_sim_lock_status");
     uint8_t enabled = 0;
     result_t result = at_get_sim_lock_status(&enabled);
     reply_begin();
@@ -23,11 +23,13 @@ const struct blobmsg_policy policy_set_sim_lock_status[SET_SIM_LOCK_STATUS_COUNT
 
 int handle_set_sim_lock_status(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "set_sim_lock_status", "set_sim_lock_status");
+    log_enter("set_sim_lock_status");
     struct blob_attr *fields[SET_SIM_LOCK_STATUS_COUNT];
     parse_arguments(policy_set_sim_lock_status, SET_SIM_LOCK_STATUS_COUNT, msg, fields);
     if (!fields[SET_SIM_LOCK_STATUS_PIN] || !fields[SET_SIM_LOCK_STATUS_ENABLED])
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     result_t result = at_set_sim_lock_status(blobmsg_get_string(fields[SET_SIM_LOCK_STATUS_PIN]),
                                              blobmsg_get_u32(fields[SET_SIM_LOCK_STATUS_ENABLED]) != 0);
     return reply_result(ctx, req, result);
@@ -35,7 +37,7 @@ int handle_set_sim_lock_status(HANDLER_ARGUMENTS)
 
 int handle_get_sim_remaining_attempts(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_sim_remaining_attempts", "get_sim_remaining_attempts");
+    log_enter("get_sim_remaining_attempts");
     int32_t pin = -1, puk = -1;
     result_t result = at_get_sim_remaining_attempts(&pin, &puk);
     reply_begin();
@@ -63,9 +65,11 @@ int handle_get_remaining_pin_retries(HANDLER_ARGUMENTS)
         {"pin2_retries", "pin2_default_retries"},
         {"puk2_retries", "puk2_default_retries"},
     };
-    CELMUX_LOG(LOG_INFO, "%s enter", "get_remaining_pin_retries", "get_remaining_pin_retries");
+    log_enter("get_remaining_pin_retries");
     struct blob_attr *fields[GET_REMAINING_PIN_RETRIES_COUNT];
     parse_arguments(policy_get_remaining_pin_retries, GET_REMAINING_PIN_RETRIES_COUNT, msg, fields);
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     struct blob_attr *selection = fields[GET_REMAINING_PIN_RETRIES_SEL_CODE];
     PinRetries retries = {};
     result_t result = at_get_remaining_pin_retries(selection ? blobmsg_get_string(selection) : nullptr, &retries);
@@ -89,11 +93,13 @@ const struct blobmsg_policy policy_unlock_sim[UNLOCK_SIM_COUNT] = {
 
 int handle_unlock_sim(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "unlock_sim", "unlock_sim");
+    log_enter("unlock_sim");
     struct blob_attr *fields[UNLOCK_SIM_COUNT];
     parse_arguments(policy_unlock_sim, UNLOCK_SIM_COUNT, msg, fields);
     if (!fields[UNLOCK_SIM_PIN])
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     const char *puk = fields[UNLOCK_SIM_PUK] ? blobmsg_get_string(fields[UNLOCK_SIM_PUK]) : "";
     return reply_result(ctx, req, at_unlock_sim(blobmsg_get_string(fields[UNLOCK_SIM_PIN]), *puk ? puk : nullptr));
 }
@@ -106,11 +112,13 @@ const struct blobmsg_policy policy_change_sim_pin[CHANGE_SIM_PIN_COUNT] = {
 
 int handle_change_sim_pin(HANDLER_ARGUMENTS)
 {
-    CELMUX_LOG(LOG_INFO, "%s enter", "change_sim_pin", "change_sim_pin");
+    log_enter("change_sim_pin");
     struct blob_attr *fields[CHANGE_SIM_PIN_COUNT];
     parse_arguments(policy_change_sim_pin, CHANGE_SIM_PIN_COUNT, msg, fields);
     if (!fields[CHANGE_SIM_PIN_PIN] || !fields[CHANGE_SIM_PIN_NEW_PIN])
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (call_waits(ctx, req, msg))
+        return UBUS_STATUS_OK;
     return reply_result(ctx, req,
                         at_change_sim_pin(blobmsg_get_string(fields[CHANGE_SIM_PIN_PIN]),
                                           blobmsg_get_string(fields[CHANGE_SIM_PIN_NEW_PIN])));

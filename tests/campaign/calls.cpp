@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <stdexcept>
 
+#include "pipelined_caller.h"
 #include "random_arguments.h"
 
 extern "C" {
@@ -75,25 +76,16 @@ int64_t limit_of(const std::string &method, const json &arguments)
     return usual_ms;
 }
 
-// Notes how long the call took beyond queueing, and whether that was too long.
-void CallAccount::judge(const std::string &call, steady_clock::time_point begin, steady_clock::time_point now,
-                        int64_t limit_ms)
+// How long a call may wait for its turn: not at all when it needs no modem.
+static int64_t wait_of(const std::string &method, const json &arguments)
 {
-    constexpr milliseconds together{200};
-    int64_t served_ms = duration_cast<milliseconds>(now - std::max(begin, last_answer_)).count();
-    if (suspect_) {
-        bool explains = now - suspect_->answered < together && begin < suspect_->answered;
-        if (!explains || suspect_->served_ms + served_ms > suspect_->limit_ms + limit_ms + slack_ms_)
-            faults_ += suspect_->fault;
-        suspect_.reset();
-    }
-    if (served_ms > limit_ms + slack_ms_) {
-        suspect_ = {fmt::format("{} took {} ms, at most {}\n", call, served_ms, limit_ms), now, served_ms, limit_ms};
-    } else if (served_ms > figures_.longest_served_ms) {
-        figures_.longest_served_ms = served_ms;
-        figures_.longest_served = call.substr(0, call.find(' '));
-    }
-    last_answer_ = now;
+    constexpr int64_t callers_patience_ms = 30000;
+    if (method == "at_passthrough")
+        return limit_of(method, arguments) / 2;
+    auto row = std::find_if(std::begin(limits), std::end(limits),
+                            [&](const MethodLimit &limit) { return method == limit.method; });
+    bool needs_modem = row == std::end(limits) || row->exchanges > 0 || method == "wanmd_disable";
+    return needs_modem ? callers_patience_ms : 0;
 }
 
 void CallAccount::count(const std::string &call, const CallOutcome &outcome)
@@ -119,10 +111,20 @@ void CallAccount::answered(const std::string &method, const json &arguments, con
         return;
     steady_clock::time_point now = steady_clock::now();
     std::string call = method + " " + arguments.dump();
-    judge(call, begin, now, limit_ms);
+    int64_t took_ms = duration_cast<milliseconds>(now - begin).count(), wait_ms = wait_of(method, arguments);
+    if (took_ms > wait_ms + limit_ms + slack_ms_)
+        faults_ += fmt::format("{} took {} ms, at most {} and {} for its turn\n", call, took_ms, limit_ms, wait_ms);
     count(call, outcome);
-    figures_.longest_waited_ms =
-        std::max<int64_t>(figures_.longest_waited_ms, duration_cast<milliseconds>(now - begin).count());
+    int64_t &longest = wait_ms ? figures_.longest_waited_ms : figures_.longest_quick_ms;
+    if (took_ms > longest && !wait_ms)
+        figures_.longest_quick = method;
+    longest = std::max(longest, took_ms);
+}
+
+void CallAccount::died()
+{
+    std::lock_guard lock(mutex_);
+    figures_.died++;
 }
 
 void CallAccount::forgive(bool all)
@@ -180,15 +182,36 @@ void Clients::set_patience(milliseconds limit)
     patience_ms_ = limit.count();
 }
 
+std::unique_lock<std::mutex> Clients::hold_deletions()
+{
+    return std::unique_lock(deleting_);
+}
+
+// What it asked may be waiting, under way or answered when it goes.
+void Clients::ask_and_die(Random &random, const std::string &method, const json &arguments)
+{
+    constexpr int64_t longest_life_ms = 50;
+    PipelinedCaller caller(socket_);
+    (void)caller.call(method, arguments);
+    std::this_thread::sleep_for(milliseconds(random.chance(500) ? 0 : random.between(0, longest_life_ms)));
+    account_.died();
+}
+
 void Clients::run(int number, uint64_t seed)
 {
     constexpr int64_t pause_ms = 25;
     Random random(seed * 1000 + static_cast<uint64_t>(number));
-    BusClient client(socket_);
+    std::optional<BusClient> client;
     while (!ending_) {
         busy_++;
-        if (going_)
-            call(client, random);
+        try {
+            if (going_ && !client)
+                client.emplace(socket_);
+            if (going_)
+                call(*client, random);
+        } catch (const std::runtime_error &) {
+            client.reset(); // the broker is being started again
+        }
         busy_--;
         std::this_thread::sleep_for(milliseconds(random.between(0, pause_ms)));
     }
@@ -199,6 +222,8 @@ CallOutcome Clients::account_call(BusClient &client, const std::string &method, 
     steady_clock::time_point begin = steady_clock::now();
     CallOutcome outcome = client.call(method, arguments, milliseconds(patience_ms_));
     account_.answered(method, arguments, outcome, begin, limit_of(method, arguments));
+    if (outcome.status == UBUS_STATUS_CONNECTION_FAILED)
+        throw std::runtime_error("the broker has gone");
     return outcome;
 }
 
@@ -234,6 +259,7 @@ void Clients::delete_known(BusClient &client, Random &random, const std::string 
 
 void Clients::call(BusClient &client, Random &random)
 {
+    constexpr int deaths_per_mille = 50;
     constexpr int bad_per_mille = 150;
     constexpr int scans_left_out = 900; // per mille: while a scan runs everything else is refused
     const std::string &method = random.pick(names_);
@@ -247,5 +273,8 @@ void Clients::call(BusClient &client, Random &random)
     }
     json arguments =
         bad ? bad_arguments(random, method, methods_.at(method)) : good_arguments(random, method, methods_.at(method));
-    account_call(client, method, arguments);
+    if (!deletes && random.chance(deaths_per_mille))
+        ask_and_die(random, method, arguments);
+    else
+        account_call(client, method, arguments);
 }

@@ -19,9 +19,10 @@
 struct CallFigures {
     std::map<std::string, uint64_t> by_outcome;
     uint64_t calls = 0;
-    int64_t longest_served_ms = 0; // beyond queueing
-    std::string longest_served;
-    int64_t longest_waited_ms = 0; // with queueing
+    uint64_t died = 0;            // clients that went without waiting for their answer
+    int64_t longest_quick_ms = 0; // of a call that needs no modem
+    std::string longest_quick;
+    int64_t longest_waited_ms = 0; // of the others, with the wait for its turn
 };
 
 class CallAccount {
@@ -31,6 +32,7 @@ public:
     // A call that was made at `begin` has been answered now.
     void answered(const std::string &method, const nlohmann::json &arguments, const CallOutcome &outcome,
                   std::chrono::steady_clock::time_point begin, int64_t limit_ms);
+    void died();
     // From now on calls may fail: the daemon is being stopped.
     void forgive(bool all);
     // What was wrong so far.
@@ -38,28 +40,16 @@ public:
     CallFigures figures() const;
 
 private:
-    // A call that seems to have taken too long. Two answers that come together may be seen in the wrong order: then the
-    // next one, whose call was made before, explains the time.
-    struct Suspect {
-        std::string fault;
-        std::chrono::steady_clock::time_point answered;
-        int64_t served_ms;
-        int64_t limit_ms;
-    };
-    void judge(const std::string &call, std::chrono::steady_clock::time_point begin,
-               std::chrono::steady_clock::time_point now, int64_t limit_ms);
     void count(const std::string &call, const CallOutcome &outcome);
 
     int64_t slack_ms_;
     mutable std::mutex mutex_; // protects all below
-    std::chrono::steady_clock::time_point last_answer_;
     CallFigures figures_;
     std::string faults_;
-    std::optional<Suspect> suspect_;
     bool forgiving_ = false;
 };
 
-// How long the daemon may take for a call of this method beyond queueing.
+// How long the daemon may take for a call of this method beyond the wait for its turn.
 int64_t limit_of(const std::string &method, const nlohmann::json &arguments);
 
 class Clients {
@@ -72,12 +62,15 @@ public:
     // The clients call on until pause(), which returns once each has got its last answer.
     void resume();
     void pause();
+    // No message is being deleted while the lock is held: whether it is gone would not be known.
+    std::unique_lock<std::mutex> hold_deletions();
     // How long a client waits for an answer; as long as all the others' calls can take, at first.
     void set_patience(std::chrono::milliseconds limit);
 
 private:
     void run(int number, uint64_t seed);
     void call(BusClient &client, Random &random);
+    void ask_and_die(Random &random, const std::string &method, const nlohmann::json &arguments);
     void delete_known(BusClient &client, Random &random, const std::string &method);
     CallOutcome account_call(BusClient &client, const std::string &method, const nlohmann::json &arguments);
 

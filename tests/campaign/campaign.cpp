@@ -109,6 +109,23 @@ public:
         }
     }
 
+    void restart_broker()
+    {
+        (void)broker_.stop();
+        broker_ = root.start({"ubusd"});
+        if (!wait_for([&] { return quick_call_answered(); }, recovery_limit))
+            throw Fault("the daemon does not come to the new broker");
+    }
+
+    bool quick_call_answered()
+    {
+        try {
+            return BusClient(socket()).call("get_autoconnect", json::object(), milliseconds(2000)).status == 0;
+        } catch (const std::runtime_error &) {
+            return false; // no broker yet
+        }
+    }
+
     void stop_daemon()
     {
         auto begin = steady_clock::now();
@@ -181,6 +198,7 @@ private:
     void warm_up();
     void trouble_for(milliseconds length);
     void calm();
+    void lose_broker();
     void check_books();
     void empty_sim();
     void check_memory(bool warm);
@@ -199,6 +217,7 @@ private:
     Clients clients_;
     MemoryFigures memory_;
     int rounds_ = 0;
+    int broker_losses_ = 0;
 };
 
 void Campaign::check_daemon()
@@ -227,14 +246,35 @@ void Campaign::warm_up()
 
 void Campaign::trouble_for(milliseconds length)
 {
+    constexpr int broker_losses = 300;                                // per mille of the rounds
     int64_t longest_pause = random_.pick<int64_t>({200, 1000, 3000}); // some rounds are hell, some an ordinary bad day
     clients_.resume();
-    auto end = steady_clock::now() + length;
+    auto end = steady_clock::now() + length, loss = end;
+    if (random_.chance(broker_losses))
+        loss -= length / 2;
     while (steady_clock::now() < end) {
         mischief_.act();
+        if (loss < std::min(end, steady_clock::now())) {
+            lose_broker();
+            loss = end;
+        }
         check_daemon();
         std::this_thread::sleep_for(milliseconds(random_.between(10, longest_pause)));
     }
+}
+
+// In the middle of calls: those in progress fail, and nothing else.
+void Campaign::lose_broker()
+{
+    account_.forgive(true);
+    {
+        auto held = clients_.hold_deletions();
+        rig_.restart_broker();
+    }
+    clients_.pause();
+    account_.forgive(false);
+    clients_.resume();
+    broker_losses_++;
 }
 
 json Campaign::call(const std::string &method, const json &arguments)
@@ -364,8 +404,9 @@ void Campaign::print_figures()
     fmt::print("rounds {}\ncalls {}: ", rounds_, calls.calls);
     for (const auto &[outcome, count] : calls.by_outcome)
         fmt::print("{} {}, ", outcome, count);
-    fmt::print("\nlongest call beyond queueing {} ms ({}), with queueing {} ms\n", calls.longest_served_ms,
-               calls.longest_served, calls.longest_waited_ms);
+    fmt::print("\nclients that died in a call {}, brokers lost {}\n", calls.died, broker_losses_);
+    fmt::print("longest call that needs no modem {} ms ({}), of the others {} ms\n", calls.longest_quick_ms,
+               calls.longest_quick, calls.longest_waited_ms);
     fmt::print("messages {} in {} parts: {} stored whole and once, {} deleted by clients, {} altered on the way\n",
                messages.sent, messages.parts, messages.kept_whole, messages.deleted, messages.altered);
     fmt::print("faults injected: ");
