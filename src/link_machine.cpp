@@ -2,8 +2,10 @@
 
 #include "link_machine.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "at_mask.h"
 #include "at_text.h"
@@ -66,6 +68,11 @@ static uint32_t name_hash(std::string_view command)
 {
     size_t end = command.find_first_of("=?\r");
     return hash_of(command.substr(0, end < command.size() ? end + 1 : end));
+}
+
+static bool contains(std::span<const uint32_t> hashes, uint32_t hash)
+{
+    return std::find(hashes.begin(), hashes.end(), hash) != hashes.end();
 }
 
 static void note_asked(LinkMachine *m, std::string_view command)
@@ -173,17 +180,15 @@ static void get_in_step(LinkMachine *m, int64_t now)
 // An answer that is surely the command's own took so long.
 static void note_latency(LinkMachine *m, std::string_view command, int64_t took)
 {
-    m->recent[m->recent_count++ % LINK_RECENT] = {name_hash(command), took};
+    m->recent[m->recent_count++ % LINK_RECENT] = took;
+    if (!contains(m->named, name_hash(command)))
+        m->named[m->named_count++ % LINK_NAMES] = name_hash(command);
 }
 
 // Has the modem lately answered this command with a line of its name?
 static bool answered_by_name(const LinkMachine *m)
 {
-    for (const auto &answer : m->recent) {
-        if (answer.name == name_hash(m->due.text))
-            return true;
-    }
-    return false;
+    return contains(m->named, name_hash(m->due.text));
 }
 
 // Did the answer come sooner than the modem's recent ones? One with the command's name can only be another one's when
@@ -191,12 +196,10 @@ static bool answered_by_name(const LinkMachine *m)
 static bool came_early(const LinkMachine *m, bool own, int64_t now)
 {
     int64_t shortest = INT64_MAX;
-    for (const auto &answer : m->recent)
-        shortest = answer.took < shortest ? answer.took : shortest;
-    for (uint32_t quick : m->quick) {
-        if (quick == name_hash(m->due.text))
-            return false;
-    }
+    for (int64_t took : m->recent)
+        shortest = took < shortest ? took : shortest;
+    if (contains(m->quick, name_hash(m->due.text)))
+        return false;
     return m->recent_count >= LINK_RECENT && (answered_by_name(m) || !own) && shortest >= EARLY_LEAST &&
            (now - m->sent_at) * EARLY_DENOMINATOR < shortest * EARLY_NUMERATOR;
 }
@@ -360,7 +363,8 @@ static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t
         return LinkDoubt::none;
     if (traits.foreign)
         return LinkDoubt::foreign;
-    if (traits.bare && !traits.reason && answered_by_name(m))
+    bool list = name_of_line("+CMGL:", due.text) == LineName::own; // is often empty
+    if (traits.bare && !traits.reason && !list && answered_by_name(m))
         return LinkDoubt::bare;
     bool wants_line = due.expected || asks_question(due.text);
     return wants_line && !traits.error && (traits.bare || due.expected) ? LinkDoubt::bare : LinkDoubt::none;

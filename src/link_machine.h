@@ -16,6 +16,7 @@
 constexpr char LINK_ESCAPE[] = "\x1b\r";
 
 constexpr uint32_t LINK_ANSWER_MAX = 256 * 1024; // bytes of an answer; a longer one is a failure
+constexpr unsigned LINK_NAMES = 32;              // commands of which is known how they are answered
 constexpr unsigned LINK_RECENT = 16;             // answers whose times are kept
 constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: a caller's and 16 others
 
@@ -96,16 +97,15 @@ struct LinkMachine {
     uint8_t proven;     // bit per question: this modem answers it by name
     uint32_t mark_number;
     int64_t mark_at;
-    int64_t not_before;   // no mark before then: the port refused one
-    int64_t silent_since; // 0 while the modem answers
-    struct {
-        uint32_t name; // hash of the command's name
-        int64_t took;
-    } recent[LINK_RECENT];       // the last answers that carried their command's name
-    unsigned recent_count;       // so many answers since the port was opened
+    int64_t not_before;          // no mark before then: the port refused one
+    int64_t silent_since;        // 0 while the modem answers
+    int64_t recent[LINK_RECENT]; // how long the last answers took that carried their command's name
+    unsigned recent_count;       // so many such answers since the port was opened
+    uint32_t named[LINK_NAMES];  // commands, as "AT+CSIM=", that were answered with a line of their name
+    unsigned named_count;
     struct {
         uint32_t name, form; // hashes of such as "+CSIM" and "AT+CSIM="
-    } asked[LINK_RECENT]; // the last commands and marks
+    } asked[LINK_RECENT];    // the last commands and marks
     unsigned asked_count;
     uint32_t quick[LINK_RECENT]; // names of commands that turned out to be answered sooner than others
     unsigned quick_count;

@@ -73,12 +73,19 @@ static int wait_for_response(uint32_t number, char **answer, int64_t deadline)
     return *answer ? 0 : -1;
 }
 
-// 0, or the error number of the wait. Whole seconds, on the realtime clock.
-static int lock_requests(uint32_t timeout_ms)
+// 0, or the error number of the wait, on the realtime clock. A caller's own time-out counts in whole seconds; what is left
+// of a call that has waited already is `exact`.
+static int lock_requests(uint32_t timeout_ms, bool exact)
 {
+    constexpr long NS_PER_S = 1000000000;
     timespec deadline;
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += static_cast<time_t>(timeout_ms / 1000);
+    deadline.tv_nsec += exact ? static_cast<long>(timeout_ms % 1000) * 1000000 : 0;
+    if (deadline.tv_nsec >= NS_PER_S) {
+        deadline.tv_nsec -= NS_PER_S;
+        deadline.tv_sec++;
+    }
     return pthread_mutex_timedlock(&request_mutex, &deadline);
 }
 
@@ -90,10 +97,11 @@ static uint32_t bounded_timeout(uint32_t timeout_ms)
 int request(const char *command, char **answer, const char *expected, int append_cr, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
+    const uint32_t own_ms = timeout_ms;
     if (!limit_to_call(&timeout_ms))
         return -1;
     int64_t deadline = monotonic_ms() + timeout_ms;
-    int error = lock_requests(timeout_ms);
+    int error = lock_requests(timeout_ms, timeout_ms < own_ms);
     if (error) {
         log_info("acquire request mutex failed with error %d", error);
         return error;
@@ -152,9 +160,10 @@ static bool exchange_message(const char *pdu, int length, uint32_t timeout_ms)
 int send_message_request(const char *pdu, int length, uint32_t timeout_ms)
 {
     timeout_ms = bounded_timeout(timeout_ms);
+    const uint32_t own_ms = timeout_ms;
     if (!limit_to_call(&timeout_ms))
         return -1;
-    int error = lock_requests(timeout_ms);
+    int error = lock_requests(timeout_ms, timeout_ms < own_ms);
     if (error) {
         log_debug("acquire request mutex failed with error %d\n", error);
         return error;

@@ -178,12 +178,17 @@ protected:
             return input.came < call.end && (input.done == Moment{} || input.done + milliseconds(100) > call.start);
         });
     }
+    // Equal questions that wait together are asked once.
+    static bool shares(const Call &call)
+    {
+        return call.question->kind == Kind::named && std::string_view(call.question->method) != "at_passthrough";
+    }
     Verdict claim(const Call &call, size_t number)
     {
         auto found = adversary.given.find(number);
         if (found == adversary.given.end() || inputs[number].text != call.command)
             return wrong;
-        if (inputs[number].came < call.begin || inputs[number].came > call.end || found->second.claimed)
+        if (inputs[number].came < call.begin || inputs[number].came > call.end || (found->second.claimed && !shares(call)))
             return found->second.twice ? repeated : wrong;
         found->second.claimed = true;
         return right;
@@ -193,7 +198,7 @@ protected:
     {
         for (size_t i : candidates(call)) {
             Given &own = adversary.given[i];
-            if (own.claimed || !own.answered || own.lines.empty() == with_lines)
+            if ((own.claimed && !shares(call)) || !own.answered || own.lines.empty() == with_lines)
                 continue;
             own.claimed = true;
             bool same = final == own.final || (final == "ERROR" && own.final != "OK" && call.value.is_number());
@@ -350,10 +355,10 @@ protected:
     }
     void expect_promise()
     {
-        EXPECT_EQ(counts[wrong], 0);
+        // One stray final result code misleads one call at most, be it the one that it came to or the next.
+        EXPECT_LE(counts[wrong], static_cast<int>(adversary.strays.size()) - counts[by_stray]);
         EXPECT_EQ(counts[halved], 0);
         EXPECT_LE(counts[undelivered] + counts[unasked], counts[right] / 1000);
-        EXPECT_LE(counts[by_stray], static_cast<int>(adversary.strays.size()));
         EXPECT_LE(counts[repeated], adversary.repeats);
         EXPECT_GT(counts[right], 0);
         EXPECT_TRUE(daemon.celmuxd().running());
@@ -395,12 +400,14 @@ TEST_P(WhoseAnswerWith, TroubleOfOneKind)
         if (!rare || only_for.at(question.kind) == GetParam().name)
             asked.insert(asked.end(), static_cast<size_t>(question.weight * (rare ? 5 : 1)), &question);
     }
-    size_t before = modem.inputs().size();
+    size_t before = modem.count("AT+CGMI?") + modem.count("AT+GMM?");
     mix(GetParam().rates, GetParam().exchanges, {1, 3}, asked);
     expect_promise();
-    constexpr size_t own = 12; // of the start and of the routine
+    size_t own = 2;
+    for (const auto &[number, given] : adversary.given)
+        own += given.final == "ERROR"; // may be a stray: the modem is asked once more
     bool well = GetParam().rates.empty() && counts[right] == static_cast<int>(calls.size());
-    EXPECT_TRUE(!well || inputs.size() <= before + calls.size() + own)
+    EXPECT_TRUE(!well || modem.count("AT+CGMI?") + modem.count("AT+GMM?") <= before + own)
         << "a modem that is well is asked more than callers ask";
 }
 
