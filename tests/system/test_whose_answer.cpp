@@ -90,6 +90,7 @@ protected:
     std::mutex mutex; // guards calls
     std::vector<Call> calls;
     std::vector<Input> inputs;
+    std::vector<std::pair<Moment, Moment>> absences;
     int counts[verdicts] = {};
     int shown[verdicts] = {};
 
@@ -227,7 +228,7 @@ protected:
     // For how long the modem could have been asked meanwhile.
     int64_t free_ms(const Call &call) const
     {
-        std::vector<std::pair<Moment, Moment>> busy = modem.absences();
+        std::vector<std::pair<Moment, Moment>> busy = absences;
         for (auto &[from, to] : busy)
             to += milliseconds(2500); // so long it may take to find that it is back
         for (const Input &input : inputs)
@@ -316,7 +317,7 @@ protected:
             if (own.answered && (own.final == "OK") == (call.result == 0))
                 return right;
         }
-        auto lost = modem.absences();
+        const auto &lost = absences;
         bool port_lost = std::any_of(lost.begin(), lost.end(),
                                      [&](auto &each) { return each.first > call.start && each.first < call.end; });
         return call.result == 0 ? wrong : port_lost ? no_answer : failed(call);
@@ -334,6 +335,7 @@ protected:
     void judge_all()
     {
         inputs = modem.inputs();
+        absences = modem.absences(); // before the lock: the modem takes it under its own
         std::lock_guard lock(adversary.mutex);
         std::sort(calls.begin(), calls.end(), [](const Call &a, const Call &b) { return a.end < b.end; });
         Moment before{};
