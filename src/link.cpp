@@ -15,6 +15,7 @@ static pthread_mutex_t link_mutex = PTHREAD_MUTEX_INITIALIZER;
 static LinkMachine machine;
 static int64_t processor_wakes; // until then the response processor sleeps; microseconds
 static std::atomic<uint8_t> silent{0};
+static std::atomic<int64_t> scan_started{0}; // microseconds; 0 none yet
 std::atomic<uint32_t> link_gap_bursts{0};
 
 static int64_t now_us()
@@ -105,10 +106,24 @@ static char *copy_command(const char *command, int append_cr)
     return copy;
 }
 
+// One that could not be sent for so long blocks nobody any more.
+static void give_up_old_scan()
+{
+    constexpr int64_t LIMIT_US = 330000000; // later than the machine's own limit for one that was sent
+    int64_t started = scan_started.load();
+    if (!g_scanning.load() || now_us() - started < LIMIT_US)
+        return;
+    CELMUX_LOG(LOG_ERR, "network scan got no answer, given up", "at_enqueue");
+    end_scan();
+}
+
 uint32_t link_submit(const char *command, int append_cr, const char *expected, LinkCaller caller)
 {
     bool scan = strcmp(command, SCAN_COMMAND) == 0;
     uint8_t idle = 0;
+    give_up_old_scan();
+    if (scan && !g_scanning.load())
+        scan_started.store(now_us());
     if (scan ? !g_scanning.compare_exchange_strong(idle, 1) : g_scanning.load() != 0) {
         CELMUX_LOG(LOG_INFO, "modem busy", "at_enqueue");
         return 0;

@@ -146,12 +146,12 @@ static void leave_prompt(LinkMachine *m, LinkItem *item)
     m->escape = true;
     m->mark_out = false; // the mark went into the text
     m->line = m->length;
+    (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
     if (m->phase == LinkPhase::sent && m->due.caller != LinkCaller::sends) {
-        (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
         finish(m, take_text(m), item);
         return;
     }
-    if (m->phase == LinkPhase::confirming)
+    if (in_exchange(m))
         finish(m, nullptr, item);
     drop_late(m, take_text(m));
 }

@@ -164,7 +164,10 @@ bool machine_send_message(LinkMachine *m, uint32_t number, const char *pdu)
 static void give_up_due(LinkMachine *m, int64_t now)
 {
     out_of_step(m);
-    m->escape = m->escape || m->due.caller == LinkCaller::sends;
+    if (m->due.caller == LinkCaller::sends) {
+        m->escape = true;
+        (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
+    }
     m->busy = static_cast<uint8_t>(m->busy | question_bit(m->due.text));
     if (!m->silent_since)
         m->silent_since = now;
@@ -249,14 +252,25 @@ static int64_t owed_until(const LinkMachine *m)
     return listed ? m->last_byte + SCAN_END_PATIENCE : m->sent_at + SCAN_LIMIT;
 }
 
+static bool tail_is_prompt(const LinkMachine *m)
+{
+    std::string_view tail = view(m).substr(m->line);
+    return tail == ">" || tail == "> ";
+}
+
+static bool tail_is_result(const LinkMachine *m)
+{
+    std::string_view tail = view(m).substr(m->line);
+    return !tail.empty() && is_final_result(tail, in_exchange(m) ? m->due.kind : CommandKind::plain);
+}
+
 // How long the end of the text may still be followed by more of the same line or report; INT64_MAX: it is not waited
 // for.
 static int64_t text_until(const LinkMachine *m)
 {
-    std::string_view tail = view(m).substr(m->line);
-    if (m->result_open || tail == ">" || tail == "> ")
+    if (m->result_open || tail_is_prompt(m))
         return m->last_byte + LINE_END_PATIENCE;
-    if (!tail.empty() && is_final_result(tail, in_exchange(m) ? m->due.kind : CommandKind::plain))
+    if (tail_is_result(m))
         return m->last_byte + RESULT_PATIENCE;
     if (m->header_open)
         return m->last_byte + HEADER_PATIENCE;
@@ -281,12 +295,11 @@ int64_t machine_next_tick(const LinkMachine *m, int64_t now)
 
 static void tick_text(LinkMachine *m, int64_t now, LinkItem *item)
 {
-    std::string_view tail = view(m).substr(m->line);
-    if (!m->result_open && is_prompt(tail)) {
-        take_prompt(m, now, item);
-    } else if (m->result_open || !tail.empty()) {
+    if (m->result_open || tail_is_result(m)) {
         m->line = m->length;
         judge(m, now, item);
+    } else if (tail_is_prompt(m)) {
+        take_prompt(m, now, item);
     } else {
         m->header_open = false;
         give_out_lines(m, item);
