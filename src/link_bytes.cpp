@@ -147,11 +147,13 @@ static void leave_prompt(LinkMachine *m, LinkItem *item)
     m->mark_out = false; // the mark went into the text
     m->line = m->length;
     (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
-    if (m->phase == LinkPhase::sent && m->due.caller != LinkCaller::sends) {
+    // A question never ends in a prompt: it is an older command's, and the question may be answered yet.
+    bool asks = m->phase == LinkPhase::sent && m->due.expected;
+    if (m->phase == LinkPhase::sent && m->due.caller != LinkCaller::sends && !asks) {
         finish(m, take_text(m), item);
         return;
     }
-    if (in_exchange(m))
+    if (in_exchange(m) && !asks)
         finish(m, nullptr, item);
     drop_late(m, take_text(m));
 }

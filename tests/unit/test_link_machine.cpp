@@ -322,4 +322,21 @@ TEST(LinkMachine, EveryCombinationOfThreeCommandsAndTheirTroubles)
         counts.runs, counts.right, counts.wrong, counts.undelivered, counts.no_answer);
 }
 
+// A daemon that was killed between AT+CMGS and its prompt leaves that to the next one.
+TEST(LinkMachine, APromptOfAnOlderCommandIsNoAnswer)
+{
+    World world;
+    world.plans = {{&ASKS[0], ANSWERS}, {&ASKS[0], ANSWERS}, {&ASKS[2], ANSWERS}};
+    std::string text;
+    EXPECT_TRUE(world.exchange(ASKS[0], &text)); // in step
+    world.say(world.now + 5 * MS, "\r\n> ");
+    world.busy_until = world.now + 50 * MS;
+    EXPECT_TRUE(world.exchange(ASKS[0], &text));
+    EXPECT_EQ(text, lines({"+CSQ: 99,2", "OK"}));
+    EXPECT_NE(std::find(world.seen.rbegin(), world.seen.rend(), LINK_ESCAPE), world.seen.rend());
+    world.say(world.now + 5 * MS, "\r\n> "); // now it is the answer of a command that asks for nothing
+    world.busy_until = world.now + 50 * MS;
+    EXPECT_TRUE(world.exchange(ASKS[2], &text));
+}
+
 } // namespace
