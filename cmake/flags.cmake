@@ -12,6 +12,8 @@ target_link_libraries(celmux_daemon_flags INTERFACE celmux_strict_flags)
 target_compile_options(celmux_daemon_flags INTERFACE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>
     -ffunction-sections -fdata-sections
+    # As the package builds it: a daemon that mostly waits is better small than quick.
+    $<$<CONFIG:Release>:-Os>
     # Tables for exceptions that nobody throws; elsewhere they serve debuggers and profilers.
     $<$<CONFIG:MinSizeRel>:-fno-asynchronous-unwind-tables -fno-unwind-tables>)
 target_link_options(celmux_daemon_flags INTERFACE -Wl,--gc-sections)
