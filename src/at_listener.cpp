@@ -210,7 +210,6 @@ void *at_listener(void *)
             break;
         link_restarted(); // the sender only notices at its next command
         fd = reopen_lost_port(&settings_g, O_RDONLY, __func__);
-        link_restarted();
     }
     free(assembly.text);
     log_info("%s thread exit gracefully", __func__);

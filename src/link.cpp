@@ -16,6 +16,7 @@ static LinkMachine machine;
 static int64_t processor_wakes; // until then the response processor sleeps; microseconds
 static std::atomic<uint8_t> silent{0};
 static std::atomic<int64_t> scan_started{0}; // microseconds; 0 none yet
+static std::atomic<uint32_t> scan_number{0}; // of the last scan's command
 std::atomic<uint32_t> link_gap_bursts{0};
 
 static int64_t now_us()
@@ -114,6 +115,9 @@ static void give_up_old_scan()
     if (!g_scanning.load() || now_us() - started < LIMIT_US)
         return;
     CELMUX_LOG(LOG_ERR, "network scan got no answer, given up", "at_enqueue");
+    char *rest = nullptr;
+    (void)link_abandon(scan_number.load(), &rest);
+    free(rest);
     end_scan();
 }
 
@@ -138,6 +142,8 @@ uint32_t link_submit(const char *command, int append_cr, const char *expected, L
     }
     if (copy && !number)
         CELMUX_LOG(LOG_ERR, "too many commands wait, refused: %s", "at_enqueue", Masked(command).text);
+    if (scan)
+        scan_number.store(number);
     if (scan && !number)
         end_scan();
     return number;

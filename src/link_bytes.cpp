@@ -62,7 +62,7 @@ static std::string_view due_command(const LinkMachine *m)
     return in_exchange(m) ? std::string_view(m->due.text) : std::string_view();
 }
 
-static bool in_text_listing(const LinkMachine *m)
+bool in_text_listing(const LinkMachine *m)
 {
     if (!in_exchange(m) || name_of_line("+CMGL:", m->due.text) != LineName::own)
         if (!in_exchange(m) || name_of_line("+CMGR:", m->due.text) != LineName::own)
@@ -75,10 +75,25 @@ static bool in_text_listing(const LinkMachine *m)
     return false;
 }
 
+bool is_prompt(std::string_view line)
+{
+    return line == ">" || line.starts_with("> ");
+}
+
+static bool awaits_prompt(const LinkMachine *m)
+{
+    return m->phase == LinkPhase::sent && m->due.caller == LinkCaller::sends && !m->message_sent;
+}
+
 // The line from m->line to the end of the text is complete, but perhaps for the LF behind its CR.
-static void line_complete(LinkMachine *m, size_t end, LinkItem *item)
+static void line_complete(LinkMachine *m, size_t end, int64_t now, LinkItem *item)
 {
     std::string_view line = view(m).substr(m->line, end - m->line);
+    if (awaits_prompt(m) && (line == ">" || line == "> ")) { // with a report behind it in the same bytes
+        m->line = m->length;
+        take_prompt(m, now, item);
+        return;
+    }
     CommandKind kind = in_exchange(m) ? m->due.kind : CommandKind::plain;
     size_t begin = m->line;
     bool second = m->header_open && !line.starts_with('+');
@@ -129,28 +144,22 @@ static void append(LinkMachine *m, const char *data, size_t size)
     m->text[m->length] = '\0';
 }
 
-bool is_prompt(std::string_view line)
-{
-    return line == ">" || line.starts_with("> ");
-}
-
-static bool awaits_prompt(const LinkMachine *m)
-{
-    return m->phase == LinkPhase::sent && m->due.caller == LinkCaller::sends && !m->message_sent;
-}
-
 // A prompt that no caller waits for: the modem must not take what is sent next for the text of a message.
 static void leave_prompt(LinkMachine *m, LinkItem *item)
 {
     out_of_step(m);
-    m->escape = true;
+    leave_message(m);
     m->mark_out = false; // the mark went into the text
     m->line = m->length;
-    (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
     // A question never ends in a prompt: it is an older command's, and the question may be answered yet.
     bool asks = m->phase == LinkPhase::sent && m->due.expected;
     if (m->phase == LinkPhase::sent && m->due.caller != LinkCaller::sends && !asks) {
-        finish(m, take_text(m), item);
+        char *text = take_text(m);
+        if (m->overflow) {
+            free(text);
+            text = nullptr;
+        }
+        finish(m, text, item);
         return;
     }
     if (in_exchange(m) && !asks)
@@ -166,6 +175,13 @@ void take_prompt(LinkMachine *m, int64_t now, LinkItem *item)
         m->phase = LinkPhase::prompted;
         m->line = m->length;
         *item = {LinkItem::Kind::prompt, m->due.number, true, false, take_text(m)};
+        return;
+    }
+    bool repeated = m->due.caller == LinkCaller::sends &&
+                    (m->phase == LinkPhase::prompted || (m->phase == LinkPhase::sent && m->message_sent));
+    if (repeated) {
+        m->length = m->line;
+        m->text[m->length] = '\0';
         return;
     }
     leave_prompt(m, item);
@@ -218,7 +234,7 @@ size_t machine_take(LinkMachine *m, const char *data, size_t size, int64_t now, 
             at += run + 1;
             size_t end = m->length - (m->length > m->line ? 1 : 0);
             if (end > m->line)
-                line_complete(m, end, item);
+                line_complete(m, end, now, item);
             if (!m->result_open)
                 m->line = m->length;
             else if (rest[run] == '\n')

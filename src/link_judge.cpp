@@ -87,6 +87,8 @@ static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t
     const LinkCommand &due = m->due;
     if (due.kind == CommandKind::dial || due.kind == CommandKind::scan || traits.echoed)
         return LinkDoubt::none;
+    if (m->tells_itself && !traits.own)
+        return LinkDoubt::foreign;
     if (traits.text_listing && !behind_blank_line(m))
         return LinkDoubt::listing;
     if (came_early(m, traits.own, now))
@@ -109,14 +111,14 @@ static LinkDoubt doubt_about(const LinkMachine *m, const Traits &traits, int64_t
 // Sends a mark behind the command under way. False when none can be sent whose answer could not be mistaken.
 static bool start_confirming(LinkMachine *m, int64_t now)
 {
-    int question = proven_question(m, question_bit(m->due.text));
-    if (m->due.caller != LinkCaller::waits || question == -1)
+    if (m->due.caller != LinkCaller::waits)
         return false;
-    m->mark_decisive = true;
-    if (!send_mark(m, question, now))
+    owe_answers(m, m->due.text);
+    int question = proven_question(m);
+    if (question == -1 || !send_mark(m, question, now))
         return false;
     m->phase = LinkPhase::confirming;
-    m->replaced = false;
+    m->replaced = m->spoiled = false;
     return true;
 }
 
@@ -150,17 +152,24 @@ static void cut_before_echo(char *text, std::string_view command)
 // Out of step a command is under way whose answer tells itself. False: what has come is another one's.
 static bool told_itself(LinkMachine *m, int64_t now)
 {
-    uint8_t question = question_bit(m->due.text);
+    int question = question_of(m->due.text);
     if (!holds(view(m), m->due.expected))
-        return holds(view(m), "ERROR"); // a modem that is busy may say so; the link stays out of step
-    if (!(m->busy & question)) {
-        m->in_step = true;
-        m->busy = 0;
-        m->escape = false;
-        note_latency(m, m->due.text, now - m->sent_at);
+        return holds(view(m), "ERROR"); // the modem may refuse the question, or an older command
+    m->proven = static_cast<uint8_t>(m->proven | (1u << question));
+    if (is_owed(m, question)) {
+        answer_came(m, question);
+        owe_answers(m, m->due.text);
+        return true;
     }
-    m->proven = static_cast<uint8_t>(m->proven | question);
+    now_in_step(m);
+    note_latency(m, m->due.text, now - m->sent_at);
     return true;
+}
+
+static void refuse_long_answer(const LinkMachine *m)
+{
+    CELMUX_LOG(LOG_ERR, "answer to %s longer than %u bytes, refused", "link_machine", Masked(m->due.text).text,
+               LINK_ANSWER_MAX);
 }
 
 // A final result code has come while one of a command is due.
@@ -170,9 +179,12 @@ static void judge_answer(LinkMachine *m, int64_t now, LinkItem *item)
         give_late(m, item);
         return;
     }
+    if (m->phase == LinkPhase::prompted) { // the modem may wait for the text still
+        out_of_step(m);
+        leave_message(m);
+    }
     if (m->overflow) {
-        CELMUX_LOG(LOG_ERR, "answer to %s longer than %u bytes, refused", "link_machine", Masked(m->due.text).text,
-                   LINK_ANSWER_MAX);
+        refuse_long_answer(m);
         drop_text(m);
         finish(m, nullptr, item);
         return;
@@ -201,29 +213,48 @@ static void judge_answer(LinkMachine *m, int64_t now, LinkItem *item)
     finish(m, text, item);
 }
 
-static void join_candidate(LinkMachine *m, char *more)
+// More of a text listing: what was taken for its end was a line of a message.
+static void join_candidate(LinkMachine *m)
 {
-    size_t length = m->candidate ? strlen(m->candidate) : 0;
-    char *joined = more ? static_cast<char *>(realloc(m->candidate, length + strlen(more) + 1)) : nullptr;
+    bool cut = m->overflow;
+    char *more = take_text(m);
+    size_t length = m->candidate ? strlen(m->candidate) : 0, added = more ? strlen(more) : 0;
+    bool fits = !m->spoiled && !cut && more && length + added < LINK_ANSWER_MAX;
+    char *joined = fits ? static_cast<char *>(realloc(m->candidate, length + added + 1)) : nullptr;
     if (joined) {
-        memcpy(joined + length, more, strlen(more) + 1);
+        memcpy(joined + length, more, added + 1);
         m->candidate = joined;
+    } else if (!m->spoiled) {
+        refuse_long_answer(m);
+        m->spoiled = true;
     }
+    m->overflow = false;
     free(more);
+}
+
+char *take_candidate(LinkMachine *m)
+{
+    char *text = m->candidate;
+    m->candidate = nullptr;
+    if (m->spoiled) {
+        free(text);
+        text = nullptr;
+    }
+    return text;
 }
 
 // Another final result code has come behind the one in doubt, before the mark's answer: it is the command's own.
 static void judge_second(LinkMachine *m, LinkItem *item)
 {
+    if (m->doubt == LinkDoubt::listing) {
+        join_candidate(m);
+        return;
+    }
     Traits traits = traits_of(m, view(m));
     char *text = take_text(m);
     if (m->overflow || !text || !acceptable(m->due, traits)) {
         m->overflow = false;
         drop_late(m, text);
-        return;
-    }
-    if (m->doubt == LinkDoubt::listing) {
-        join_candidate(m, text);
         return;
     }
     // Of two that came together nothing tells which is the answer, unless only one has the command's name.
@@ -242,23 +273,26 @@ static void judge_second(LinkMachine *m, LinkItem *item)
     }
 }
 
-// The mark's answer stands at the end of what has come; whatever stands before it is without a final result code.
-static void mark_answered(LinkMachine *m, int64_t now, LinkItem *item)
+// A mark's answer stands at the end of what has come; whatever stands before it is without a final result code.
+static void mark_answered(LinkMachine *m, int question, int64_t now, LinkItem *item)
 {
     constexpr char ECHO_OFF[] = "ATE0\r";
     bool echo = holds(view(m), mark_command(m));
     drop_text(m);
-    if (!m->mark_decisive) {
-        // The modem is there. Answers come in order, so only to this question another one may still come.
+    m->proven = static_cast<uint8_t>(m->proven | (1u << question));
+    answer_came(m, question);
+    bool own = m->mark_out && m->mark_written && question == m->mark;
+    if (own)
         m->mark_out = false;
-        m->proven = static_cast<uint8_t>(m->proven | (1u << m->mark));
-        m->busy = static_cast<uint8_t>(1u << m->mark);
+    else
+        m->late_answers++;
+    if (m->owed_count) // the modem is there, but others may still be answered
         return;
-    }
-    now_in_step(m, now);
+    if (own)
+        note_latency(m, mark_command(m), now - m->mark_at);
+    now_in_step(m);
     if (m->phase == LinkPhase::confirming) {
-        char *text = m->candidate;
-        m->candidate = nullptr;
+        char *text = take_candidate(m);
         if (m->doubt == LinkDoubt::early && !m->replaced)
             note_quick(m);
         finish(m, text, item);
@@ -274,17 +308,19 @@ void judge(LinkMachine *m, int64_t now, LinkItem *item)
     m->header_open = false;
     m->result_open = false;
     m->silent_since = 0;
+    int question = answered_question(m);
+    if (m->phase == LinkPhase::confirming && question != m->mark)
+        question = -1; // it may be the command's own
     if (m->phase == LinkPhase::sent || m->phase == LinkPhase::prompted) {
         judge_answer(m, now, item);
-    } else if (m->mark_out && has_line_of(view(m), mark_name(m))) {
-        mark_answered(m, now, item);
+    } else if ((m->mark_out || !m->in_step) && question != -1) {
+        mark_answered(m, question, now, item);
+    } else if (may_ask_another(m) && holds(view(m), "ERROR")) {
+        m->mark_out = false; // the modem refuses this question
+        give_late(m, item);
     } else if (m->phase == LinkPhase::confirming) {
         judge_second(m, item);
     } else {
-        // A modem that refuses this question is asked another one.
-        bool refused = m->mark_out && m->mark_decisive && !(m->proven & (1u << m->mark)) && holds(view(m), "ERROR");
-        if (refused && free_question(m) != -1)
-            m->mark_out = false;
         give_late(m, item);
     }
     pump(m, now);

@@ -60,13 +60,15 @@ static void start_exchange(LinkMachine *m, int64_t now)
 static bool tells_itself(const LinkMachine *m)
 {
     const LinkCommand &next = m->waiting[0];
-    uint8_t question = next.expected ? question_bit(next.text) : 0;
-    return !m->mark_out && (question & (~m->busy | question_bit("AT+CGMI?")));
+    int question = next.expected ? question_of(next.text) : -1;
+    return !m->mark_out && question != -1 && (!is_owed(m, question) || question == question_of("AT+CGMI?"));
 }
 
 // Does what can be done now.
 void pump(LinkMachine *m, int64_t now)
 {
+    if (m->phase == LinkPhase::confirming)
+        get_in_step(m, now);
     if (m->phase != LinkPhase::idle || m->waiting_count == 0)
         return;
     if (m->in_step || tells_itself(m))
@@ -92,8 +94,10 @@ void machine_init(LinkMachine *m, bool probed, bool (*send)(const char *text, si
     *m = {};
     m->send = send;
     m->escape = true;
-    if (probed)
-        m->busy = question_bit("AT+CGMI?") | question_bit("AT+GMM?") | question_bit("AT+CGSN=1");
+    for (const char *asked : {"AT+CGSN=1", "AT+GMM?", "AT+CGMI?"}) {
+        if (probed)
+            owe_answers(m, asked);
+    }
 }
 
 void machine_free(LinkMachine *m)
@@ -119,6 +123,18 @@ uint32_t machine_submit(LinkMachine *m, char *text, const char *expected, LinkCa
     return number;
 }
 
+static bool tail_is_prompt(const LinkMachine *m)
+{
+    std::string_view tail = view(m).substr(m->line);
+    return (tail == ">" || tail == "> ") && !in_text_listing(m);
+}
+
+static bool tail_is_result(const LinkMachine *m)
+{
+    std::string_view tail = view(m).substr(m->line);
+    return !tail.empty() && is_final_result(tail, in_exchange(m) ? m->due.kind : CommandKind::plain);
+}
+
 bool machine_may_write(LinkMachine *m, uint32_t number, int64_t now)
 {
     if (number == 0)
@@ -128,9 +144,17 @@ bool machine_may_write(LinkMachine *m, uint32_t number, int64_t now)
         m->mark_at = now;
         return true;
     }
+    if (m->phase == LinkPhase::sent && m->message_sent && number == m->due.number)
+        return true;
     if (m->phase != LinkPhase::queued || number != m->due.number) {
         pump(m, now); // there is room again
         return false;
+    }
+    // What came before cannot be its answer, nor a final result code whose line end is missing yet.
+    if (m->result_open || tail_is_result(m)) {
+        m->result_open = false;
+        m->line = m->length;
+        drop_late(m, take_text(m));
     }
     m->phase = LinkPhase::sent;
     m->message_sent = false;
@@ -147,6 +171,7 @@ void machine_write_failed(LinkMachine *m, uint32_t number, int64_t now, LinkItem
         m->mark_out = false;
     } else if (m->phase == LinkPhase::sent && number == m->due.number) {
         out_of_step(m); // some of it may have been written
+        m->escape = m->escape || m->due.caller == LinkCaller::sends;
         finish(m, nullptr, item);
     }
 }
@@ -157,18 +182,16 @@ bool machine_send_message(LinkMachine *m, uint32_t number, const char *pdu)
         return false;
     m->phase = LinkPhase::sent;
     m->message_sent = true;
-    return m->send(pdu, strlen(pdu), 0) && m->send("\x1a", 1, 0);
+    return m->send(pdu, strlen(pdu), number) && m->send("\x1a", 1, number);
 }
 
 // The answer to the command under way is owed from now on.
 static void give_up_due(LinkMachine *m, int64_t now)
 {
     out_of_step(m);
-    if (m->due.caller == LinkCaller::sends) {
-        m->escape = true;
-        (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
-    }
-    m->busy = static_cast<uint8_t>(m->busy | question_bit(m->due.text));
+    if (m->due.caller == LinkCaller::sends)
+        leave_message(m);
+    owe_answers(m, m->due.text);
     if (!m->silent_since)
         m->silent_since = now;
     m->timeouts++;
@@ -194,9 +217,7 @@ bool machine_abandon(LinkMachine *m, uint32_t number, int64_t now, char **answer
     if (m->phase == LinkPhase::confirming) {
         // The mark's answer is late too: then an answer that came too early, or another command's, is not this one's.
         bool likely = m->doubt == LinkDoubt::listing || m->doubt == LinkDoubt::bare;
-        *answer = likely ? m->candidate : nullptr;
-        if (likely)
-            m->candidate = nullptr;
+        *answer = likely ? take_candidate(m) : nullptr;
         out_of_step(m);
     } else if (m->phase != LinkPhase::queued) {
         give_up_due(m, now);
@@ -210,6 +231,7 @@ void machine_restarted(LinkMachine *m, int64_t now, LinkItem *item)
 {
     *item = {};
     out_of_step(m);
+    m->escape = machine_at_prompt(m);
     m->mark_out = false; // it is not answered; another question is asked next
     m->recent_count = 0;
     memset(m->quick, 0, sizeof m->quick);
@@ -252,18 +274,6 @@ static int64_t owed_until(const LinkMachine *m)
     return listed ? m->last_byte + SCAN_END_PATIENCE : m->sent_at + SCAN_LIMIT;
 }
 
-static bool tail_is_prompt(const LinkMachine *m)
-{
-    std::string_view tail = view(m).substr(m->line);
-    return tail == ">" || tail == "> ";
-}
-
-static bool tail_is_result(const LinkMachine *m)
-{
-    std::string_view tail = view(m).substr(m->line);
-    return !tail.empty() && is_final_result(tail, in_exchange(m) ? m->due.kind : CommandKind::plain);
-}
-
 // How long the end of the text may still be followed by more of the same line or report; INT64_MAX: it is not waited
 // for.
 static int64_t text_until(const LinkMachine *m)
@@ -279,7 +289,8 @@ static int64_t text_until(const LinkMachine *m)
 
 static int64_t mark_due(const LinkMachine *m, int64_t now)
 {
-    if (m->phase != LinkPhase::idle || m->waiting_count == 0 || (m->mark_out && !m->mark_written))
+    bool wanted = m->phase == LinkPhase::confirming || (m->phase == LinkPhase::idle && m->waiting_count > 0);
+    if (!wanted || (m->mark_out && !m->mark_written))
         return INT64_MAX;
     int64_t at = m->mark_out ? m->mark_at + renewal(m, now) : 0;
     return at > m->not_before ? at : m->not_before;

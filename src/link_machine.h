@@ -19,6 +19,7 @@ constexpr uint32_t LINK_ANSWER_MAX = 256 * 1024; // bytes of an answer; a longer
 constexpr unsigned LINK_NAMES = 32;              // commands of which is known how they are answered
 constexpr unsigned LINK_RECENT = 16;             // answers whose times are kept
 constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: a caller's and 16 others
+constexpr unsigned LINK_OWED_MAX = 16;           // questions whose answers may still come
 
 enum class LinkCaller : uint8_t {
     nobody, // the answer is not waited for
@@ -84,17 +85,21 @@ struct LinkMachine {
     char *candidate;   // while confirming: what may be the answer; null when no answer could be accepted so far
     bool tells_itself; // the command was sent out of step, since its answer cannot be mistaken
     bool replaced;     // the candidate is not the first final result code that came
+    bool spoiled;      // some of a text listing in doubt is lost, so that there is no answer
     bool message_sent; // the text of the message has followed the prompt
 
     // Getting in step.
-    bool in_step;       // nothing is owed but the answer to `due`
-    bool escape;        // the modem may sit at a prompt
-    bool mark_out;      // a mark has been sent
-    bool mark_written;  // it has been written to the port
-    bool mark_decisive; // its answer can only be its own
-    uint8_t mark;       // which question it asks
-    uint8_t busy;       // bit per question: an answer to it may still come from before
-    uint8_t proven;     // bit per question: this modem answers it by name
+    bool in_step;      // nothing is owed but the answer to `due`
+    bool escape;       // the modem may sit at a prompt
+    bool mark_out;     // a mark has been sent
+    bool mark_written; // it has been written to the port
+    uint8_t mark;      // which question it asks
+    uint8_t proven;    // bit per question: this modem answers it by name
+    struct {
+        uint8_t question;
+        bool many;         // it was asked several times, one after another
+    } owed[LINK_OWED_MAX]; // questions whose answers may still come, in the order in which they were asked
+    unsigned owed_count;
     uint32_t mark_number;
     int64_t mark_at;
     int64_t not_before;          // no mark before then: the port refused one

@@ -4,6 +4,7 @@
 #include "link_parts.h"
 
 #include <algorithm>
+#include <cctype>
 #include <span>
 
 #include "link_text.h"
@@ -13,12 +14,12 @@
 constexpr int64_t EARLY_NUMERATOR = 3, EARLY_DENOMINATOR = 4;
 constexpr int64_t EARLY_LEAST = 2 * MS; // a modem that is quicker than this tells nothing by its times
 
-// FNV-1a; tells texts apart, no more.
+// FNV-1a of the capitals; tells texts apart, no more.
 static uint32_t hash_of(std::string_view text)
 {
     uint32_t hash = 0x811c9dc5;
     for (char each : text)
-        hash = (hash ^ static_cast<unsigned char>(each)) * 0x01000193;
+        hash = (hash ^ static_cast<unsigned char>(toupper(static_cast<unsigned char>(each)))) * 0x01000193;
     return hash;
 }
 

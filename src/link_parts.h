@@ -25,15 +25,20 @@ bool came_early(const LinkMachine *m, bool own, int64_t now);
 void note_quick(LinkMachine *m);
 
 // link_step.cpp: getting in step.
-uint8_t question_bit(std::string_view command);         // 0 when no mark asks that
-int free_question(const LinkMachine *m);                // one to which no answer may come from before; -1 for none
-int proven_question(const LinkMachine *m, uint8_t but); // the same, one that this modem is known to answer
+int question_of(std::string_view command); // the question that it is, to the letter; -1 when no mark asks that
+void owe_answers(LinkMachine *m, std::string_view command); // to the questions that the command names
+bool is_owed(const LinkMachine *m, int question);
+// The question was answered. Answers come in the order of their questions, so none to an earlier one is owed any more.
+void answer_came(LinkMachine *m, int question);
+int answered_question(const LinkMachine *m); // the owed one whose answer stands in what has come; -1 for none
 bool send_mark(LinkMachine *m, int question, int64_t now);
+int proven_question(const LinkMachine *m);  // one that is not owed and that this modem is known to answer; -1 for none
+bool may_ask_another(const LinkMachine *m); // than the mark that is out, which the modem does not seem to know
 std::string_view mark_command(const LinkMachine *m);
-std::string_view mark_name(const LinkMachine *m);
+void leave_message(LinkMachine *m);                 // the modem may wait for the text of a message
 int64_t renewal(const LinkMachine *m, int64_t now); // so long a mark's answer is waited for
 void get_in_step(LinkMachine *m, int64_t now);      // sends or renews a mark when it is time
-void now_in_step(LinkMachine *m, int64_t now);
+void now_in_step(LinkMachine *m);
 void out_of_step(LinkMachine *m);
 
 // link_bytes.cpp: what has come.
@@ -41,6 +46,7 @@ bool in_exchange(const LinkMachine *m); // a command has been written and is not
 char *take_text(LinkMachine *m); // up to the end of the last complete line, for the caller to free; null without memory
 void drop_text(LinkMachine *m);
 bool is_prompt(std::string_view line);
+bool in_text_listing(const LinkMachine *m);
 void take_prompt(LinkMachine *m, int64_t now, LinkItem *item);
 void give_out_lines(LinkMachine *m, LinkItem *item);
 
@@ -48,6 +54,7 @@ void give_out_lines(LinkMachine *m, LinkItem *item);
 bool holds(std::string_view text, std::string_view part);
 bool has_line_of(std::string_view text, std::string_view name);
 void drop_late(LinkMachine *m, char *text);
+char *take_candidate(LinkMachine *m); // what is taken for the answer, for the caller to free; null for none
 void judge(LinkMachine *m, int64_t now, LinkItem *item);
 
 // link_machine.cpp: what is sent.

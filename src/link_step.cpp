@@ -18,35 +18,101 @@ static constexpr Question QUESTIONS[] = {
 };
 constexpr int QUESTION_COUNT = sizeof QUESTIONS / sizeof QUESTIONS[0];
 
-uint8_t question_bit(std::string_view command)
+int question_of(std::string_view command)
 {
     for (int i = 0; i < QUESTION_COUNT; i++) {
         if (command_line(QUESTIONS[i].command) == command_line(command))
-            return static_cast<uint8_t>(1u << i);
+            return i;
     }
-    return 0;
+    return -1;
 }
 
-static int first_question(unsigned choice)
+static void owe(LinkMachine *m, int question)
+{
+    if (m->owed_count && m->owed[m->owed_count - 1].question == question) {
+        m->owed[m->owed_count - 1].many = true;
+        return;
+    }
+    if (m->owed_count == LINK_OWED_MAX) // the oldest is the one most likely lost
+        memmove(m->owed, m->owed + 1, --m->owed_count * sizeof m->owed[0]);
+    m->owed[m->owed_count++] = {static_cast<uint8_t>(question), false};
+}
+
+void owe_answers(LinkMachine *m, std::string_view command)
 {
     for (int i = 0; i < QUESTION_COUNT; i++) {
-        if (choice & (1u << i))
+        if (name_of_line(QUESTIONS[i].name, command) == LineName::own)
+            owe(m, i);
+    }
+}
+
+static unsigned place_of(const LinkMachine *m, int question)
+{
+    unsigned place = 0;
+    while (place < m->owed_count && m->owed[place].question != question)
+        place++;
+    return place;
+}
+
+bool is_owed(const LinkMachine *m, int question)
+{
+    return place_of(m, question) < m->owed_count;
+}
+
+void answer_came(LinkMachine *m, int question)
+{
+    unsigned gone = place_of(m, question);
+    if (gone == m->owed_count)
+        return;
+    gone += m->owed[gone].many ? 0 : 1;
+    m->owed_count -= gone;
+    memmove(m->owed, m->owed + gone, m->owed_count * sizeof m->owed[0]);
+}
+
+int answered_question(const LinkMachine *m)
+{
+    for (int i = 0; i < QUESTION_COUNT; i++) {
+        bool not_yet = m->mark_out && !m->mark_written && m->mark == i && place_of(m, i) + 1 == m->owed_count &&
+                       !m->owed[m->owed_count - 1].many;
+        if (is_owed(m, i) && !not_yet && has_line_of(view(m), QUESTIONS[i].name))
+            return i;
+    }
+    return -1;
+}
+
+int proven_question(const LinkMachine *m)
+{
+    for (int i = 0; i < QUESTION_COUNT; i++) {
+        if ((m->proven & (1u << i)) && !is_owed(m, i))
             return i;
     }
     return -1;
 }
 
 // A question to which no answer may come from before, one that this modem is known to answer if possible; -1 for none.
-int free_question(const LinkMachine *m)
+static int free_question(const LinkMachine *m)
 {
-    unsigned unused = static_cast<uint8_t>(~m->busy);
-    int question = first_question(unused & m->proven);
-    return question == -1 ? first_question(unused) : question;
+    int question = proven_question(m);
+    for (int i = 0; i < QUESTION_COUNT && question == -1; i++) {
+        if (!is_owed(m, i))
+            question = i;
+    }
+    return question;
 }
 
-int proven_question(const LinkMachine *m, uint8_t but)
+// The question that is asked again and again when all are owed: every modem that is served answers the first one.
+static int repeated_question(const LinkMachine *m)
 {
-    return first_question(m->proven & ~m->busy & ~but);
+    for (int i = 0; i < QUESTION_COUNT; i++) {
+        if (m->proven & (1u << i))
+            return i;
+    }
+    return 0;
+}
+
+bool may_ask_another(const LinkMachine *m)
+{
+    return m->mark_out && m->mark_written && !(m->proven & (1u << m->mark)) && free_question(m) != -1;
 }
 
 std::string_view mark_command(const LinkMachine *m)
@@ -54,9 +120,10 @@ std::string_view mark_command(const LinkMachine *m)
     return command_line(QUESTIONS[m->mark].command);
 }
 
-std::string_view mark_name(const LinkMachine *m)
+void leave_message(LinkMachine *m)
 {
-    return QUESTIONS[m->mark].name;
+    m->escape = true;
+    (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0); // sent again with the next mark
 }
 
 bool send_mark(LinkMachine *m, int question, int64_t now)
@@ -70,7 +137,7 @@ bool send_mark(LinkMachine *m, int question, int64_t now)
         return false;
     }
     m->mark = static_cast<uint8_t>(question);
-    m->busy = static_cast<uint8_t>(m->busy | (1u << question));
+    owe(m, question);
     m->mark_number = number;
     m->mark_out = true;
     m->mark_written = false;
@@ -94,25 +161,17 @@ void get_in_step(LinkMachine *m, int64_t now)
             return;
         if (!m->silent_since)
             m->silent_since = m->mark_at;
+        m->escape = true; // the mark may have become part of a message's text
     }
     int question = free_question(m);
-    m->mark_decisive = question != -1;
-    if (question == -1) {
-        // Any question shows whether the modem is there; which of several times it was asked it answers cannot be told.
-        question = first_question(m->proven);
-        if (question == -1)
-            question = (m->mark + 1) % QUESTION_COUNT;
-    }
-    (void)send_mark(m, question, now);
+    (void)send_mark(m, question == -1 ? repeated_question(m) : question, now);
 }
 
-void now_in_step(LinkMachine *m, int64_t now)
+void now_in_step(LinkMachine *m)
 {
-    note_latency(m, QUESTIONS[m->mark].command, now - m->mark_at);
-    m->proven = static_cast<uint8_t>(m->proven | (1u << m->mark));
     m->in_step = true;
     m->mark_out = false;
-    m->busy = 0;
+    m->owed_count = 0;
     m->escape = false;
 }
 

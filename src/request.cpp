@@ -11,6 +11,7 @@
 #include "call_limit.h"
 #include "celmux.h"
 #include "link.h"
+#include "link_text.h"
 #include "log.h"
 #include "waiting.h"
 
@@ -49,6 +50,7 @@ static void drop(const TextElem &answer)
 static int wait_for_response(uint32_t number, char **answer, int64_t deadline)
 {
     TextElem taken;
+    bool on_its_way = false;
     *answer = nullptr;
     for (;;) {
         if (next_answer(deadline, &taken)) {
@@ -61,20 +63,20 @@ static int wait_for_response(uint32_t number, char **answer, int64_t deadline)
         }
         if (!running.load())
             return 0;
-        if (number == 0)
+        if (on_its_way)
             return -1;
         if (link_abandon(number, answer))
             break;
         deadline = monotonic_ms() + ON_ITS_WAY_MS;
-        number = 0;
+        on_its_way = true;
     }
     if (!*answer)
         CELMUX_LOG(LOG_DEBUG, "wait_for_response timeout\n", "wait_for_response");
     return *answer ? 0 : -1;
 }
 
-// 0, or the error number of the wait, on the realtime clock. A caller's own time-out counts in whole seconds; what is left
-// of a call that has waited already is `exact`.
+// 0, or the error number of the wait, on the realtime clock. A caller's own time-out counts in whole seconds; what is
+// left of a call that has waited already is `exact`.
 static int lock_requests(uint32_t timeout_ms, bool exact)
 {
     constexpr long NS_PER_S = 1000000000;
@@ -138,10 +140,12 @@ int exec_retry(const char *command, char **answer, int append_cr, int tries)
 }
 
 // One step of the message exchange: the prompt, or the result behind the text. True when it holds `wanted`.
-static bool message_step(uint32_t number, const char *wanted, uint32_t timeout_ms)
+static bool message_step(uint32_t number, const char *command, const char *wanted, uint32_t timeout_ms)
 {
     char *answer = nullptr;
     int result = wait_for_response(number, &answer, monotonic_ms() + timeout_ms);
+    if (answer)
+        remove_reports(answer, command);
     bool good = result == 0 && answer && strstr(answer, wanted) && !strstr(answer, "ERROR");
     free(answer);
     return good;
@@ -152,9 +156,14 @@ static bool exchange_message(const char *pdu, int length, uint32_t timeout_ms)
     char command[24];
     snprintf(command, sizeof command, "AT+CMGS=%d\r", length);
     uint32_t number = link_submit(command, 0, nullptr, LinkCaller::sends);
-    if (!number || !message_step(number, ">", timeout_ms) || !link_send_message(number, pdu))
-        return false;
-    return message_step(number, "+CMGS:", timeout_ms);
+    bool sent = number && message_step(number, command, ">", timeout_ms) && link_send_message(number, pdu) &&
+                message_step(number, command, "+CMGS:", timeout_ms);
+    if (number && !sent) { // the modem must not be left at its prompt
+        char *rest = nullptr;
+        (void)link_abandon(number, &rest);
+        free(rest);
+    }
+    return sent;
 }
 
 int send_message_request(const char *pdu, int length, uint32_t timeout_ms)

@@ -472,6 +472,7 @@ TEST_F(AnswerTest, TheMessageExchangeWritesPduAndEndBehindThePrompt)
     } rows[] = {
         {"\r\n> ", "\r\n+CMGS: 5\r\n\r\nOK\r\n", 0},
         {"\r\n> ", "\r\n+CMGS: 5\r\n\r\nOK\r\n", 0}, // the same reference again
+        {"\r\n+CIEV: \"ERROR\",1\r\n\r\n> ", "\r\n+CMGS: 6\r\n\r\nOK\r\n", 0},
         {"\r\n> ", "\r\n+CMS ERROR: 38\r\n", -1},
         {"\r\n+CMS ERROR: 310\r\n", nullptr, -1},
     };

@@ -339,4 +339,140 @@ TEST(LinkMachine, APromptOfAnOlderCommandIsNoAnswer)
     EXPECT_TRUE(world.exchange(ASKS[2], &text));
 }
 
+// Everything asked meanwhile is lost, or answered in its order when the modem is back.
+TEST(LinkMachine, ASilenceOfAnyLengthShiftsNothing)
+{
+    for (int64_t seconds : {1, 2, 4, 6, 9, 13, 40, 100}) {
+        for (bool lost : {true, false}) {
+            World world;
+            world.plans.assign(200, {&ASKS[0], ANSWERS});
+            std::string text;
+            EXPECT_TRUE(world.exchange(ASKS[0], &text));
+            const int64_t begin = world.now, back = begin + seconds * 1000 * MS;
+            world.deaf = lost;
+            world.busy_until = lost ? 0 : back;
+            int64_t served = 0;
+            for (int i = 0; i < 50 && !served; i++) {
+                uint32_t number =
+                    machine_submit(&world.machine, strdup("AT+CSQ\r"), "+CSQ:", LinkCaller::waits, world.now);
+                const int64_t end = world.now + TIMEOUT;
+                if (world.deaf && end > back) {
+                    world.run(back, number);
+                    world.deaf = false;
+                }
+                world.run(end, number);
+                if (!world.answers.contains(number)) {
+                    char *late;
+                    EXPECT_TRUE(machine_abandon(&world.machine, number, world.now, &late));
+                    free(late);
+                } else if (world.answers[number].first) {
+                    served = world.now;
+                    text = world.answers[number].second;
+                }
+            }
+            EXPECT_EQ(text, lines({"+CSQ: 99," + std::to_string(world.commands), "OK"}))
+                << seconds << " s, lost " << lost;
+            EXPECT_LE(served - back, (seconds > 60 ? 6000 : 2500) * MS) << seconds << " s, lost " << lost;
+        }
+    }
+}
+
+// However a message ends, the next command is not taken for its text.
+TEST(LinkMachine, AMessageIsNotLeftAtItsPrompt)
+{
+    const struct {
+        const char *prompt, *behind;
+        bool goes_on, escape;
+    } rows[] = {
+        {"\r\n> ", "", true, false},         {"\r\n> \r\n+CREG: 1\r\n", "", true, false},
+        {"\r\n> ", "\r\n> ", true, false},   {"\r\n> ", "\r\nOK\r\n", false, true}, // a stray one
+        {"\r\nERROR\r\n", "", false, false},
+    };
+    for (const auto &row : rows) {
+        World world;
+        world.plans = {{&ASKS[0], ANSWERS}, {&ASKS[2], NEVER}, {&ASKS[0], ANSWERS}};
+        std::string text;
+        EXPECT_TRUE(world.exchange(ASKS[0], &text));
+        uint32_t number = machine_submit(&world.machine, strdup("AT+CMGS=20\r"), nullptr, LinkCaller::sends, world.now);
+        world.write_out();
+        world.feed(row.prompt);
+        EXPECT_TRUE(world.answers.contains(number)) << row.prompt;
+        world.feed(row.behind);
+        world.run(world.now + 50 * MS);
+        world.seen.clear();
+        world.answers.erase(number);
+        EXPECT_EQ(machine_send_message(&world.machine, number, "0011"), row.goes_on);
+        if (row.goes_on) {
+            world.plans.insert(world.plans.begin(), 2, {&ASKS[2], NEVER}); // the text and its end
+            world.run(world.now + 10 * MS);
+            world.feed("\r\n+CMGS: 1\r\n\r\nOK\r\n");
+            EXPECT_EQ(world.answers[number].second, lines({"+CMGS: 1", "OK"})) << row.prompt;
+        }
+        world.plans.assign(10, {&ASKS[0], ANSWERS});
+        EXPECT_TRUE(world.exchange(ASKS[0], &text)) << row.prompt << row.behind;
+        EXPECT_EQ(std::count(world.seen.begin(), world.seen.end(), LINK_ESCAPE), row.escape) << row.prompt;
+    }
+}
+
+TEST(LinkMachine, AMarkThatIsLostIsRenewedBehindADoubtfulAnswer)
+{
+    World world;
+    world.warm_up();
+    const Ask ask = {"AT+CREG?\r", nullptr, nullptr, "OK"};
+    world.plans = {{&ask, ANSWERS}};
+    const int64_t begin = world.now;
+    uint32_t number = machine_submit(&world.machine, strdup(ask.command), nullptr, LinkCaller::waits, begin);
+    world.run(begin + 10 * MS);
+    world.deaf = true; // for the mark
+    world.run(begin + 500 * MS);
+    world.deaf = false;
+    world.run(begin + TIMEOUT, number);
+    EXPECT_EQ(world.answers[number].second, lines({"OK"}));
+    EXPECT_LT(world.now - begin, 1500 * MS);
+}
+
+TEST(LinkMachine, TheErrorOfAnOlderCommandIsNotTheAnswerToAQuestion)
+{
+    World world;
+    world.warm_up();
+    world.plans = {{&ASKS[3], NEVER}};
+    std::string text;
+    EXPECT_FALSE(world.exchange(ASKS[3], &text));
+    world.say(world.now + 15 * MS, lines({"ERROR"}));
+    EXPECT_TRUE(world.exchange({"AT+CGSN=1\r", "+CGSN:", nullptr, nullptr}, &text)); // sent without a mark before it
+    EXPECT_EQ(text, lines({"+CGSN: \"8\"", "OK"}));
+}
+
+TEST(LinkMachine, AnOlderResultWithoutItsLineEndIsNoAnswer)
+{
+    World world;
+    world.plans.assign(3, {&ASKS[2], ANSWERS});
+    std::string text;
+    EXPECT_TRUE(world.exchange(ASKS[2], &text)); // in step
+    world.feed("\r\nERROR\r");
+    EXPECT_TRUE(world.exchange(ASKS[2], &text));
+    EXPECT_EQ(text, lines({"OK"}));
+}
+
+// Messages may hold lines "OK", so that the end of a listing in text form is in doubt.
+TEST(LinkMachine, AListingTooLongIsAFailureAndNotCut)
+{
+    for (size_t messages : {3, 300}) {
+        World world;
+        world.warm_up();
+        const std::string piece = "+CMGL: 1,\"REC READ\",\"1\"\r\n" + std::string(1000, 'x') + "\r\nOK\r\n";
+        std::string whole;
+        for (size_t i = 0; i < messages; i++)
+            whole += piece;
+        const Ask ask = {"AT+CMGL=\"ALL\"\r", nullptr, nullptr, "OK"};
+        world.plans = {{&ask, NEVER}};
+        uint32_t number = machine_submit(&world.machine, strdup(ask.command), nullptr, LinkCaller::waits, world.now);
+        world.write_out();
+        world.feed(whole + "\r\nOK\r\n");
+        world.run(world.now + TIMEOUT, number);
+        EXPECT_EQ(world.answers[number].first, messages == 3);
+        EXPECT_EQ(world.answers[number].second, messages == 3 ? whole + "\r\nOK\r\n" : "");
+    }
+}
+
 } // namespace
