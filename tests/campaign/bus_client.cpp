@@ -7,6 +7,7 @@ extern "C" {
 
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 
 using Methods = std::map<std::string, std::map<std::string, int>>;
@@ -16,7 +17,15 @@ int64_t CallOutcome::result() const
     return data.is_object() && data.contains("result") ? data["result"].get<int64_t>() : -1;
 }
 
-BusClient::BusClient(const std::string &socket) : context_(ubus_connect(socket.c_str()))
+// Connecting sets up the loop of libubox as well, which is not made for two threads at once.
+static ubus_context *connect_alone(const std::string &socket)
+{
+    static std::mutex mutex;
+    std::lock_guard lock(mutex);
+    return ubus_connect(socket.c_str());
+}
+
+BusClient::BusClient(const std::string &socket) : context_(connect_alone(socket))
 {
     if (context_ == nullptr)
         throw std::runtime_error("no broker at " + socket);
