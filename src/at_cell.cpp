@@ -6,6 +6,7 @@
 
 #include "at_text.h"
 #include "log.h"
+#include "result.h"
 
 result_t at_get_rssi(uint8_t *rssi)
 {

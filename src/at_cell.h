@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "celmux.h"
+#include "result.h"
 
 // An operator selection (3GPP TS 27.007 7.3).
 struct OperatorInfo {

@@ -10,11 +10,11 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "celmux.h"
 #include "config.h"
 #include "link.h"
 #include "log.h"
 #include "port.h"
+#include "queues.h"
 #include "waiting.h"
 
 constexpr uint32_t GROWTH = 1024;

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "at_text.h"
+#include "result.h"
 #include "waiting.h"
 
 constexpr uint32_t PAUSE_MS = 500;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "celmux.h"
+#include "result.h"
 
 result_t at_hangup_call();
 // *enabled becomes 1 or 0; untouched without a value in the answer.

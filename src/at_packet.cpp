@@ -6,7 +6,9 @@
 #include "at_text.h"
 #include "log.h"
 #include "profile_store.h"
+#include "result.h"
 #include "shell.h"
+#include "waiting.h"
 #include "wanmd.h"
 
 constexpr int32_t DATA_CONTEXT = 1;

@@ -6,7 +6,7 @@
 #include <span>
 #include <string_view>
 
-#include "celmux.h"
+#include "result.h"
 
 struct ApnProfile;
 

@@ -2,6 +2,7 @@
 
 #include "at_text.h"
 #include "log.h"
+#include "result.h"
 #include "wanmd.h"
 
 extern const AtQuery imei_query = {"AT+CGSN=1\r", "+CGSN:", "+CGSN: ", "+CGSN: ", ValueCut::to_line_end};

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "celmux.h"
+#include "result.h"
 
 // Where the value stands behind the value marker, in the marker's own line.
 enum class ValueCut {

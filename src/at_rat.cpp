@@ -7,6 +7,7 @@
 
 #include "at_text.h"
 #include "log.h"
+#include "result.h"
 
 constexpr struct {
     const char *numeral;

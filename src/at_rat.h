@@ -8,7 +8,7 @@
 #include <span>
 #include <string_view>
 
-#include "celmux.h"
+#include "result.h"
 
 constexpr size_t BANDS_SIZE = 512; // room for the bands of a modem in band notation
 

@@ -11,11 +11,11 @@
 #include <unistd.h>
 
 #include "at_mask.h"
-#include "celmux.h"
 #include "config.h"
 #include "link.h"
 #include "log.h"
 #include "port.h"
+#include "queues.h"
 #include "waiting.h"
 
 constexpr uint32_t IDLE_MS = 60000;        // a push wakes the thread at once

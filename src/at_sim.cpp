@@ -1,6 +1,7 @@
 #include "at_sim.h"
 
 #include "at_text.h"
+#include "result.h"
 
 constexpr std::string_view code_names[PIN_CODES] = {"SIM PIN", "SIM PUK", "SIM PIN2", "SIM PUK2"};
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "celmux.h"
+#include "result.h"
 
 struct PinRetryGroup {
     uint8_t present;         // the modem reported this code

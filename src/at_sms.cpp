@@ -1,4 +1,5 @@
 #include "at_sms.h"
+#include "result.h"
 
 result_t at_read_sms(int32_t index, AtAnswer *answer)
 {

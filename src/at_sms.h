@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "at_text.h"
-#include "celmux.h"
+#include "result.h"
 
 // What the modem shows of one message, or of all of them.
 result_t at_read_sms(int32_t index, AtAnswer *answer);

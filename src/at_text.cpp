@@ -9,6 +9,7 @@
 #include "link_text.h"
 #include "log.h"
 #include "request.h"
+#include "result.h"
 
 constexpr uint8_t FAULT_TOO_LONG = 1;
 constexpr uint8_t FAULT_CHARACTER = 2;

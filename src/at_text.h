@@ -5,7 +5,7 @@
 #include <span>
 #include <string_view>
 
-#include "celmux.h"
+#include "result.h"
 
 constexpr uint32_t AT_TIMEOUT_MS = 3000;
 

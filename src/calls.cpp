@@ -16,9 +16,9 @@ extern "C" {
 }
 
 #include "call_limit.h"
-#include "celmux.h"
 #include "link.h"
 #include "method_table.h"
+#include "result.h"
 #include "service.h"
 #include "waiting.h"
 

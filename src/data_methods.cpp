@@ -3,6 +3,7 @@
 #include "at_misc.h"
 #include "at_packet.h"
 #include "requester.h"
+#include "result.h"
 #include "uci_access.h"
 #include "wanmd.h"
 

@@ -6,8 +6,8 @@
 
 #include "at_mask.h"
 #include "at_text.h"
-#include "log.h"
 #include "link.h"
+#include "log.h"
 #include "message_fetch.h"
 #include "request.h"
 #include "resp_processor.h"
@@ -18,6 +18,8 @@ constexpr unsigned MOST_OPERATORS = 64;
 constexpr size_t SCRIPT_SIZE = 4096;
 
 char g_apn[APN_SIZE];
+std::atomic<uint8_t> ip_family_updated{0};
+std::atomic<int32_t> g_ip_family{-1};
 
 static void sim_ready(std::string_view)
 {

@@ -6,8 +6,8 @@
 #include <pthread.h>
 
 #include "at_mask.h"
-#include "celmux.h"
 #include "log.h"
+#include "queues.h"
 #include "waiting.h"
 
 // Protects the machine and processor_wakes. No other lock is taken under it.
@@ -18,6 +18,8 @@ static std::atomic<uint8_t> silent{0};
 static std::atomic<int64_t> scan_started{0}; // microseconds; 0 none yet
 static std::atomic<uint32_t> scan_number{0}; // of the last scan's command
 std::atomic<uint32_t> link_gap_bursts{0};
+std::atomic<uint8_t> g_scanning{0};
+std::atomic<uint8_t> g_scan_began{0};
 
 static int64_t now_us()
 {

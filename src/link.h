@@ -9,6 +9,10 @@
 
 #include "link_machine.h"
 
+// A network scan runs: every other command is refused. Written by this unit alone, read by any thread.
+extern std::atomic<uint8_t> g_scanning;
+extern std::atomic<uint8_t> g_scan_began; // its command has been written to the port: set by the sender
+
 // Before the threads start; `probed` as in machine_init.
 void link_init(bool probed);
 void link_free();

@@ -11,7 +11,6 @@
 
 #include "at_listener.h"
 #include "at_sender.h"
-#include "celmux.h"
 #include "config.h"
 #include "final_results.h"
 #include "link.h"
@@ -19,6 +18,7 @@
 #include "message_store.h"
 #include "port.h"
 #include "probe.h"
+#include "queues.h"
 #include "requester.h"
 #include "resp_processor.h"
 #include "service.h"
@@ -145,9 +145,10 @@ static void keep_heap_small()
 // The daemon takes no arguments: one that is started by mistake would be a second one.
 static int answer_arguments(const char *argument)
 {
-    constexpr char USAGE[] = "Usage: celmuxd [--help | --version]\n"
-                             "Owns the modem's AT port and serves the bus object celmux, in the foreground, until SIGTERM.\n"
-                             "Its settings are in /etc/ril.json; everything else is asked of it with ubus or celmux.\n";
+    constexpr char USAGE[] =
+        "Usage: celmuxd [--help | --version]\n"
+        "Owns the modem's AT port and serves the bus object celmux, in the foreground, until SIGTERM.\n"
+        "Its settings are in /etc/ril.json; everything else is asked of it with ubus or celmux.\n";
     if (strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0)
         return fputs(USAGE, stdout) < 0;
     if (strcmp(argument, "--version") == 0)

@@ -16,6 +16,7 @@
 #include "request.h"
 #include "sku_profile.h"
 #include "uci_access.h"
+#include "waiting.h"
 
 constexpr int TRIES = 3;
 constexpr int32_t DATA_CONTEXT = 1;

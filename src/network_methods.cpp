@@ -8,7 +8,9 @@
 #include "at_misc.h"
 #include "at_rat.h"
 #include "at_text.h"
+#include "link.h"
 #include "request.h"
+#include "result.h"
 
 int handle_get_operator_info(HANDLER_ARGUMENTS)
 {

@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "celmux.h"
 #include "waiting.h"
 
 constexpr useconds_t SPIN_US = 10;
@@ -134,7 +133,8 @@ static void *take_for(const Ring &ring, uint32_t timeout_ms, bool end_when_woken
         if (element)
             return element;
         int64_t left = deadline - monotonic_ms();
-        // Between the reading of the event and the sleep: a stop that moved the event before it was read would be missed.
+        // Between the reading of the event and the sleep: a stop that moved the event before it was read would be
+        // missed.
         if (left <= 0 || running.load() == 0)
             return nullptr;
         ring.event_waiters->fetch_add(1);

@@ -1,4 +1,5 @@
 #include "query_methods.h"
+#include "result.h"
 
 #include <cstring>
 

@@ -9,10 +9,10 @@
 
 #include "at_mask.h"
 #include "call_limit.h"
-#include "celmux.h"
 #include "link.h"
 #include "link_text.h"
 #include "log.h"
+#include "queues.h"
 #include "waiting.h"
 
 constexpr uint32_t TIMEOUT_MAX_MS = 600000; // a caller's mistake must not hold everybody up for weeks

@@ -5,12 +5,13 @@
 #include <pthread.h>
 
 #include "at_text.h"
-#include "celmux.h"
 #include "config.h"
+#include "indications.h"
 #include "link.h"
 #include "log.h"
 #include "modem_init.h"
 #include "port.h"
+#include "queues.h"
 #include "request.h"
 #include "resp_processor.h"
 #include "shell.h"
@@ -23,6 +24,8 @@ constexpr uint32_t IDLE_CEILING_MS = 60000; // a message, a connection attempt a
 constexpr uint32_t SHORT_PAUSE_MS = 100;
 constexpr int64_t ADDRESS_CHECK_MS = 10000;
 constexpr int64_t WATCH_LIMIT_MS = 120000; // a context that is never reported must not keep messages unread for ever
+
+std::atomic<uint8_t> g_connecting{0};
 
 // connect_mutex protects the two below and makes ending a watch and beginning the next one exclude each other.
 static pthread_mutex_t connect_mutex = PTHREAD_MUTEX_INITIALIZER;

@@ -2,10 +2,14 @@
 // routine and reads the messages that the modem announces.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 
 #include "message_fetch.h"
+
+// A data connection is being set up (wanmd_enable). Written by this unit alone, read by any thread.
+extern std::atomic<uint8_t> g_connecting;
 
 // Thread function.
 void *requester(void *);

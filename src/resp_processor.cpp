@@ -11,6 +11,7 @@
 #include "indications.h"
 #include "link.h"
 #include "log.h"
+#include "queues.h"
 #include "waiting.h"
 
 constexpr uint32_t IDLE_MS = 60000; // a push wakes the thread at once

@@ -10,7 +10,6 @@ extern "C" {
 }
 
 #include "calls.h"
-#include "celmux.h"
 #include "log.h"
 
 void *ubus_handler(void *);

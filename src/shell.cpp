@@ -19,7 +19,6 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
-#include "celmux.h"
 #include "log.h"
 #include "waiting.h"
 

@@ -4,6 +4,7 @@
 #include "at_rat.h"
 #include "at_text.h"
 #include "cell_figures.h"
+#include "result.h"
 
 int handle_get_rssi(HANDLER_ARGUMENTS)
 {

@@ -2,6 +2,7 @@
 
 #include "at_sim.h"
 #include "at_text.h"
+#include "result.h"
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
 {

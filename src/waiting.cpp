@@ -1,5 +1,5 @@
-// Sleeps on a word (futex) rather than on a condition variable or a semaphore: their time-outs follow the realtime clock with some C
-// libraries, and a router sets that clock while the daemon runs.
+// Sleeps on a word (futex) rather than on a condition variable or a semaphore: their time-outs follow the realtime
+// clock with some C libraries, and a router sets that clock while the daemon runs.
 
 #include "waiting.h"
 
@@ -10,11 +10,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "celmux.h"
+std::atomic<uint8_t> running{1};
+std::atomic<uint8_t> t_processor_ready{0};
+std::atomic<uint8_t> t_listener_ready{0};
+std::atomic<uint8_t> t_sender_ready{0};
+std::atomic<uint8_t> t_requester_ready{0};
 
 static int stop_fd = -1;
-static std::atomic<uint32_t> stop_word{0};  // moves once, in stop_all
-static std::atomic<uint32_t> ready_word{0}; // moves with every ready flag, and in stop_all
+static std::atomic<uint32_t> stop_word{0};  // moves once, in end_sleeps
+static std::atomic<uint32_t> ready_word{0}; // moves with every ready flag, and in end_sleeps
 
 // The layout that SYS_futex takes: two machine words, whatever the width of time_t.
 struct FutexTime {
@@ -58,7 +62,7 @@ int stop_event_fd()
     return stop_fd;
 }
 
-void stop_all()
+void end_sleeps()
 {
     running.store(0);
     uint64_t one = 1;
@@ -69,8 +73,6 @@ void stop_all()
         word->fetch_add(1);
         wake_word(word);
     }
-    for (PoolQueue *queue : {&at_tx_queue, &at_rx_queue, &resp_queue, &incomming_sms_queue})
-        pool_queue_wake(queue);
 }
 
 bool sleep_while_running(uint32_t ms)

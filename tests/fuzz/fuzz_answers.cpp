@@ -11,7 +11,6 @@
 #include "at_packet.h"
 #include "at_query.h"
 #include "at_text.h"
-#include "celmux.h"
 #include "fake_clock.h"
 #include "fake_modem_link.h"
 #include "fake_shell.h"

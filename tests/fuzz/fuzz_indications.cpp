@@ -20,8 +20,6 @@ void *resp_processor(void *)
     return nullptr;
 }
 
-void end_scan() {}
-
 int sms_index_enqueue(int32_t)
 {
     return 0;

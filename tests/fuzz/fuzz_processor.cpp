@@ -8,19 +8,25 @@
 
 #include <cjson/cJSON.h>
 
-#include "celmux.h"
 #include "config.h"
 #include "fake_files.h"
 #include "fake_shell.h"
 #include "final_results.h"
 #include "link.h"
 #include "message_store.h"
+#include "queues.h"
 #include "request.h"
 #include "resp_processor.h"
 #include "uci_access.h"
 #include "waiting.h"
 
 static int64_t now_ms = 1000000;
+
+std::atomic<uint8_t> running{1};
+std::atomic<uint8_t> t_processor_ready{0};
+std::atomic<uint8_t> t_listener_ready{0};
+std::atomic<uint8_t> t_sender_ready{0};
+std::atomic<uint8_t> t_requester_ready{0};
 
 int64_t monotonic_ms()
 {
@@ -48,7 +54,7 @@ bool sleep_while_running(uint32_t ms)
 
 void set_ready(std::atomic<uint8_t> *) {}
 
-void stop_all() {}
+void end_sleeps() {}
 
 int stop_event_fd()
 {

@@ -1,9 +1,15 @@
 #include "fake_clock.h"
 
-#include "celmux.h"
+#include "queues.h"
 #include "waiting.h"
 
 FakeClock fake_clock;
+
+std::atomic<uint8_t> running{1};
+std::atomic<uint8_t> t_processor_ready{0};
+std::atomic<uint8_t> t_listener_ready{0};
+std::atomic<uint8_t> t_sender_ready{0};
+std::atomic<uint8_t> t_requester_ready{0};
 
 void FakeClock::reset()
 {
@@ -30,7 +36,7 @@ void wait_word(std::atomic<uint32_t> *, uint32_t, uint32_t timeout_ms)
 
 void wake_word(std::atomic<uint32_t> *) {}
 
-void stop_all()
+void end_sleeps()
 {
     running.store(0);
 }

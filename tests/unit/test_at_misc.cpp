@@ -7,6 +7,7 @@
 
 #include "fake_clock.h"
 #include "fake_modem_link.h"
+#include "waiting.h"
 
 using Answer = FakeLink::Answer;
 using Strings = std::vector<std::string>;

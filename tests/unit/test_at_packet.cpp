@@ -11,6 +11,7 @@
 #include "fake_wanmd.h"
 #include "log.h"
 #include "profile_store.h"
+#include "waiting.h"
 
 using Answer = FakeLink::Answer;
 using Strings = std::vector<std::string>;

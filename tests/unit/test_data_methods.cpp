@@ -7,11 +7,12 @@
 
 #include "captured_log.h"
 #include "captured_reply.h"
-#include "celmux.h"
 #include "fake_clock.h"
 #include "fake_modem_link.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
+#include "queues.h"
+#include "requester.h"
 
 using Strings = std::vector<std::string>;
 

@@ -5,10 +5,10 @@
 #include <syslog.h>
 
 #include "captured_log.h"
-#include "celmux.h"
 #include "fake_files.h"
 #include "fake_modem_link.h"
 #include "fake_shell.h"
+#include "link.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
 #include "uci_access.h"

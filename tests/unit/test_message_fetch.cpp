@@ -7,15 +7,17 @@
 #include <syslog.h>
 
 #include "captured_log.h"
-#include "celmux.h"
 #include "config.h"
 #include "fake_clock.h"
 #include "fake_files.h"
 #include "fake_modem_link.h"
+#include "link.h"
 #include "message_unreadable.h"
+#include "queues.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
 #include "uci_access.h"
+#include "waiting.h"
 
 using Lines = std::vector<std::string>;
 using Places = std::vector<int>;

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "captured_log.h"
-#include "celmux.h"
 #include "config.h"
 #include "fake_clock.h"
 #include "fake_modem_link.h"
@@ -21,6 +20,7 @@
 #include "log.h"
 #include "sku_profile.h"
 #include "uci_access.h"
+#include "waiting.h"
 
 using Answer = FakeLink::Answer;
 using Strings = std::vector<std::string>;

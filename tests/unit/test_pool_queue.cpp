@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "celmux.h"
 #include "pool_queue.h"
+#include "queues.h"
 #include "waiting.h"
 
 namespace {

@@ -26,6 +26,7 @@ extern "C" {
 #include "fake_wanmd.h"
 #include "profile_methods.h"
 #include "uci_access.h"
+#include "waiting.h"
 
 using Strings = std::vector<std::string>;
 

@@ -8,16 +8,19 @@
 #include <gtest/gtest.h>
 
 #include "captured_log.h"
-#include "celmux.h"
 #include "config.h"
 #include "fake_clock.h"
 #include "fake_modem_link.h"
 #include "fake_port.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
+#include "indications.h"
+#include "link.h"
 #include "log.h"
 #include "modem_init.h"
+#include "queues.h"
 #include "resp_processor.h"
+#include "waiting.h"
 
 using Answer = FakeLink::Answer;
 using Strings = std::vector<std::string>;
@@ -25,6 +28,8 @@ using Strings = std::vector<std::string>;
 // What the requester needs of the units that it does not test: the messages, the response processor, the
 // initialisation.
 std::atomic<uint8_t> g_sms_sweep{0};
+std::atomic<uint8_t> ip_family_updated{0};
+std::atomic<int32_t> g_ip_family{-1};
 static std::vector<int32_t> fetched;
 static int routines, listings, listings_due;
 static int modem_runs, modem_result, pre_execute_runs, pre_execute_result;

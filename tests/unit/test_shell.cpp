@@ -9,7 +9,6 @@ extern "C" {
 }
 
 #include "captured_log.h"
-#include "celmux.h"
 #include "shell.h"
 #include "waiting.h"
 
