@@ -12,7 +12,7 @@ extern "C" {
 #include <libubus.h>
 }
 
-#include "result_text.h"
+#include "command.h"
 
 constexpr int WAIT_SLICE_MS = 500; // a signal that comes just before a wait begins is seen after it
 
@@ -188,13 +188,6 @@ bool bus_at_command(const char *command, Reply &reply, int modem_timeout_ms)
     if (reply.result == REFUSED)
         reply.result = NO_ANSWER;
     return reply.done();
-}
-
-int bus_do(const char *method, const CallArguments *arguments, const char *what, int timeout_ms)
-{
-    Reply reply;
-    (void)bus_call(method, arguments, reply, timeout_ms); // explain() looks at the reply
-    return explain(what, reply);
 }
 
 static void on_event(ubus_context *, ubus_event_handler *, const char *type, blob_attr *message)

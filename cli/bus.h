@@ -62,10 +62,6 @@ bool bus_call_within(const char *method, const CallArguments *arguments, Reply &
 // is busy or silent, becomes 65537.
 bool bus_at_command(const char *command, Reply &reply, int modem_timeout_ms = 3000);
 
-// Calls and, unless it is done, explains on standard error what was not: "celmux: <what>: <why>". Returns the exit
-// status. For setters that have nothing to show.
-int bus_do(const char *method, const CallArguments *arguments, const char *what, int timeout_ms = CALL_TIMEOUT_MS);
-
 // Tells of one event; true ends the wait.
 using EventHandler = bool (*)(const char *type, blob_attr *message, void *priv);
 

@@ -86,3 +86,10 @@ int explain(const char *what, const Reply &reply)
     ExitCode code = describe_failure(reply, why, sizeof(why));
     return fail(code, "%s%s%s", what ? what : "", what ? ": " : "", why);
 }
+
+int bus_do(const char *method, const CallArguments *arguments, const char *what, int timeout_ms)
+{
+    Reply reply;
+    (void)bus_call(method, arguments, reply, timeout_ms); // explain() looks at the reply
+    return explain(what, reply);
+}

@@ -10,3 +10,7 @@ int explain(const char *what, const Reply &reply);
 
 // The same without printing: writes why into `text`, at most `size` bytes with the terminating zero.
 ExitCode describe_failure(const Reply &reply, char *text, size_t size);
+
+// Calls and, unless it is done, explains on standard error what was not: "celmux: <what>: <why>". Returns the exit
+// status. For setters that have nothing to show.
+int bus_do(const char *method, const CallArguments *arguments, const char *what, int timeout_ms = CALL_TIMEOUT_MS);

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "config.h"
+#include "files.h"
 #include "link.h"
 #include "log.h"
 #include "port.h"

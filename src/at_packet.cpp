@@ -3,9 +3,9 @@
 #include <cctype>
 #include <cstring>
 
+#include "apn_profile.h"
 #include "at_text.h"
 #include "log.h"
-#include "profile_store.h"
 #include "result.h"
 #include "shell.h"
 #include "waiting.h"

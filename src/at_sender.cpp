@@ -12,6 +12,7 @@
 
 #include "at_mask.h"
 #include "config.h"
+#include "files.h"
 #include "link.h"
 #include "log.h"
 #include "port.h"

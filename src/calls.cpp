@@ -17,9 +17,9 @@ extern "C" {
 
 #include "call_limit.h"
 #include "link.h"
-#include "method_table.h"
+#include "log.h"
+#include "reply.h"
 #include "result.h"
-#include "service.h"
 #include "waiting.h"
 
 constexpr size_t MOST_WAITING_BYTES = 2u << 20; // of arguments; one message has up to half of that
@@ -66,7 +66,6 @@ static bool worker_started;
 
 // What the calling thread is at.
 static thread_local const MethodRow *arriving; // a call has come and may be put aside
-static thread_local Call *carried_out;         // the worker's call
 
 struct CallsLock {
     CallsLock()
@@ -81,35 +80,14 @@ struct CallsLock {
     CallsLock &operator=(const CallsLock &) = delete;
 };
 
-bool worker_takes_reply()
+int serve_call(const MethodRow &row, struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+               struct blob_attr *msg)
 {
-    if (!carried_out)
-        return false;
-    blob_buf_free(&carried_out->reply);
-    carried_out->reply = g_reply_buf;
-    g_reply_buf = {};
-    return true;
-}
-
-static const MethodRow *row_of(const char *method)
-{
-    for (const MethodRow &row : method_rows) {
-        if (strcmp(row.name, method) == 0)
-            return &row;
-    }
-    return nullptr;
-}
-
-int serve_call(HANDLER_ARGUMENTS)
-{
-    const MethodRow *row = row_of(method);
-    if (!row)
-        return UBUS_STATUS_METHOD_NOT_FOUND;
-    const char *name = row->log_name ? row->log_name : row->name;
+    const char *name = row.log_name ? row.log_name : row.name;
     CELMUX_LOG(LOG_INFO, "%s enter", name, name);
-    arriving = row;
-    bool aside = row->kind == Kind::query && call_waits(ctx, req, msg);
-    int status = aside ? static_cast<int>(UBUS_STATUS_OK) : row->handler(ctx, obj, req, method, msg);
+    arriving = &row;
+    bool aside = row.kind == Kind::query && call_waits(ctx, req, msg);
+    int status = aside ? static_cast<int>(UBUS_STATUS_OK) : row.handler(ctx, obj, req, row.name, msg);
     arriving = nullptr;
     limit_requests(NO_CALL_LIMIT);
     return status;
@@ -239,10 +217,10 @@ static Call *take_call()
 
 static void carry_out(Call *call)
 {
-    carried_out = call;
+    keep_replies(&call->reply);
     limit_requests(call->row->kind == Kind::set_up ? NO_CALL_LIMIT : call->came_ms + call->own_ms);
     call->status = call->row->handler(nullptr, nullptr, nullptr, call->row->name, call->msg);
-    carried_out = nullptr;
+    keep_replies(nullptr);
     {
         CallsLock lock;
         for (Call &other : calls) {

@@ -5,23 +5,13 @@
 
 #include <cstdint>
 
-extern "C" {
-#include <libubus.h>
-}
+#include "method_row.h"
 
 constexpr unsigned MOST_WAITING_CALLS = 64;
 
-// What stands in the way of a method's answer.
-enum class Kind : uint8_t {
-    quick,  // nothing but memory and files: answered by the bus thread at once
-    query,  // the modem; changes nothing and has no arguments, so that callers who wait together share one answer
-    modem,  // the modem
-    set_up, // scripts or settings beside the modem: never begun once its time is over
-};
-
-// The handler of every method on the bus: logs the call and runs the row's own handler, which for all but quick methods
-// puts the call aside by call_waits and is run again by the worker when the call's turn comes.
-int serve_call(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req, const char *method,
+// A call of the row's method has come: logs it and runs the row's handler, which for all but quick methods puts the
+// call aside by call_waits and is run again by the worker when the call's turn comes. Returns the bus status.
+int serve_call(const MethodRow &row, struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
                struct blob_attr *msg);
 
 constexpr uint32_t CALL_TIMEOUT_MS = 3000;
@@ -33,9 +23,6 @@ constexpr uint32_t CALLER_PATIENCE_MS = 30000; // the bus's default
 // `own_ms` is how long it waits while the modem is silent, `patience_ms` while the modem works.
 bool call_waits(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg,
                 uint32_t own_ms = CALL_TIMEOUT_MS, uint32_t patience_ms = CALLER_PATIENCE_MS);
-
-// Takes over the reply in g_reply_buf when the calling thread is the worker: true. False on the bus thread.
-bool worker_takes_reply();
 
 // The rest is the bus thread's. The loop is there (uloop_init). 0, or -1 when the worker cannot be started.
 int start_calls(struct ubus_context *ctx);

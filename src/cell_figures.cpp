@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "at_text.h"
+#include "text_cut.h"
 
 static void write_dbm(Figure &text, int value)
 {

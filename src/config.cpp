@@ -13,8 +13,8 @@
 #include <cjson/cJSON.h>
 
 #include "at_mask.h"
+#include "files.h"
 #include "log.h"
-#include "port.h"
 
 constexpr uint32_t BURST_GAP_MAX_MS = 1000;
 constexpr long CONFIG_SIZE_MAX = 1 << 20; // a configuration is a page; a megabyte is something else
@@ -106,8 +106,7 @@ static int parse_serial(const cJSON *settings)
     if (cJSON_IsString(item)) {
         int index = index_of(item->valuestring, parities, 5, false);
         if (index < 0) {
-            CELMUX_LOG(LOG_ERR,
-                       "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
+            CELMUX_LOG(LOG_ERR, "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
                        "parse_settings", item->valuestring);
             return -1;
         }

@@ -2,6 +2,7 @@
 
 #include "at_misc.h"
 #include "at_packet.h"
+#include "calls.h"
 #include "requester.h"
 #include "result.h"
 #include "uci_access.h"

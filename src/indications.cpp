@@ -5,13 +5,13 @@
 #include <cstring>
 
 #include "at_mask.h"
-#include "at_text.h"
 #include "link.h"
 #include "log.h"
 #include "message_fetch.h"
+#include "message_index.h"
 #include "request.h"
-#include "resp_processor.h"
 #include "shell.h"
+#include "text_cut.h"
 
 constexpr int32_t LTE = 7; // access technology of 3GPP TS 27.007 7.3; higher ones are NR
 constexpr unsigned MOST_OPERATORS = 64;

@@ -1,11 +1,12 @@
 // Bytes become lines; reports are given out at once, prompts and final result codes are acted on.
 
+#include "link_machine.h"
 #include "link_parts.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "at_text.h"
+#include "text_cut.h"
 
 // Takes the text that has come, up to the end of the last complete line, out of the machine. Null without memory.
 char *take_text(LinkMachine *m)

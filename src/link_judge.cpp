@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "at_mask.h"
-#include "at_text.h"
 #include "log.h"
+#include "text_cut.h"
 
 // What the lines of an answer tell.
 struct Traits {

@@ -1,5 +1,6 @@
 // Callers, the port and time. What has come is judged in link_judge.cpp; link_parts.h names the parts.
 
+#include "link_machine.h"
 #include "link_parts.h"
 
 #include <cstdlib>

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "link_machine.h"
+#include "link_state.h"
 
 constexpr int64_t MS = 1000;                // times are in microseconds
 constexpr int64_t MARK_RENEWAL = 1000 * MS; // a mark without an answer is sent again

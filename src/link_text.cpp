@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "at_text.h"
 #include "final_results.h"
+#include "text_cut.h"
 
 // Results of commands that set a connection up; for all other commands they are reports.
 static constexpr std::string_view DIAL_RESULTS[] = {"NO CARRIER", "NO ANSWER", "NO DIALTONE", "BUSY", "CONNECT"};

@@ -12,6 +12,7 @@
 #include "at_listener.h"
 #include "at_sender.h"
 #include "config.h"
+#include "files.h"
 #include "final_results.h"
 #include "link.h"
 #include "log.h"

@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "at_text.h"
+#include "text_cut.h"
 
 constexpr std::string_view READ_HEADER = "+CMGR:";
 constexpr std::string_view LIST_HEADER = "+CMGL:";

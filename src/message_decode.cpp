@@ -9,7 +9,7 @@ extern "C" {
 #include <cjson/cJSON.h>
 }
 
-#include "at_text.h"
+#include "text_cut.h"
 
 constexpr size_t LONGEST_LINE = 4096;        // twenty times what a PDU takes
 constexpr size_t USER_DATA_ROOM = 32 * 1024; // some libraries write text rather than the octets

@@ -1,7 +1,7 @@
 // The message file: its record format (docs/message-file.md), reading and writing. The caller holds the array's mutex.
 #pragma once
 
-#include "message_store.h"
+#include "message_array.h"
 
 constexpr uint8_t MESSAGE_FILE_MAGIC[4] = {0xAB, 0xCD, 0xEF, 0x00};
 

@@ -1,8 +1,8 @@
 // The older form of the message store: the JSON text of an array of message objects.
 #pragma once
 
+#include "message_array.h"
 #include "message_reader.h"
-#include "message_store.h"
 
 // Replaces the array's messages by those of the text. A text that is not valid JSON or no array gives an empty array;
 // an element that is not a message is left out. Each of these is printed and sets *intact to false. Returns false when

@@ -4,9 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "at_text.h"
 #include "log.h"
-#include "message_store.h"
+#include "text_cut.h"
 
 // The fields as a restart would bring them back from the file, so that a message compares equal before and after one.
 static MessageFields fields_of(const DecodedMessage *message)

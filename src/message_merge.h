@@ -1,8 +1,8 @@
 // Adding received messages to the store: duplicates are dropped, the parts of long messages joined.
 #pragma once
 
+#include "message_array.h"
 #include "message_decode.h"
-#include "message_store.h"
 
 enum class AddResult {
     added,     // the unread flag is to be set

@@ -5,6 +5,8 @@
 
 #include <sms.h>
 
+#include "calls.h"
+#include "log.h"
 #include "request.h"
 
 enum { SEND_DEST, SEND_TYPE, SEND_CONTENT, SEND_ARGUMENTS };

@@ -2,7 +2,7 @@
 // AT+CMGS. Runs on the ubus thread.
 #pragma once
 
-#include "service.h"
+#include "reply.h"
 
 int handle_send_message(HANDLER_ARGUMENTS);
 

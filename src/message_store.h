@@ -6,59 +6,12 @@
 #include <cstdint>
 #include <pthread.h>
 
-#include "file_ops.h"
-#include "message_record.h"
+#include "message_array.h"
 
 struct blob_buf;
 
 constexpr const char *MESSAGE_FILE = "/data/in_messages";
 constexpr const char *LEGACY_MESSAGE_FILE = "/data/messages.json";
-
-// A full store refuses further messages, which then stay on the SIM.
-constexpr uint32_t MOST_MESSAGES = 20000;
-constexpr size_t MOST_MESSAGE_BYTES = 8u << 20;
-
-// How much of the array the file holds already.
-struct MessageFileState {
-    bool current; // the first `count` messages, as they stand, are the whole file
-    uint32_t count;
-    FileIdentity identity; // of the file written or read last; all 0 before that
-};
-
-struct MessageArray {
-    StoredMessage **items; // in order of arrival; a client's index is the position plus one
-    uint32_t count;
-    uint32_t capacity;
-    size_t bytes; // of all records
-    bool present; // false before the file is loaded and after the store is freed
-    bool closed;  // freed: nothing is loaded any more
-    MessageFileState file;
-};
-
-extern MessageArray message_array; // guarded by message_array_mutex
-extern pthread_mutex_t message_array_mutex;
-
-struct MessageArrayLock {
-    MessageArrayLock()
-    {
-        pthread_mutex_lock(&message_array_mutex);
-    }
-    ~MessageArrayLock()
-    {
-        pthread_mutex_unlock(&message_array_mutex);
-    }
-    MessageArrayLock(const MessageArrayLock &) = delete;
-    MessageArrayLock &operator=(const MessageArrayLock &) = delete;
-};
-
-// The caller holds the mutex of these; array_append takes the message over when it returns 0, -1 means full or no
-// memory.
-int array_append(MessageArray *array, StoredMessage *message);
-void array_remove(MessageArray *array, uint32_t position);
-// Puts `message` in the place of the one at `position`, which is freed.
-void array_replace(MessageArray *array, uint32_t position, StoredMessage *message);
-void array_clear(MessageArray *array); // leaves it present and empty
-void array_free(MessageArray *array);  // leaves it as before a load
 
 // Loads and saves once at start, by main: the message file, then the older JSON file, which is moved into it and
 // removed.
@@ -93,8 +46,8 @@ void delete_messages(const int32_t *indexes, uint32_t count);
 void delete_all_messages();
 
 // Adds the array "messages" to a reply that is empty so far. When it would be larger than a bus message, the newest
-// messages that fit are listed, "truncated" (true) is added, and one log line says so. 0; -1 with nothing added without a
-// store or memory.
+// messages that fit are listed, "truncated" (true) is added, and one log line says so. 0; -1 with nothing added without
+// a store or memory.
 int list_messages(struct blob_buf *reply);
 // Adds the fields of one message to an empty reply. 0; -1 with nothing added when there is no such message or it does
 // not fit into a bus message.

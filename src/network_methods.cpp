@@ -8,7 +8,9 @@
 #include "at_misc.h"
 #include "at_rat.h"
 #include "at_text.h"
+#include "calls.h"
 #include "link.h"
+#include "log.h"
 #include "request.h"
 #include "result.h"
 

@@ -1,4 +1,5 @@
 #include "port.h"
+#include "files.h"
 
 #include <atomic>
 #include <cerrno>
@@ -29,8 +30,8 @@ static std::atomic<int> reader_fd{-1}, writer_fd{-1};
 static std::atomic<int> claimed_fd{-1}; // opened by claim_port, for the reader's first open
 static std::atomic<uint8_t> claim_kept{0};
 
-// A pseudo-terminal keeps the mark when all its users are gone, also killed ones, and then only root can open it: it has
-// to do with the lock of the file.
+// A pseudo-terminal keeps the mark when all its users are gone, also killed ones, and then only root can open it: it
+// has to do with the lock of the file.
 static bool is_pseudo_terminal(int fd)
 {
     constexpr unsigned FIRST_MAJOR = 136, LAST_MAJOR = 143;
@@ -167,12 +168,36 @@ static bool speed_constant(uint32_t speed, speed_t *constant)
         uint32_t speed;
         speed_t constant;
     } speeds[] = {
-        {0, B0},           {50, B50},           {75, B75},           {110, B110},         {134, B134},
-        {150, B150},       {200, B200},         {300, B300},         {600, B600},         {1200, B1200},
-        {1800, B1800},     {2400, B2400},       {4800, B4800},       {9600, B9600},       {19200, B19200},
-        {38400, B38400},   {57600, B57600},     {115200, B115200},   {230400, B230400},   {460800, B460800},
-        {500000, B500000}, {576000, B576000},   {921600, B921600},   {1000000, B1000000}, {1152000, B1152000},
-        {1500000, B1500000}, {2000000, B2000000}, {2500000, B2500000}, {3000000, B3000000}, {3500000, B3500000},
+        {0, B0},
+        {50, B50},
+        {75, B75},
+        {110, B110},
+        {134, B134},
+        {150, B150},
+        {200, B200},
+        {300, B300},
+        {600, B600},
+        {1200, B1200},
+        {1800, B1800},
+        {2400, B2400},
+        {4800, B4800},
+        {9600, B9600},
+        {19200, B19200},
+        {38400, B38400},
+        {57600, B57600},
+        {115200, B115200},
+        {230400, B230400},
+        {460800, B460800},
+        {500000, B500000},
+        {576000, B576000},
+        {921600, B921600},
+        {1000000, B1000000},
+        {1152000, B1152000},
+        {1500000, B1500000},
+        {2000000, B2000000},
+        {2500000, B2500000},
+        {3000000, B3000000},
+        {3500000, B3500000},
         {4000000, B4000000},
     };
     for (const auto &row : speeds) {
@@ -206,11 +231,11 @@ static int set_frame(termios *line, const Settings *settings)
         tcflag_t clear;
         tcflag_t set;
     } parities[] = {
-        {PARENB | PARODD, 0},           // none
-        {PARODD, PARENB},               // even
-        {0, PARENB | PARODD},           // odd
-        {0, PARENB | PARODD | CMSPAR},  // mark
-        {PARODD, PARENB | CMSPAR},      // space
+        {PARENB | PARODD, 0},          // none
+        {PARODD, PARENB},              // even
+        {0, PARENB | PARODD},          // odd
+        {0, PARENB | PARODD | CMSPAR}, // mark
+        {PARODD, PARENB | CMSPAR},     // space
     };
     line->c_iflag &= ~static_cast<tcflag_t>(INPCK | ISTRIP);
     if (settings->serial_parity >= sizeof parities / sizeof parities[0]) {
@@ -270,73 +295,4 @@ int config_serial_port(int fd, const Settings *settings)
         return -1;
     }
     return 0;
-}
-
-char *read_file(const char *path, const char *mode)
-{
-    if (!file_exists(path)) {
-        log_info("\"%s\" not exist.", path);
-        return nullptr;
-    }
-    FILE *file = fopen(path, mode);
-    if (!file) {
-        log_error("open \"%s\" failed: %d, %s", path, errno, strerror(errno));
-        return nullptr;
-    }
-    char *text = nullptr;
-    long size = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
-    if (size >= 0 && size < INT32_MAX && fseek(file, 0, SEEK_SET) == 0)
-        text = static_cast<char *>(malloc(static_cast<size_t>(size) + 1));
-    if (text)
-        text[fread(text, 1, static_cast<size_t>(size), file)] = '\0';
-    else
-        log_error("malloc failed.");
-    fclose(file);
-    return text;
-}
-
-int file_exists(const char *path)
-{
-    return access(path, F_OK) == 0;
-}
-
-int entry_exists(const char *path)
-{
-    struct stat entry;
-    return lstat(path, &entry) == 0;
-}
-
-bool read_link(const char *path, char *target, size_t size)
-{
-    ssize_t length = readlink(path, target, size - 1);
-    if (length < 0)
-        return false;
-    target[length] = '\0';
-    return true;
-}
-
-void ms_to_timespec(timespec *out, double ms)
-{
-    out->tv_sec = static_cast<time_t>(ms / 1000);
-    out->tv_nsec = static_cast<long>((ms - static_cast<double>(out->tv_sec) * 1000) * 1000000);
-}
-
-void timespec_diff(const timespec *start, const timespec *end, timespec *out)
-{
-    out->tv_sec = end->tv_sec - start->tv_sec;
-    out->tv_nsec = end->tv_nsec - start->tv_nsec;
-    if (out->tv_sec > 0 && out->tv_nsec < 0) {
-        out->tv_sec--;
-        out->tv_nsec += 1000000000;
-    } else if (out->tv_sec < 0 && out->tv_nsec > 0) {
-        out->tv_sec++;
-        out->tv_nsec -= 1000000000;
-    }
-}
-
-int timespec_before(const timespec *a, const timespec *b)
-{
-    if (a->tv_sec != b->tv_sec)
-        return a->tv_sec < b->tv_sec;
-    return a->tv_nsec < b->tv_nsec;
 }

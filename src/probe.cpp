@@ -15,10 +15,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "at_text.h"
 #include "config.h"
+#include "files.h"
 #include "log.h"
 #include "port.h"
+#include "text_cut.h"
 #include "waiting.h"
 
 constexpr size_t ANSWERS_MAX = 511;

@@ -1,5 +1,7 @@
 #include "profile_methods.h"
 
+#include "calls.h"
+#include "log.h"
 #include "profile_store.h"
 #include "waiting.h"
 

@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "at_packet.h"
-#include "at_text.h"
 #include "log.h"
 #include "shell.h"
+#include "text_cut.h"
 #include "uci_access.h"
 
 constexpr const char *PACKAGE = "profiles";

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "at_query.h"
-#include "service.h"
+#include "reply.h"
 
 constexpr size_t QUERY_TEXT_MAX = 1024;
 

@@ -6,21 +6,15 @@
 #include <cstring>
 
 #include "at_mask.h"
-#include "at_text.h"
 #include "final_results.h"
 #include "indications.h"
 #include "link.h"
 #include "log.h"
 #include "queues.h"
+#include "text_cut.h"
 #include "waiting.h"
 
 constexpr uint32_t IDLE_MS = 60000; // a push wakes the thread at once
-constexpr int64_t NO_INDEX = 0;
-constexpr unsigned PENDING_MAX = 128; // as many as incomming_sms_queue holds
-
-std::atomic<uint8_t> g_sms_sweep{0};
-// Indexes that wait in incomming_sms_queue, each plus 1: filled by this thread, emptied by the requester.
-static std::atomic<int64_t> pending_indexes[PENDING_MAX];
 
 // Passes an answer on to its caller; takes the text over. When the queue is full its oldest answer makes room.
 static void resp_enqueue(const TextElem *element)
@@ -40,44 +34,6 @@ static void resp_enqueue(const TextElem *element)
     }
     *answer = *element;
     pool_queue_push(&resp_queue, answer);
-}
-
-static std::atomic<int64_t> *pending_slot(int64_t wanted)
-{
-    for (std::atomic<int64_t> &slot : pending_indexes) {
-        if (slot.load() == wanted)
-            return &slot;
-    }
-    return nullptr;
-}
-
-int sms_index_enqueue(int32_t index)
-{
-    if (index < 0) {
-        log_error("message index %d ignored", index);
-        return -1;
-    }
-    int64_t marked = static_cast<int64_t>(index) + 1;
-    if (pending_slot(marked))
-        return 0;
-    std::atomic<int64_t> *slot = pending_slot(NO_INDEX);
-    int32_t *element = slot ? static_cast<int32_t *>(pool_queue_try_alloc(&incomming_sms_queue)) : nullptr;
-    if (!element) {
-        log_error("failed to alloc sms_index");
-        g_sms_sweep.store(1);
-        return -1;
-    }
-    slot->store(marked);
-    *element = index;
-    pool_queue_push(&incomming_sms_queue, element);
-    return 0;
-}
-
-void sms_index_done(int32_t index)
-{
-    std::atomic<int64_t> *slot = pending_slot(static_cast<int64_t>(index) + 1);
-    if (slot)
-        slot->store(NO_INDEX);
 }
 
 // A modem that says so after a silence has started, and may not answer what it was asked before.

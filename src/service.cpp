@@ -13,6 +13,8 @@ extern "C" {
 #include <libubox/uloop.h>
 }
 
+#include "calls.h"
+#include "log.h"
 #include "message_store.h"
 #include "method_table.h"
 #include "uci_access.h"
@@ -23,8 +25,6 @@ constexpr char FIRST_START_MARKER[] = "/tmp/celmuxd_init";
 constexpr int RECONNECT_MS = 1000;
 constexpr int64_t LEAVING_MS = 500; // what taking leave of the broker may take
 
-constinit thread_local struct blob_buf g_reply_buf = {};
-
 static struct ubus_method methods[METHOD_COUNT];
 static struct ubus_object_type celmux_type;
 static struct ubus_object celmux_object;
@@ -33,51 +33,6 @@ static bool connection_lost;
 static struct uloop_timeout reconnect_timer;
 static struct uloop_fd stop_watch;
 static std::atomic<int64_t> undisturbed_until{0}; // monotonic ms
-
-void reply_begin()
-{
-    blob_buf_init(&g_reply_buf, 0);
-}
-
-// What cannot be added for want of memory is missing from the reply.
-void reply_add_string(const char *name, const char *text)
-{
-    (void)blobmsg_add_string(&g_reply_buf, name, text);
-}
-
-void reply_add_u32(const char *name, uint32_t value)
-{
-    (void)blobmsg_add_u32(&g_reply_buf, name, value);
-}
-
-void reply_add_bool(const char *name, bool value)
-{
-    (void)blobmsg_add_u8(&g_reply_buf, name, value);
-}
-
-int reply_send(struct ubus_context *ctx, struct ubus_request_data *req)
-{
-    if (worker_takes_reply())
-        return UBUS_STATUS_OK;
-    (void)ubus_send_reply(ctx, req, g_reply_buf.head); // a caller that went away, or a lost bus, needs no answer
-    blob_buf_free(&g_reply_buf);
-    g_reply_buf = {};
-    return UBUS_STATUS_OK;
-}
-
-int reply_result(struct ubus_context *ctx, struct ubus_request_data *req, uint32_t result)
-{
-    reply_begin();
-    reply_add_u32("result", result);
-    return reply_send(ctx, req);
-}
-
-void parse_arguments(const struct blobmsg_policy *policy, int count, struct blob_attr *msg, struct blob_attr **fields)
-{
-    memset(fields, 0, static_cast<size_t>(count) * sizeof *fields);
-    if (msg)
-        (void)blobmsg_parse(policy, count, fields, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-}
 
 void sig_handler(int sig)
 {
@@ -150,12 +105,22 @@ static void on_stop(struct uloop_fd *, unsigned)
     uloop_end();
 }
 
+static int serve_method(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,
+                        const char *method, struct blob_attr *msg)
+{
+    for (const MethodRow &row : method_rows) {
+        if (strcmp(row.name, method) == 0)
+            return serve_call(row, ctx, obj, req, msg);
+    }
+    return UBUS_STATUS_METHOD_NOT_FOUND;
+}
+
 static void describe_object()
 {
     for (size_t i = 0; i < METHOD_COUNT; i++) {
         const MethodRow &row = method_rows[i];
         methods[i].name = row.name;
-        methods[i].handler = serve_call;
+        methods[i].handler = serve_method;
         methods[i].policy = row.policy;
         methods[i].n_policy = row.policy_count;
     }

@@ -2,9 +2,9 @@
 
 #include "at_cell.h"
 #include "at_rat.h"
-#include "at_text.h"
 #include "cell_figures.h"
 #include "result.h"
+#include "text_cut.h"
 
 int handle_get_rssi(HANDLER_ARGUMENTS)
 {

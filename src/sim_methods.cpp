@@ -1,8 +1,9 @@
 #include "sim_methods.h"
 
 #include "at_sim.h"
-#include "at_text.h"
+#include "calls.h"
 #include "result.h"
+#include "text_cut.h"
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
 {

@@ -2,7 +2,7 @@
 // status.
 #pragma once
 
-#include "service.h"
+#include "reply.h"
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS);
 int handle_set_sim_lock_status(HANDLER_ARGUMENTS);

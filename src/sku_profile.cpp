@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "files.h"
 #include "log.h"
-#include "port.h"
 #include "shell.h"
 
 constexpr const char *SKU_FILE = "/tmp/sku";

@@ -10,8 +10,8 @@ extern "C" {
 #include <uci.h>
 }
 
-#include "at_text.h"
 #include "shell.h"
+#include "text_cut.h"
 #include "uci_file.h"
 
 constexpr size_t KEY_SIZE = 192;
@@ -287,8 +287,8 @@ int uci_set_autoconnect(uint8_t enable)
     return set | run_shell("uci commit modem");
 }
 
-// Saves what was changed in the session beside the file, where the next commit takes it up; the file, which lies in flash
-// memory, is not written.
+// Saves what was changed in the session beside the file, where the next commit takes it up; the file, which lies in
+// flash memory, is not written.
 static int save_uncommitted(UciSession *session, const char *package)
 {
     Lookup lookup;

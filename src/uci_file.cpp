@@ -16,8 +16,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "at_text.h"
 #include "log.h"
+#include "text_cut.h"
 
 // libuci's error numbers.
 constexpr int OK = 0;

@@ -7,6 +7,7 @@
 
 #include "file_ops.h"
 #include "indications.h"
+#include "message_index.h"
 #include "message_store.h"
 #include "request.h"
 #include "resp_processor.h"

@@ -11,6 +11,7 @@ extern "C" {
 
 #include "fake_files.h"
 #include "message_file.h"
+#include "message_store.h"
 
 static std::string all_records()
 {

@@ -13,6 +13,7 @@
 #include "fake_shell.h"
 #include "final_results.h"
 #include "link.h"
+#include "message_index.h"
 #include "message_store.h"
 #include "queues.h"
 #include "request.h"

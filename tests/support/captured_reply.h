@@ -1,10 +1,10 @@
-// Another body for the service frame: a test calls handlers and reads their replies as JSON. Linking this unit into a
-// test replaces src/service.cpp.
+// A test calls handlers and reads their replies as JSON. Linking this unit into a test replaces src/calls.cpp: no call
+// waits.
 #pragma once
 
 #include <string>
 
-#include "service.h"
+#include "reply.h"
 
 using Handler = int (*)(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *,
                         struct blob_attr *);

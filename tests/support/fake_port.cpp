@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "port.h"
+#include "files.h"
 
 FakePort fake_port;
 

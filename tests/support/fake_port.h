@@ -1,4 +1,4 @@
-// Another body for src/port.cpp: the files that a test names are the only ones there are, and there is no port.
+// Another body for src/files.cpp: the files that a test names are the only ones there are, and there is no port.
 #pragma once
 
 #include <map>

@@ -12,6 +12,7 @@
 #include "fake_shell.h"
 #include "fake_wanmd.h"
 #include "queues.h"
+#include "reply.h"
 #include "requester.h"
 
 using Strings = std::vector<std::string>;

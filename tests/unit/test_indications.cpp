@@ -9,6 +9,7 @@
 #include "fake_modem_link.h"
 #include "fake_shell.h"
 #include "link.h"
+#include "message_index.h"
 #include "resp_processor.h"
 #include "stored_messages.h"
 #include "uci_access.h"

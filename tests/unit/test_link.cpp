@@ -14,13 +14,15 @@
 #include "at_sender.h"
 #include "captured_log.h"
 #include "config.h"
+#include "files.h"
 #include "final_results.h"
 #include "indications.h"
 #include "link.h"
+#include "message_index.h"
+#include "resp_processor.h"
 #include "port.h"
 #include "queues.h"
 #include "request.h"
-#include "resp_processor.h"
 #include "waiting.h"
 
 #include <cjson/cJSON.h>

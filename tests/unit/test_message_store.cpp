@@ -1,3 +1,4 @@
+#include "log.h"
 #include "message_store.h"
 
 #include <algorithm>
@@ -13,6 +14,7 @@ extern "C" {
 #include "fake_files.h"
 #include "fake_shell.h"
 #include "message_methods.h"
+#include "reply.h"
 #include "stored_messages.h"
 
 using Lines = std::vector<std::string>;

@@ -25,6 +25,8 @@ extern "C" {
 #include "fake_shell.h"
 #include "fake_wanmd.h"
 #include "profile_methods.h"
+#include "log.h"
+#include "reply.h"
 #include "uci_access.h"
 #include "waiting.h"
 

@@ -17,9 +17,9 @@
 #include "indications.h"
 #include "link.h"
 #include "log.h"
+#include "message_index.h"
 #include "modem_init.h"
 #include "queues.h"
-#include "resp_processor.h"
 #include "waiting.h"
 
 using Answer = FakeLink::Answer;
