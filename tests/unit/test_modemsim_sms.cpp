@@ -3,49 +3,12 @@
 #include "test_modemsim_rig.h"
 
 #include <cstring>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
 
 using modemsim::Deliver;
 using modemsim::deliver_pdus;
-
-/// A PDU of the corpus with its time zone octet set to 0, as the simulated network sends it.
-std::string without_zone(std::string pdu, size_t digits)
-{
-    // Centre 9 octets, then first octet, the sender's length, type and digits, PID, DCS and six octets of time.
-    size_t zone = (9 + 3 + digits / 2 + 2 + 6) * 2;
-    return pdu.replace(zone, 2, "00");
-}
-
-TEST(SmsDeliver, EncodesAsTheCorpusDoes)
-{
-    std::ifstream file(TEST_DATA_DIR "/pdu-vectors.jsonl");
-    int compared = 0;
-    for (std::string line; std::getline(file, line);) {
-        auto vector = nlohmann::json::parse(line);
-        if (vector["kind"] != "deliver" || !vector["text"].is_string() || !vector["udh"].is_null())
-            continue;
-        std::string pdu = vector["pdu"];
-        // Only the plain form: centre and sender of 12 digits, no flags, default alphabet or UCS-2.
-        std::string id = vector["id"];
-        bool hostile = id.starts_with("esc") || id.starts_with("fmt");
-        std::string coding = pdu.size() < 40 ? "" : pdu.substr(36, 4);
-        if (hostile || !pdu.starts_with("0891947122575555F0040C91947110325476") ||
-            (coding != "0000" && coding != "0008"))
-            continue;
-        Deliver message;
-        message.centre = "+" + vector["smsc"].get<std::string>();
-        message.from = "+" + vector["sender"].get<std::string>();
-        message.time = vector["date"].get<std::string>() + " " + vector["time"].get<std::string>();
-        message.text = vector["text"];
-        message.ucs2 = coding == "0008";
-        EXPECT_EQ(deliver_pdus(message), std::vector{without_zone(pdu, 12)}) << id;
-        compared++;
-    }
-    EXPECT_GE(compared, 10);
-}
 
 TEST(SmsDeliver, CutsLongTextsBetweenCharacters)
 {
@@ -76,14 +39,6 @@ TEST(SmsDeliver, CutsLongTextsBetweenCharacters)
         }
         EXPECT_EQ(lengths, row.lengths) << row.what;
     }
-}
-
-TEST(SmsDeliver, RefusesWhatIsNoMessage)
-{
-    EXPECT_THROW(deliver_pdus({.from = "", .text = "x"}), std::invalid_argument);
-    EXPECT_THROW(deliver_pdus({.from = "twelve chars", .text = "x"}), std::invalid_argument);
-    EXPECT_THROW(deliver_pdus({.from = "+1", .text = "x", .time = "yesterday"}), std::invalid_argument);
-    EXPECT_THROW(deliver_pdus({.from = "+1", .text = std::string(153 * 255 + 1, 'a')}), std::invalid_argument);
 }
 
 TEST(SmsSubmit, DecodesWhatTheHostSends)
@@ -135,33 +90,6 @@ TEST(ModemsimSms, AnnouncesListsReadsAndDeletes)
     EXPECT_EQ(rig.state("/messages/handed_over"), 2);
 }
 
-TEST(ModemsimSms, DeletesByFlag)
-{
-    const std::pair<int, int> rows[] = {
-        {1, 3}, {2, 2}, {3, 1}, {4, 0}}; // flag, what is left of read, sent, unsent, unread
-    for (auto [flag, left] : rows) {
-        Rig rig;
-        auto &store = rig.engine.modem.messages;
-        for (auto status : {modemsim::MessageStatus::read, modemsim::MessageStatus::sent,
-                            modemsim::MessageStatus::unsent, modemsim::MessageStatus::unread})
-            store.write("SM", "00", status);
-        EXPECT_EQ(rig.at("AT+CMGD=0," + std::to_string(flag)), ok);
-        EXPECT_EQ(store.used("SM"), left) << flag;
-    }
-}
-
-TEST(ModemsimSms, HoldsBackWhatDoesNotFit)
-{
-    Rig rig(R"({"modem":{"behaviour":{"sms_capacity":3}}})");
-    rig.ctl("fill leave=1");
-    rig.ctl("sms +49 one");
-    EXPECT_EQ(rig.out, "\r\n+CMTI: \"SM\",3\r\n");
-    rig.ctl("sms +49 two");
-    EXPECT_EQ(rig.state("/messages/waiting"), 1);
-    EXPECT_EQ(rig.at("AT+CMGD=2"), ok + "\r\n+CMTI: \"SM\",2\r\n");
-    EXPECT_EQ(rig.state("/messages/waiting"), 0);
-}
-
 TEST(ModemsimSms, DeliversDirectlyWhereAsked)
 {
     Rig rig;
@@ -171,17 +99,6 @@ TEST(ModemsimSms, DeliversDirectlyWhereAsked)
     EXPECT_EQ(rig.out, "\r\n+CMT: ,24\r\n" + pdu + "\r\n");
     EXPECT_EQ(rig.at("AT+CNMA"), ok);
     EXPECT_EQ(rig.state("/messages/used/SM"), 0);
-}
-
-TEST(ModemsimSms, SendsPartsInTheOrderAsked)
-{
-    Rig rig;
-    auto sent = rig.ctl("sms +49 " + std::string(400, 'x') + " order=3,1,3 ref=7");
-    ASSERT_EQ(sent["parts"], 3);
-    EXPECT_EQ(rig.state("/messages/history/0/pdu"), sent["pdus"][2]);
-    EXPECT_EQ(rig.state("/messages/history/1/pdu"), sent["pdus"][0]);
-    EXPECT_EQ(rig.state("/messages/history/2/pdu"), sent["pdus"][2]);
-    EXPECT_EQ(rig.ctl("sms +49 short order=2")["ok"], false);
 }
 
 TEST(ModemsimSms, SubmitsAfterThePrompt)
