@@ -1,35 +1,20 @@
 #include "at_packet.h"
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "captured_log.h"
-#include "fake_modem_link.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
-#include "log.h"
+#include "modem_test.h"
 #include "profile_store.h"
-
-using Answer = FakeLink::Answer;
-using Strings = std::vector<std::string>;
 
 static const Strings NONE;
 
 // Everything that leaves the daemon, in order.
 static Strings events;
 
-class AtPacket : public testing::Test {
+class AtPacket : public ModemTest<fake_shell, fake_wanmd> {
 protected:
     void SetUp() override
     {
-        fake_link.reset();
-        fake_shell.reset();
-        fake_wanmd.reset();
-        clear_log();
         events.clear();
-        running.store(1);
         fake_shell.status = [](const std::string &command) {
             events.push_back(command);
             return 1; // is not looked at
@@ -56,16 +41,6 @@ static ApnProfile profile(int32_t family, const char *apn, int32_t auth = 0, con
     record.username = user;
     record.password = password;
     return record;
-}
-
-TEST_F(AtPacket, ActivationSendsStateThenContext)
-{
-    EXPECT_EQ(at_set_pdp_context_activation(1, 1), RESULT_OK);
-    EXPECT_EQ(at_set_pdp_context_activation(1, 0), RESULT_OK);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CGACT=1,1\r", "AT+CGACT=0,1\r"}));
-    answer(std::nullopt);
-    EXPECT_EQ(at_set_pdp_context_activation(-1, 1), RESULT_REQUEST_FAILED);
-    EXPECT_EQ(fake_link.sent.back(), "AT+CGACT=1,-1\r");
 }
 
 TEST_F(AtPacket, DataCallLeavesOutWhatIsNotGiven)
@@ -121,55 +96,47 @@ TEST_F(AtPacket, AuthenticationNamesUserAndPasswordOnlyWhenThereIsOne)
 
 TEST_F(AtPacket, ContextTellsTheFamilyBeforeItIsDefined)
 {
-    const ApnProfile ipv6 = profile(2, "internet");
-    EXPECT_EQ(at_set_pdp_context(1, &ipv6), RESULT_OK);
-    EXPECT_EQ(events, (Strings{"apn_ipv6", "uci set wanmd.@profile[0].ip_family=IPV6", "uci commit wanmd",
-                               "AT+CGDCONT=1,\"IPV6\",\"internet\"\r"}));
-    EXPECT_EQ(logged().back().text, "execute: AT+CGDCONT=1,\"IPV6\",\"internet\"\n");
-
-    events.clear();
+    const ApnProfile ipv6 = profile(2, "internet"), ipv4 = profile(0, ""), odd = profile(1, "x;y");
+    const ApnProfile hostile = profile(0, "a\rATZ");
+    struct {
+        int32_t cid;
+        const ApnProfile *record;
+        const char *notice, *family, *command; // null: not there
+    } rows[] = {
+        {1, &ipv6, "apn_ipv6", "IPV6", "AT+CGDCONT=1,\"IPV6\",\"internet\"\r"},
+        {3, &ipv4, "apn_ipv4", "IPV4", "AT+CGDCONT=3,\"IP\"\r"},
+        {2, &odd, nullptr, nullptr, "AT+CGDCONT=2,\"IPV4V6\",\"x;y\"\r"},
+        {2, nullptr, nullptr, nullptr, "AT+CGDCONT=2,\"IPV4V6\",\"ims\"\r"},
+        {1, &hostile, nullptr, nullptr, nullptr},
+        {3, nullptr, nullptr, nullptr, nullptr},
+    };
+    for (const auto &row : rows) {
+        Strings expected;
+        if (row.notice)
+            expected.push_back(row.notice);
+        if (row.family)
+            expected.insert(expected.end(),
+                            {"uci set wanmd.@profile[0].ip_family=" + std::string(row.family), "uci commit wanmd"});
+        if (row.command)
+            expected.push_back(row.command);
+        events.clear();
+        result_t code = at_set_pdp_context(row.cid, row.record);
+        EXPECT_EQ(code, row.command ? RESULT_OK : row.record ? RESULT_ERROR : RESULT_REFUSED);
+        EXPECT_EQ(events, expected);
+    }
+    EXPECT_EQ(log_count("execute: AT+CGDCONT=1,\"IPV6\",\"internet\"\n"), 1);
+    EXPECT_EQ(log_count("refused", LOG_ERR), 1);
     answer("\r\n+CME ERROR: 3\r\n");
-    const ApnProfile ipv4 = profile(0, "");
     EXPECT_EQ(at_set_pdp_context(3, &ipv4), RESULT_ERROR);
-    EXPECT_EQ(events, (Strings{"apn_ipv4", "uci set wanmd.@profile[0].ip_family=IPV4", "uci commit wanmd",
-                               "AT+CGDCONT=3,\"IP\"\r"}));
-
-    events.clear();
-    const ApnProfile odd = profile(1, "x");
-    EXPECT_EQ(at_set_pdp_context(2, &odd), RESULT_ERROR);
-    EXPECT_EQ(events, Strings{"AT+CGDCONT=2,\"IPV4V6\",\"x\"\r"});
 }
 
-TEST_F(AtPacket, ContextWithoutProfile)
+TEST_F(AtPacket, TheEmptyContextIsToldWhenItIsDefined)
 {
     EXPECT_EQ(at_set_pdp_context(1, nullptr), RESULT_OK);
     EXPECT_EQ(events, (Strings{"AT+CGDCONT=1,\"IPV4V6\",\"\"\r", "apn_ipv4v6"}));
-    events.clear();
-    EXPECT_EQ(at_set_pdp_context(2, nullptr), RESULT_OK);
-    EXPECT_EQ(events, Strings{"AT+CGDCONT=2,\"IPV4V6\",\"ims\"\r"});
-    events.clear();
-    EXPECT_EQ(at_set_pdp_context(3, nullptr), RESULT_REFUSED);
-    EXPECT_EQ(events, NONE);
     answer(std::nullopt);
     EXPECT_EQ(at_set_pdp_context(1, nullptr), RESULT_REQUEST_FAILED);
-    EXPECT_EQ(fake_wanmd.notices, Strings{"apn_ipv4v6"}); // of the first call alone
-}
-
-TEST_F(AtPacket, ContextRefusesWhatWouldEndTheCommand)
-{
-    for (const std::string &apn : {std::string("a\rATZ"), std::string("a\nb"), std::string("a\x1a"),
-                                   std::string("a\tb"), std::string("a\"b"), std::string(1500, 'a')}) {
-        clear_log();
-        const ApnProfile hostile = profile(0, apn.c_str());
-        EXPECT_EQ(at_set_pdp_context(1, &hostile), RESULT_ERROR);
-        EXPECT_EQ(events, NONE);
-        EXPECT_EQ(log_count("refused", LOG_ERR), 1);
-    }
-    for (const std::string &apn : {std::string("a;b"), std::string(64, 'a'), std::string(600, 'a')}) {
-        const ApnProfile plain = profile(0, apn.c_str());
-        EXPECT_EQ(at_set_pdp_context(2, &plain), RESULT_OK);
-        EXPECT_EQ(fake_link.sent.back(), "AT+CGDCONT=2,\"IP\",\"" + apn + "\"\r");
-    }
+    EXPECT_EQ(fake_wanmd.notices, (Strings{"apn_ipv4v6"})) << "of the first call alone";
 }
 
 TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
@@ -208,13 +175,6 @@ TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
     EXPECT_EQ(fake_link.sent.size(), 10u);
     EXPECT_EQ(fake_link.expected.front(), "+CAVIMS:");
     EXPECT_EQ(fake_link.expected.back(), "OK");
-}
-
-TEST_F(AtPacket, UsbLockChoosesTheInterfaceMode)
-{
-    EXPECT_EQ(at_set_fm160_usb_lock(1), RESULT_OK);
-    EXPECT_EQ(at_set_fm160_usb_lock(0), RESULT_OK);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+GTINTFMODE=2\r", "AT+GTINTFMODE=1\r"}));
 }
 
 static const char DUAL_STACK[] =

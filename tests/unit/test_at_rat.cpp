@@ -1,41 +1,28 @@
 #include "at_rat.h"
 
-#include <functional>
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
-
-#include "captured_log.h"
-#include "fake_modem_link.h"
+#include "modem_test.h"
 
 namespace {
 
-class Rat : public testing::Test {
+class Rat : public ModemTest<> {
 protected:
-    void SetUp() override
-    {
-        fake_link.reset();
-        clear_log();
-    }
-
     // The command that is sent, or "code <n>".
     std::string sent_for(const RatSelection &selection)
     {
-        return sent_by([&] { return at_select_rat(&selection); });
+        return outcome(at_select_rat(&selection));
     }
-
     std::string sent_for(const RatAndBand &selection)
     {
-        return sent_by([&] { return at_select_rat_and_band(&selection); });
+        return outcome(at_select_rat_and_band(&selection));
     }
 
 private:
-    std::string sent_by(const std::function<result_t()> &function)
+    static std::string outcome(result_t code)
     {
-        fake_link.reset();
-        result_t code = function();
-        EXPECT_EQ(fake_link.sent.size(), code == RESULT_OK ? 1u : 0u);
-        return code == RESULT_OK ? fake_link.sent.at(0) : "code " + std::to_string(static_cast<int32_t>(code));
+        Strings sent;
+        sent.swap(fake_link.sent);
+        EXPECT_EQ(sent.size(), code == RESULT_OK ? 1u : 0u);
+        return code == RESULT_OK ? sent.at(0) : "code " + std::to_string(static_cast<int32_t>(code));
     }
 };
 
@@ -113,15 +100,10 @@ TEST_F(Rat, SelectionCommandsWithBothPreferences)
 TEST_F(Rat, EverySelectedBandIsLogged)
 {
     sent_for(RatSelection{10, 0, 0, 0, 0, "n78,B,VIII,BC0,b3,b41,w5,1800,nothing"});
-    for (const char *line :
-         {"select NR band: 5078", "select TD-SCDMA band: 202", "select UMTS band: 8", "select CDMA/EVDO band: BC0",
-          "select LTE band: 103", "select LTE band: 141", "select UMTS band: 5", "select GSM band: 1800"}) {
-        EXPECT_EQ(log_count(line, 6), 1) << line;
-    }
-    EXPECT_EQ(log_count("[CELMUX: at_select_rat:"), 8);
-    clear_log();
-    sent_for(RatAndBand{20, 6, 3, "b3"});
-    EXPECT_EQ(log_count("[CELMUX: at_select_rat_and_band:", 6), 1);
+    for (const char *band : {"NR band: 5078", "TD-SCDMA band: 202", "UMTS band: 8", "CDMA/EVDO band: BC0",
+                             "LTE band: 103", "LTE band: 141", "UMTS band: 5", "GSM band: 1800"})
+        EXPECT_EQ(log_count(std::string("select ") + band, 6), 1) << band;
+    EXPECT_EQ(log_count("[CELMUX: at_select_rat:", 6), 8);
 }
 
 TEST_F(Rat, OverlongBandListsAreRefused)
@@ -194,8 +176,7 @@ TEST_F(Rat, BandsThatDoNotFitAreAnError)
 
 TEST_F(Rat, QueryFailuresLeaveTheOutputAlone)
 {
-    for (FakeLink::Answer answer : {FakeLink::Answer(), FakeLink::Answer("\r\n+GTACT: 20\r\nERROR\r\n"),
-                                    FakeLink::Answer("\r\nOK\r\n"), FakeLink::Answer("")}) {
+    for (const Answer &answer : {Answer(), Answer("\r\n+GTACT: 20\r\nERROR\r\n"), Answer("\r\nOK\r\n"), Answer("")}) {
         fake_link.answer_always(answer);
         RatAndBand current = {};
         char bands[4] = "old";

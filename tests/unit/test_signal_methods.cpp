@@ -1,13 +1,8 @@
 #include "signal_methods.h"
 
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
-
-#include "captured_log.h"
 #include "captured_reply.h"
 #include "cell_answers.h"
-#include "fake_modem_link.h"
+#include "modem_test.h"
 #include "network_methods.h"
 #include "sim_methods.h"
 
@@ -18,14 +13,8 @@ constexpr char UNEXPLAINED[] =
 
 constexpr char FAILED_PASSTHROUGH[] = R"({"result":-1,"resp":"failure to send at command"})";
 
-class Methods : public testing::Test {
+class Methods : public ModemTest<> {
 protected:
-    void SetUp() override
-    {
-        fake_link.reset();
-        clear_log();
-    }
-
     std::string reply_to(Handler handler, FakeLink::Answer answer, const char *arguments = "{}")
     {
         fake_link.reset();
@@ -40,14 +29,6 @@ protected:
             return command == "AT+CSQ\r" ? rssi : FakeLink::Answer(cells);
         };
         return reply_of(handle_get_signal_quality);
-    }
-
-    std::string sent()
-    {
-        std::string text;
-        for (const std::string &command : fake_link.sent)
-            text += command.substr(0, command.find('\r')) + " ";
-        return text;
     }
 };
 
@@ -71,9 +52,8 @@ TEST_F(Methods, SignalQualityOfEachServingCell)
     EXPECT_EQ(signal_of(en_dc_fm350, csq31),
               R"({"signal":"-97 dBm","signal":"-107 dBm","signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of(umts_qualcomm, csq31), R"({"signal":"-51 dBm","signal":"Unknown","result":0})");
-    for (const char *level : {"+CSQ: 99,99", "+CSQ: 255,99", "+CSQ: 32,99", "+CSQ: ,99"})
-        EXPECT_EQ(signal_of(umts_qualcomm, ok_answer({level})),
-                  R"({"signal":"Unknown","signal":"Unknown","result":0})");
+    EXPECT_EQ(signal_of(umts_qualcomm, ok_answer({"+CSQ: 32,99"})),
+              R"({"signal":"Unknown","signal":"Unknown","result":0})");
     EXPECT_EQ(signal_of(umts_qualcomm, std::nullopt), R"({"signal":"Unknown","result":65537})");
     EXPECT_EQ(signal_of(two_umts, csq31), R"({"signal":"-51 dBm","signal":"-51 dBm","signal":"-91 dBm","result":0})");
     EXPECT_EQ(signal_of(two_umts, "\r\nERROR\r\n"), R"({"signal":"-91 dBm","result":65535})");
@@ -158,89 +138,95 @@ TEST_F(Methods, CellFiguresAndBandsAreAlwaysThere)
     EXPECT_EQ(reply_to(handle_get_gtccinfo, lte_fm350), R"({"result":-1,"gtccinfo":""})");
 }
 
-struct Call {
-    Handler handler;
-    const char *arguments;
-    FakeLink::Answer answer;
-    const char *reply;
-    const char *sent;
-};
-
-TEST_F(Methods, ArgumentsAndReplies)
+TEST_F(Methods, ArgumentsBecomeCommands)
 {
-    const std::string ok = "\r\nOK\r\n";
-    const Call calls[] = {
-        {handle_get_operator_info, "{}", ok_answer({"+COPS: 0,0,\"vodafone.de\",7"}),
-         R"({"result":0,"mode":0,"format":0,"oper":"vodafone.de","act":7})", "AT+COPS? "},
-        {handle_get_operator_info, "{}", ok_answer({"+COPS: 0"}), R"({"result":0,"mode":0})", "AT+COPS? "},
-        {handle_get_operator_info, "{}", ok_answer({"+COPS: 0,0,\"\""}), R"({"result":0,"mode":0,"format":0})",
-         "AT+COPS? "},
-        {handle_select_operator, R"({"mode":1,"format":2,"oper":"\"46000\"","act":7})", ok, R"({"result":0})",
-         "AT+COPS=1,2,\"46000\",7 "},
-        {handle_select_operator, R"({"mode":0})", "\r\nERROR\r\n", R"({"result":65535})", "AT+COPS=0 "},
-        {handle_select_operator, R"({"mode":1,"act":256})", ok, R"({"result":-1})", ""},
-        {handle_select_operator, R"({"mode":"1","format":2})", ok, "status 2", ""},
-        {handle_select_rat, R"({"act":20,"pref2":0})", ok, R"({"result":0})", "AT+GTACT=20,0 "},
-        {handle_select_rat, R"({"act":-1})", ok, R"({"result":-1})", ""},
-        {handle_select_rat, "{}", ok, "status 2", ""},
-        {handle_set_network_mode, R"({"mode":3,"bands":"b3"})", ok, R"({"result":0})", "AT+GTACT=2,,,103 "},
-        {handle_set_network_mode, R"({"mode":4})", ok, R"({"result":0})", "AT+GTACT=1 "},
-        {handle_set_network_mode, R"({"mode":7})", ok, "status 2", ""},
-        {handle_set_network_mode, "{}", ok, "status 2", ""},
-        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":6,"pref_act2":3,"bands":"b3,n78"})", ok,
-         R"({"result":0})", "AT+GTACT=20,6,3,103,5078 "},
-        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":4})", ok, R"({"result":-1})", ""},
-        {handle_select_rat_and_band, R"({"rat":20,"pref_act2":3})", ok, "status 2", ""},
-        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":0,"bands":"b3"})", ok, "status 2", ""},
-        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":6,"pref_act2":0,"bands":"b3"})", ok, "status 2", ""},
-        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":6,"pref_act2":3,"bands":""})", ok, "status 2", ""},
-        {handle_select_rat_and_band, R"({"pref_act1":6})", ok, "status 2", ""},
-        {handle_at_passthrough, R"({"at":"ATI"})", "\r\nFM160\r\n\r\nOK\r\n",
-         R"({"result":0,"resp":"\r\nFM160\r\n\r\nOK\r\n"})", "ATI "},
-        {handle_at_passthrough, R"({"at":"ATI"})", std::nullopt, FAILED_PASSTHROUGH, "ATI "},
-        {handle_at_passthrough, R"({"timeout_ms":1})", ok, "status 2", ""},
-        {handle_at_passthrough, R"({"at":"AT+CREG=2;+CREG?"})", ok, R"({"result":0,"resp":"\r\nOK\r\n"})",
-         "AT+CREG=2;+CREG? "},
-        {handle_at_passthrough, R"({"at":"ATI\r"})", ok, R"({"result":0,"resp":"\r\nOK\r\n"})", "ATI "},
-        {handle_at_passthrough, R"({"at":"ATI\rAT+CFUN=0"})", ok, FAILED_PASSTHROUGH, ""},
-        {handle_at_passthrough, R"({"at":"ATI\r\r"})", ok, FAILED_PASSTHROUGH, ""},
-        {handle_at_passthrough, R"({"at":"ATI\n"})", ok, FAILED_PASSTHROUGH, ""},
-        {handle_at_passthrough, R"({"at":"00\u001a"})", ok, FAILED_PASSTHROUGH, ""},
-        {handle_at_passthrough, R"({"at":"\u001bAT"})", ok, FAILED_PASSTHROUGH, ""},
-        {handle_select_operator, R"({"mode":1,"format":2,"oper":"26201;+CFUN=0"})", ok, R"({"result":65535})", ""},
-        {handle_get_operator_info, "{}", ok_answer({"+COPS: 0,0,\"A, B\",7"}),
-         R"({"result":0,"mode":0,"format":0,"oper":"A, B","act":7})", "AT+COPS? "},
-        {handle_get_remaining_pin_retries, "{}", ok_answer({"+CPINR: \"SIM PIN\",3,"}),
-         R"({"result":0,"pin1_retries":3})", "AT+CPINR "},
-        {handle_get_sim_lock_status, "{}", ok_answer({"+CLCK: 1"}), R"({"result":0,"enabled":true})",
-         "AT+CLCK=\"SC\",2 "},
-        {handle_set_sim_lock_status, R"({"pin":"1234","enabled":5})", ok, R"({"result":0})",
-         "AT+CLCK=\"SC\",1,\"1234\" "},
-        {handle_set_sim_lock_status, R"({"pin":"1234"})", ok, "status 2", ""},
-        {handle_get_sim_remaining_attempts, "{}", ok_answer({"+TPIN: 3,10"}), R"({"result":0,"pin":3,"puk":10})",
-         "AT+TPIN? "},
-        {handle_get_sim_remaining_attempts, "{}", ok_answer({"+TPIN: 3"}), R"({"result":0})", "AT+TPIN? "},
-        {handle_get_remaining_pin_retries, "{}", ok_answer({"+CPINR: SIM PIN,3,3", "+CPINR: SIM PUK2,9,10"}),
-         R"({"result":0,"pin1_retries":3,"pin1_default_retries":3,"puk2_retries":9,"puk2_default_retries":10})",
-         "AT+CPINR "},
-        {handle_get_remaining_pin_retries, R"({"sel_code":"SIM PIN"})", "\r\nERROR\r\n", R"({"result":65535})",
-         "AT+CPINR=\"SIM PIN\" "},
-        {handle_unlock_sim, R"({"pin":"123456789012","puk":""})", ok, R"({"result":0})", "AT+CPIN=\"123456789012\" "},
-        {handle_unlock_sim, R"({"pin":"1234","puk":"87654321"})", "\r\n+CME ERROR: 16\r\n", R"({"result":65535})",
-         "AT+CPIN=\"87654321\",\"1234\" "},
-        {handle_unlock_sim, R"({"puk":"87654321"})", ok, "status 2", ""},
-        {handle_change_sim_pin, R"({"pin":"1234","new_pin":"5678"})", ok, R"({"result":0})",
-         "AT+CPWD=\"SC\",\"1234\",\"5678\" "},
-        {handle_change_sim_pin, R"({"pin":"1234"})", ok, "status 2", ""},
+    const struct {
+        Handler handler;
+        const char *arguments, *sent;
+    } rows[] = {
+        {handle_select_operator, R"({"mode":1,"format":2,"oper":"\"46000\"","act":7})", "AT+COPS=1,2,\"46000\",7"},
+        {handle_select_rat, R"({"act":20,"pref2":0})", "AT+GTACT=20,0"},
+        {handle_set_network_mode, R"({"mode":3,"bands":"b3"})", "AT+GTACT=2,,,103"},
+        {handle_set_network_mode, R"({"mode":4})", "AT+GTACT=1"},
+        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":6,"pref_act2":3,"bands":"b3"})", "AT+GTACT=20,6,3,103"},
+        {handle_at_passthrough, R"({"at":"AT+CREG=2;+CREG?"})", "AT+CREG=2;+CREG?"},
+        {handle_at_passthrough, R"({"at":"ATI\r"})", "ATI"},
+        {handle_set_sim_lock_status, R"({"pin":"1234","enabled":5})", "AT+CLCK=\"SC\",1,\"1234\""},
+        {handle_set_sim_lock_status, R"({"pin":"1234","enabled":0})", "AT+CLCK=\"SC\",0,\"1234\""},
+        {handle_get_remaining_pin_retries, R"({"sel_code":"SIM PIN"})", "AT+CPINR=\"SIM PIN\""},
+        {handle_unlock_sim, R"({"pin":"123456789012","puk":""})", "AT+CPIN=\"123456789012\""},
+        {handle_unlock_sim, R"({"pin":"1234","puk":"87654321"})", "AT+CPIN=\"87654321\",\"1234\""},
+        {handle_change_sim_pin, R"({"pin":"1234","new_pin":"5678"})", "AT+CPWD=\"SC\",\"1234\",\"5678\""},
     };
-    for (const Call &call : calls) {
-        EXPECT_EQ(reply_to(call.handler, call.answer, call.arguments), call.reply) << call.arguments;
-        EXPECT_EQ(sent(), call.sent) << call.arguments;
+    for (const auto &row : rows) {
+        EXPECT_TRUE(reply_to(row.handler, "\r\nOK\r\n", row.arguments).starts_with(R"({"result":0)")) << row.arguments;
+        EXPECT_EQ(fake_link.sent, Strings{std::string(row.sent) + "\r"}) << row.arguments;
+        EXPECT_TRUE(reply_to(row.handler, "\r\nERROR\r\n", row.arguments)
+                        .starts_with(row.handler == handle_at_passthrough ? R"({"result":0)" : R"({"result":65535})"))
+            << row.arguments;
     }
-    EXPECT_EQ(log_count("command holds a line end", 3), 5);
+}
+
+TEST_F(Methods, BadArgumentsSendNothing)
+{
+    const char *const usage = "status 2", *const refused = R"({"result":-1})";
+    const struct {
+        Handler handler;
+        const char *arguments, *reply;
+    } rows[] = {
+        {handle_select_operator, R"({"mode":1,"act":256})", refused},
+        {handle_select_operator, R"({"mode":"1","format":2})", usage},
+        {handle_select_operator, R"({"mode":1,"format":2,"oper":"26201;+CFUN=0"})", R"({"result":65535})"},
+        {handle_select_rat, R"({"act":-1})", refused},
+        {handle_select_rat, "{}", usage},
+        {handle_set_network_mode, R"({"mode":7})", usage},
+        {handle_set_network_mode, "{}", usage},
+        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":4})", refused},
+        {handle_select_rat_and_band, R"({"rat":20,"pref_act2":3})", usage},
+        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":0,"bands":"b3"})", usage},
+        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":6,"pref_act2":0,"bands":"b3"})", usage},
+        {handle_select_rat_and_band, R"({"rat":20,"pref_act1":6,"pref_act2":3,"bands":""})", usage},
+        {handle_select_rat_and_band, R"({"pref_act1":6})", usage},
+        {handle_at_passthrough, R"({"timeout_ms":1})", usage},
+        {handle_at_passthrough, R"({"at":"ATI\rAT+CFUN=0"})", FAILED_PASSTHROUGH},
+        {handle_at_passthrough, R"({"at":"ATI\n"})", FAILED_PASSTHROUGH},
+        {handle_at_passthrough, R"({"at":"00\u001a"})", FAILED_PASSTHROUGH},
+        {handle_at_passthrough, R"({"at":"\u001bAT"})", FAILED_PASSTHROUGH},
+        {handle_set_sim_lock_status, R"({"pin":"1234"})", usage},
+        {handle_unlock_sim, R"({"puk":"87654321"})", usage},
+        {handle_change_sim_pin, R"({"pin":"1234"})", usage},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(reply_to(row.handler, "\r\nOK\r\n", row.arguments), row.reply) << row.arguments;
+        EXPECT_EQ(fake_link.sent, Strings{}) << row.arguments;
+    }
+    EXPECT_EQ(log_count("command holds a line end", 3), 4);
     EXPECT_EQ(log_count("preferred act 1 not specified", 3), 2);
     EXPECT_EQ(log_count("preferred act 2 not specified", 3), 1);
     EXPECT_EQ(log_count("selected bands must not be empty", 3), 1);
+}
+
+TEST_F(Methods, RepliesHoldWhatTheModemGives)
+{
+    const struct {
+        Handler handler;
+        const char *line, *members;
+    } rows[] = {
+        {handle_get_operator_info, "+COPS: 0,0,\"A, B\",7", R"(,"mode":0,"format":0,"oper":"A, B","act":7)"},
+        {handle_get_operator_info, "+COPS: 0", R"(,"mode":0)"},
+        {handle_get_operator_info, "+COPS: 0,0,\"\"", R"(,"mode":0,"format":0)"},
+        {handle_get_sim_lock_status, "+CLCK: 1", R"(,"enabled":true)"},
+        {handle_get_sim_remaining_attempts, "+TPIN: 3,10", R"(,"pin":3,"puk":10)"},
+        {handle_get_sim_remaining_attempts, "+TPIN: 3", ""},
+        {handle_get_remaining_pin_retries, "+CPINR: \"SIM PIN\",3,", R"(,"pin1_retries":3)"},
+        {handle_get_remaining_pin_retries, "+CPINR: SIM PIN,3,3\r\n+CPINR: SIM PUK2,9,10",
+         R"(,"pin1_retries":3,"pin1_default_retries":3,"puk2_retries":9,"puk2_default_retries":10)"},
+        {handle_get_remaining_pin_retries, "+CPINR: SIM PUK,8,10\r\n+CPINR: SIM PIN2,2,3",
+         R"(,"puk1_retries":8,"puk1_default_retries":10,"pin2_retries":2,"pin2_default_retries":3)"},
+    };
+    for (const auto &row : rows)
+        EXPECT_EQ(reply_to(row.handler, ok_answer({row.line})), R"({"result":0)" + std::string(row.members) + "}")
+            << row.line;
 }
 
 TEST_F(Methods, NetworkModeSwitchesStandAloneFirst)
@@ -270,23 +256,24 @@ TEST_F(Methods, NetworkModeSwitchesStandAloneFirst)
 
 TEST_F(Methods, WaitsOfThePassThroughAreBounded)
 {
-    reply_of(handle_at_passthrough, R"({"at":"ATI"})");
+    EXPECT_EQ(reply_to(handle_at_passthrough, "\r\nFM160\r\n\r\nOK\r\n", R"({"at":"ATI"})"),
+              R"({"result":0,"resp":"\r\nFM160\r\n\r\nOK\r\n"})");
     reply_of(handle_at_passthrough, R"({"at":"AT+COPS=?","timeout_ms":180000})");
     reply_of(handle_at_passthrough, R"({"at":"ATI","timeout_ms":-1})");
     EXPECT_EQ(fake_link.timeouts, (std::vector<uint32_t>{3000, 180000, 600000}));
+    EXPECT_EQ(reply_to(handle_at_passthrough, std::nullopt, R"({"at":"ATI"})"), FAILED_PASSTHROUGH);
     fake_link.mutex_error = 110;
     EXPECT_EQ(reply_of(handle_at_passthrough, R"({"at":"ATI"})"),
               R"({"result":110,"resp":"failure to send at command"})");
     fake_link.mutex_error = 0;
     fake_link.stopping = true;
-    EXPECT_EQ(reply_of(handle_at_passthrough, R"({"at":"ATI"})"),
-              R"({"result":-1,"resp":"failure to send at command"})");
+    EXPECT_EQ(reply_of(handle_at_passthrough, R"({"at":"ATI"})"), FAILED_PASSTHROUGH);
 }
 
 TEST_F(Methods, ScanIsQueuedOrRefused)
 {
     EXPECT_EQ(reply_of(handle_scan_network), R"({"result":0})");
-    EXPECT_EQ(fake_link.sent, std::vector<std::string>{"AT+COPS=?\r"});
+    EXPECT_EQ(fake_link.sent, Strings{"AT+COPS=?\r"});
     fake_link.enqueue_result = -1;
     EXPECT_EQ(reply_of(handle_scan_network), R"({"result":-1})");
 }
