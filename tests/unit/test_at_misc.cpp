@@ -5,53 +5,6 @@
 
 using AtMisc = ModemTest<fake_clock>;
 
-TEST_F(AtMisc, ASetterClassifiesItsAnswer)
-{
-    struct {
-        Answer answer;
-        result_t code;
-    } rows[] = {
-        {"\r\nOK\r\n", RESULT_OK},
-        {"\r\n+CME ERROR: 3\r\n", RESULT_ERROR},
-        {"\r\nNO CARRIER\r\n", RESULT_NO_CARRIER},
-        {"\r\n+CTZV: +8,1\r\n", RESULT_ERROR},
-        {std::nullopt, RESULT_REQUEST_FAILED},
-    };
-    for (const auto &row : rows) {
-        fake_link.answer_always(row.answer);
-        EXPECT_EQ(at_hangup_call(), row.code) << row.answer.value_or("silence");
-    }
-    EXPECT_EQ(fake_link.timeouts.back(), 3000u);
-    fake_link.mutex_error = ETIMEDOUT;
-    EXPECT_EQ(at_hangup_call(), RESULT_ERROR);
-}
-
-TEST_F(AtMisc, LoopbackStateIsTheCharacterBehindTheMarker)
-{
-    struct {
-        Answer answer;
-        result_t code;
-        uint8_t enabled;
-    } rows[] = {
-        {"\r\n+GTPCMLOOPBACK: 1\r\n\r\nOK\r\n", RESULT_OK, 1},
-        {"\r\n+GTPCMLOOPBACK: 0\r\n\r\nOK\r\n", RESULT_OK, 0},
-        {"\r\n+GTPCMLOOPBACK: 3,0\r\n", RESULT_INCOMPLETE, 1},
-        {ok_answer({"+CTZV: +GTPCMLOOPBACK: 1", "+GTPCMLOOPBACK:0"}), RESULT_OK, 0},
-        {"+GTPCMLOOPBACK:", RESULT_INCOMPLETE, 0},
-        {"+GTPCMLOOPBACK: \r\nOK\r\n", RESULT_OK, 0},
-        {"\r\n+CME ERROR: 100\r\n", RESULT_ERROR, 0},
-        {std::nullopt, RESULT_REQUEST_FAILED, 0},
-    };
-    for (const auto &row : rows) {
-        uint8_t enabled = 0;
-        fake_link.answer_always(row.answer);
-        EXPECT_EQ(at_get_pcm_loopback_state(&enabled), row.code) << row.answer.value_or("silence");
-        EXPECT_EQ(enabled, row.enabled) << row.answer.value_or("silence");
-    }
-    EXPECT_EQ(fake_link.sent.front(), "AT+GTPCMLOOPBACK?\r");
-    EXPECT_EQ(fake_link.expected.front(), "+GTPCMLOOPBACK:");
-}
-
 TEST_F(AtMisc, LoopbackIsSwitchedOffFirst)
 {
     const std::string off = "AT+GTPCMLOOPBACK=0\r";

@@ -5,8 +5,6 @@
 #include "modem_test.h"
 #include "profile_store.h"
 
-static const Strings NONE;
-
 // Everything that leaves the daemon, in order.
 static Strings events;
 
@@ -41,30 +39,6 @@ static ApnProfile profile(int32_t family, const char *apn, int32_t auth = 0, con
     record.username = user;
     record.password = password;
     return record;
-}
-
-TEST_F(AtPacket, DataCallLeavesOutWhatIsNotGiven)
-{
-    const std::string long_apn(300, 'a');
-    struct {
-        RmnetCallRequest call;
-        std::string sent; // empty: refused
-    } rows[] = {
-        {{1, 0, 0, 0, 0, 0, 0, 0, {}}, "AT$QCRMCALL=1,1\r"},
-        {{1, 1, 1, 1, 1, 0, 0, 0, {}}, "AT$QCRMCALL=1,1,1,2,1\r"},
-        {{0, 0, 0, 0, 0, 1, 7, 1, "net"}, "AT$QCRMCALL=0,1,7,\"net\"\r"},
-        {{1, 1, 300, 0, 0, 0, 0, 1, ""}, "AT$QCRMCALL=1,1,300\r"},
-        {{1, 0, 0, 0, 0, 0, 0, 1, long_apn}, "AT$QCRMCALL=1,1,\"" + long_apn + "\"\r"},
-        {{1, 0, 0, 0, 0, 0, 0, 1, "a\"b"}, ""},
-        {{1, 0, 0, 0, 0, 0, 0, 1, "a\bAT+CFUN=0"}, ""},
-    };
-    for (const auto &row : rows) {
-        fake_link.sent.clear();
-        clear_log();
-        EXPECT_EQ(at_rmnet_call(&row.call), row.sent.empty() ? RESULT_ERROR : RESULT_OK) << row.sent;
-        EXPECT_EQ(fake_link.sent, row.sent.empty() ? NONE : Strings{row.sent});
-        EXPECT_EQ(logged().size(), row.sent.empty() ? 1u : 0u);
-    }
 }
 
 TEST_F(AtPacket, AuthenticationNamesUserAndPasswordOnlyWhenThereIsOne)
@@ -175,79 +149,4 @@ TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
     EXPECT_EQ(fake_link.sent.size(), 10u);
     EXPECT_EQ(fake_link.expected.front(), "+CAVIMS:");
     EXPECT_EQ(fake_link.expected.back(), "OK");
-}
-
-static const char DUAL_STACK[] =
-    "\r\n+CGDCONT: 0,\"IPV4V6\",\"CMIOT\",\"10.9.99.100,32.1.13.184.0.30.4.217.0.0.0.0.0.0.0.1\",0,0,0,0\r\n"
-    "+CGDCONT: 1,\"IPV4V6\",\"CMIOT\",\"10.9.99.100,32.1.13.184.0.30.4.217.0.0.0.0.0.0.0.1\",0,0,0,0\r\n"
-    "+CGDCONT: 2,\"IPV4V6\",\"\",\"0.0.0.0,0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\",0,0,0,0\r\n"
-    "+CGDCONT: 11,\"IPV6\",\"ims\",\"0.0.0.0,0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\",0,0,0,0\r\n\r\nOK\r\n";
-
-TEST_F(AtPacket, ConnectedMeansAnAddressOfContextOne)
-{
-    struct {
-        Answer answer;
-        result_t code;
-        uint8_t connected;
-    } rows[] = {
-        {DUAL_STACK, RESULT_OK, 1},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\",\"10.1.2.3\",0,0,0,0"}), RESULT_OK, 1},
-        {"\r\n+CGDCONT: 1,\"IP\",\"auto\",\"10.1.2.3\"\r\n", RESULT_OK, 1},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\",\"0.0.0.0\",0,0,0,0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IPV4V6\",\"a,b\",\"0.0.0.0,32.1.13.184.0.30.4.217.0.0.0.0.0.0.0.1\",0,0,0,0"}),
-         RESULT_OK, 1},
-        {ok_answer({"+CGDCONT: 1,\"IPV4V6\",\"\",\"0.0.0.0, 0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\",0,0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IPV6\",\"\",\"::\",0,0"}), RESULT_OK, 0},
-        {ok_answer({"+CTZV: +CGDCONT: 1,\"IP\",\"auto\",\"10.1.2.3\"", "+CGDCONT:1,\"IP\",\"auto\",\"0.0.0.0\""}),
-         RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IPV4V6\",\"x\",\"\",,,,,,,,,,"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\""}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 11,\"IP\",\"auto\",\"10.1.2.3\",0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 2,\"IP\",\"auto\",\"10.1.2.3\",0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\"", "+CGDCONT: 2,\"IP\",\"x\",\"10.1.2.3\""}), RESULT_OK, 0},
-        {"+CGDCONT: 1,", RESULT_INCOMPLETE, 0},
-        {"+CGDCONT: ", RESULT_INCOMPLETE, 0},
-        {"\r\nERROR\r\n", RESULT_ERROR, 0},
-        {std::nullopt, RESULT_REQUEST_FAILED, 0},
-    };
-    for (const auto &row : rows) {
-        uint8_t connected = 0;
-        answer(row.answer);
-        EXPECT_EQ(at_check_connectivity(&connected), row.code) << row.answer.value_or("silence");
-        EXPECT_EQ(connected, row.connected) << row.answer.value_or("silence");
-    }
-}
-
-TEST_F(AtPacket, CurrentApnIsOfItsContextAlone)
-{
-    const std::string apn63(63, 'a');
-    struct {
-        Answer answer;
-        int32_t cid;
-        result_t code;
-        std::string apn;
-        int32_t family;
-    } rows[] = {
-        {DUAL_STACK, 1, RESULT_OK, "CMIOT", 3},
-        {DUAL_STACK, 2, RESULT_OK, "", 3},
-        {DUAL_STACK, 11, RESULT_OK, "ims", 2},
-        {DUAL_STACK, 3, RESULT_OK, "", -1},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\",\"0.0.0.0\",0,0,0,0"}), 1, RESULT_OK, "auto", 0},
-        {ok_answer({"+CGDCONT: 1,\"PPP\",\"auto\""}), 1, RESULT_OK, "auto", -1},
-        {ok_answer({"+CGDCONT: 1,\"IP\""}), 1, RESULT_OK, "", 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"" + apn63 + "\",\"\""}), 1, RESULT_OK, apn63, 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"" + apn63 + "a\",\"\""}), 1, RESULT_ERROR, "", -1},
-        {"\r\n+CGDCONT: 1,\"IPV6\",\"x\"", 1, RESULT_INCOMPLETE, "x", 2},
-        {"\r\n+CME ERROR: 10\r\n", 1, RESULT_ERROR, "", -1},
-        {std::nullopt, 1, RESULT_REQUEST_FAILED, "", -1},
-    };
-    for (const auto &row : rows) {
-        char apn[64] = "";
-        int32_t family = -1;
-        answer(row.answer);
-        EXPECT_EQ(at_get_current_apn(row.cid, apn, &family), row.code) << row.answer.value_or("silence");
-        EXPECT_EQ(apn, row.apn) << row.answer.value_or("silence");
-        EXPECT_EQ(family, row.family) << row.answer.value_or("silence");
-    }
-    EXPECT_EQ(fake_link.expected.front(), "+CGDCONT:");
 }
