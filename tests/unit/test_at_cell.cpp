@@ -104,30 +104,6 @@ TEST_F(Cell, AFailedQueryLeavesItsOutputAlone)
     }
 }
 
-// Every answer cut off at every length, and every byte of it replaced: nothing may be read or written outside.
-TEST_F(Cell, QueriesSurviveMaimedAnswers)
-{
-    const std::string cell_figures =
-        "+GTCELLINFO: 1\r\nLTE:\r\nCQI: 15\r\nPower: 2\r\nRANK: RANK1\r\nDLMCS: 5\r\nULMCS: 22\r\n\r\nOK";
-    for (const std::string &answer :
-         {en_dc_qualcomm, umts_qualcomm, en_dc_fm350, cell_figures, ok_answer({"+COPS: 0,0,\"Telekom.de\",13"}),
-          ok_answer({"+CESQ: 17,99,255,255,4,29,75,52,57"})}) {
-        Strings maimed;
-        for (size_t length = 0; length < answer.size(); length++) {
-            maimed.push_back(answer.substr(0, length));
-            for (char replacement : {'\n', ',', '1', '-'})
-                maimed.push_back(std::string(answer).replace(length, 1, 1, replacement));
-        }
-        for (const std::string &text : maimed) {
-            fake_link.answer_always(text);
-            for (const Query &query : queries) {
-                bool untouched;
-                query.ask(&untouched);
-            }
-        }
-    }
-}
-
 TEST_F(Cell, SignalLevelOfAnOddAnswer)
 {
     uint8_t rssi = 0;
