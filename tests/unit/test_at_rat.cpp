@@ -98,6 +98,9 @@ TEST_F(Rat, ABrokenOffAnswerGivesItsBandsAllTheSame)
     EXPECT_STREQ(bands.data(), "b3,n78");
     EXPECT_EQ(at_get_current_rat_and_band(&numbers, {}), RESULT_INCOMPLETE) << "without a buffer for the bands";
     EXPECT_EQ(numbers.rat, 20);
+    fake_link.answer_always(ok_answer({"+GTACT: 2"}));
+    EXPECT_EQ(at_get_current_rat_and_band(&current, bands), RESULT_OK);
+    EXPECT_STREQ(bands.data(), "");
 }
 
 TEST_F(Rat, BandsThatDoNotFitAreAnError)

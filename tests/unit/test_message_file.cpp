@@ -423,15 +423,6 @@ TEST_F(MessageFile, JsonElementsThatAreNoMessagesAreSkipped)
     }
 }
 
-TEST_F(MessageFile, JsonCutAtEveryByte)
-{
-    std::string text = "[" + object() + "," + long_object() + "]";
-    for (size_t size = 5; size < text.size(); size++) {
-        ASSERT_EQ(load(text.substr(0, size)), 1);
-        ASSERT_EQ(message_array.count, 0u) << size;
-    }
-}
-
 TEST_F(MessageFile, SkippedElementsDoNotFloodTheOutput)
 {
     std::string text = "[0";

@@ -152,14 +152,6 @@ TEST_F(MessageStore, TellsARepetitionFromTheNextMessageOfAConstantReference)
     }
 }
 
-TEST_F(MessageStore, InsertsPartsAtTheirPlace)
-{
-    for (int index : {3, 1, 4, 2})
-        add({.text = "", .index = index, .total = 4});
-    EXPECT_EQ(stored(),
-              (Lines{"491701234567 3= 1= 2= 4= +"})); // in front of the element at position 2, if there is one
-}
-
 TEST_F(MessageStore, KeepsDifferentLongMessagesApart)
 {
     const Incoming others[] = {{.ref = 43},          {.total = 4},    {.sender = "9"},
@@ -321,21 +313,6 @@ TEST_F(MessageStore, ShutdownSavesAndFrees)
     EXPECT_EQ(save_messages(MESSAGE_FILE), -1);
     EXPECT_FALSE(messages_on_disk()) << "what comes now stays on the SIM";
     EXPECT_EQ(on_disk(), (Lines{"1 text"}));
-}
-
-TEST_F(MessageStore, TellsWhetherTheSimMayForget)
-{
-    add({});
-    EXPECT_EQ(save_messages(MESSAGE_FILE), 0);
-    EXPECT_TRUE(messages_on_disk());
-    fake_files.fail_at = fake_files.calls + 1;
-    fake_files.cut = true;
-    add({.sender = "2"});
-    EXPECT_EQ(save_messages(MESSAGE_FILE), -1);
-    EXPECT_FALSE(messages_on_disk());
-    fake_files.fail_at = 0;
-    delete_all_messages(); // the next save makes it good
-    EXPECT_TRUE(messages_on_disk());
 }
 
 TEST_F(MessageStore, MessagesArriveWhileAClientListsAndDeletes)

@@ -1,6 +1,6 @@
 #include "profile_store.h"
 
-#include "captured_reply.h"
+#include "exchanges.h"
 #include "fake_clock.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
@@ -53,7 +53,7 @@ protected:
     const std::string config = root / "config", pending = root / "pending";
 };
 
-static const std::string DONE = R"({"result":0})", MISSING = R"({"result":-1})";
+static const std::string DONE = R"({"result":0})";
 
 static ApnProfile profile_with(const std::string &apn) // which must outlive it
 {
@@ -67,23 +67,33 @@ static std::string first_profile()
     return reply_of(handle_get_profile, R"({"id":0})");
 }
 
-TEST_F(Profiles, ListHoldsEverySectionInOrder)
+TEST_F(Profiles, CallsOneAfterTheOther)
 {
-    EXPECT_EQ(
-        reply_of(handle_get_profile_list),
-        R"({"result":0,"profiles":[{"ip_family":2,"apn":"internet","name":"First","username":"me",)"
-        R"("password":"secret","auth":1},{"ip_family":0,"apn":"other","name":"","username":"","password":"","auth":0}]})");
-    EXPECT_EQ(log_count("section name: second\n"), 1);
-    EXPECT_EQ(log_count("password: ******\n"), 1);
+    play_exchanges(TEST_DATA_DIR "/profile-exchanges.txt", 35);
+    EXPECT_NE(content("profiles").find("option extra 'kept'"), std::string::npos);
+    EXPECT_EQ(fake_wanmd.notices, (Strings{"apn_ipv6", "apn_ipv4", "apn_ipv4v6", "apn_ipv4v6"}));
+    EXPECT_EQ(fake_clock.sleeps, (std::vector<uint32_t>{1000, 1000, 1000, 1000}));
+    fake_shell.reset();
+    EXPECT_EQ(reply_of(handle_delete_profile), DONE);
+    EXPECT_EQ(reply_of(handle_delete_profile, R"({"id":-1})"), DONE);
+    EXPECT_EQ(fake_shell.commands, Strings(2, "echo \"\" > /etc/config/profiles"));
+}
+
+TEST_F(Profiles, PasswordsAreMaskedInTheLog)
+{
+    reply_of(handle_get_profile_list);
+    reply_of(handle_add_profile, R"({"ip":1,"apn":"x","name":"Zürich ☎","username":"u","password":"pä","auth":2})");
+    for (const char *line : {"section name: second\n", "password: ******\n", ".name=Zürich ☎\n", ".password=**\n"})
+        EXPECT_EQ(log_count(line), 1) << line;
     EXPECT_EQ(log_count("secret"), 0);
-    for (const char *empty : {"", "\n"}) {
-        write("profiles", empty);
-        EXPECT_EQ(reply_of(handle_get_profile_list), R"({"result":0,"profiles":[]})");
-    }
 }
 
 TEST_F(Profiles, FailuresOfThePackageAreTheLibrarysCodes)
 {
+    for (const char *empty : {"", "\n"}) {
+        write("profiles", empty);
+        EXPECT_EQ(reply_of(handle_get_profile_list), R"({"result":0,"profiles":[]})");
+    }
     fs::remove(config + "/profiles");
     EXPECT_EQ(reply_of(handle_get_profile_list), R"({"result":3})");
     EXPECT_EQ(reply_of(handle_add_profile, R"({"ip":0,"apn":"x"})"), R"({"result":3})");
@@ -92,59 +102,6 @@ TEST_F(Profiles, FailuresOfThePackageAreTheLibrarysCodes)
     EXPECT_EQ(reply_of(handle_get_profile_list), R"({"result":5})");
     EXPECT_EQ(reply_of(handle_delete_profile, R"({"id":0})"), R"({"result":5})");
     EXPECT_EQ(content("profiles"), "config\nrubbish \x01 here\n");
-}
-
-TEST_F(Profiles, AnIdThatIsNotThereIsRefused)
-{
-    for (const char *argument : {R"({"id":-2,"name":"x"})", R"({"id":2,"name":"x"})"}) {
-        for (Handler handler : {handle_get_profile, handle_modify_profile, handle_delete_profile})
-            EXPECT_EQ(reply_of(handler, argument), MISSING) << argument;
-    }
-    EXPECT_EQ(reply_of(handle_get_profile, R"({"id":-1})"), MISSING);
-    EXPECT_EQ(content("profiles"), TWO_PROFILES);
-    EXPECT_TRUE(fake_shell.commands.empty());
-}
-
-TEST_F(Profiles, WhatIsAddedIsRead)
-{
-    write("profiles", "\n");
-    EXPECT_EQ(reply_of(handle_add_profile,
-                       R"({"ip":1,"apn":"a=b.c 'd' #","name":"Zürich ☎","username":"u","password":"pä","auth":2})"),
-              DONE);
-    EXPECT_EQ(log_count(".name=Zürich ☎\n"), 1);
-    EXPECT_EQ(log_count(".password=**\n"), 1);
-    EXPECT_EQ(
-        first_profile(),
-        R"({"result":0,"ip_family":1,"apn":"a=b.c 'd' #","name":"Zürich ☎","username":"u","password":"pä","auth":2})");
-    // User name and password are taken only together with a type of authentication.
-    EXPECT_EQ(reply_of(handle_add_profile, R"({"ip":4,"apn":"x","username":"u","password":"p"})"), DONE);
-    EXPECT_EQ(reply_of(handle_get_profile, R"({"id":1})"),
-              R"({"result":0,"ip_family":4,"apn":"x","name":"","username":"","password":"","auth":0})");
-}
-
-TEST_F(Profiles, ModifyChangesWhatIsGiven)
-{
-    EXPECT_EQ(reply_of(handle_modify_profile, R"({"id":0,"name":"Renamed"})"), DONE);
-    EXPECT_EQ(
-        first_profile(),
-        R"({"result":0,"ip_family":2,"apn":"internet","name":"Renamed","username":"me","password":"secret","auth":1})");
-    EXPECT_EQ(reply_of(handle_modify_profile, R"({"id":0,"ip":0,"username":"","auth":0})"), DONE);
-    EXPECT_EQ(
-        first_profile(),
-        R"({"result":0,"ip_family":0,"apn":"internet","name":"Renamed","username":"","password":"secret","auth":0})");
-    EXPECT_EQ(reply_of(handle_modify_profile, R"({"id":1,"apn":"third"})"), DONE);
-    EXPECT_NE(content("profiles").find("option extra 'kept'"), std::string::npos);
-}
-
-TEST_F(Profiles, DeleteTakesOneOrAll)
-{
-    EXPECT_EQ(reply_of(handle_delete_profile, R"({"id":0})"), DONE);
-    EXPECT_NE(first_profile().find(R"("apn":"other")"), std::string::npos);
-    EXPECT_EQ(reply_of(handle_get_profile, R"({"id":1})"), MISSING);
-    EXPECT_TRUE(fake_shell.commands.empty());
-    EXPECT_EQ(reply_of(handle_delete_profile), DONE);
-    EXPECT_EQ(reply_of(handle_delete_profile, R"({"id":-1})"), DONE);
-    EXPECT_EQ(fake_shell.commands, Strings(2, "echo \"\" > /etc/config/profiles"));
 }
 
 TEST_F(Profiles, AValueIsStoredWholeOrTheProfileNotAtAll)
@@ -197,8 +154,6 @@ TEST_F(Profiles, ControlCharactersAreRefused)
     EXPECT_EQ(log_count("holds a control character", LOG_ERR), 24);
     EXPECT_EQ(content("profiles"), TWO_PROFILES);
     EXPECT_TRUE(fs::is_empty(pending));
-    EXPECT_EQ(reply_of(handle_modify_profile, R"({"id":0,"name":"tab\tand\nline"})"), DONE);
-    EXPECT_NE(first_profile().find("tab\\tand\\nline"), std::string::npos);
 }
 
 TEST_F(Profiles, WithoutDescriptorsNothingIsReportedAsStored)
@@ -285,62 +240,12 @@ TEST_F(Profiles, OneOptionIsWrittenOnlyWhenItChanges)
     EXPECT_NE(content("profiles").find("option apn 'written'"), std::string::npos);
 }
 
-TEST_F(Profiles, ArgumentsAreChecked)
+TEST_F(Profiles, DefaultApnIsTheOperators)
 {
-    struct {
-        Handler handler;
-        const char *arguments;
-    } rows[] = {
-        {handle_add_profile, R"({"ip":0})"},
-        {handle_add_profile, R"({"apn":"x"})"},
-        {handle_add_profile, R"({"ip":"0","apn":"x"})"},
-        {handle_select_profile, "{}"},
-        {handle_get_profile, R"({"id":"0"})"},
-        {handle_modify_profile, R"({"id":0})"},
-        {handle_modify_profile, R"({"name":"x"})"},
-        {handle_set_default_apn, R"({"apn":"x","ip":4})"},
-        {handle_set_default_apn, R"({"apn":"x","ip":-1})"},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(reply_of(row.handler, row.arguments), "status 2") << row.arguments;
-    EXPECT_TRUE(fake_link.sent.empty());
-    EXPECT_TRUE(fake_clock.sleeps.empty());
-}
-
-TEST_F(Profiles, SelectAppliesTheProfileOrEmptiesTheContext)
-{
-    EXPECT_EQ(reply_of(handle_select_profile, R"({"id":0})"), DONE);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CGAUTH=1,1,\"me\",\"secret\"\r", "AT+CGDCONT=1,\"IPV6\",\"internet\"\r"}));
-    fake_link.reset();
-    EXPECT_EQ(reply_of(handle_select_profile, R"({"id":9})"), MISSING);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CGAUTH=1,0\r", "AT+CGDCONT=1,\"IP\"\r"}));
-    EXPECT_EQ(fake_wanmd.notices, (Strings{"apn_ipv6", "apn_ipv4"}));
-}
-
-TEST_F(Profiles, DefaultApnComesFromArgumentsOrFromTheOperatorsProfile)
-{
-    EXPECT_EQ(reply_of(handle_set_default_apn, R"({"apn":"net","ip":3,"auth":2,"username":"u","password":"p"})"), DONE);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CGAUTH=1,2,\"u\",\"p\"\r", "AT+CGDCONT=1,\"IPV4V6\",\"net\"\r"}));
-    EXPECT_EQ(fake_clock.sleeps, std::vector<uint32_t>{1000});
-
-    fake_link.reset();
-    EXPECT_EQ(reply_of(handle_set_default_apn), DONE);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CGAUTH=1,0,\"\",\"\"\r", "AT+CGDCONT=1,\"IPV4V6\",\"\"\r"}));
-
-    fake_link.reset();
     write("default_profile", "config profile 'profile'\n\toption apn 'operator'\n\toption ip_family '2'\n");
     EXPECT_EQ(reply_of(handle_set_default_apn, R"({"ip":9})"), DONE);
     EXPECT_EQ(fake_link.sent, (Strings{"AT+CGAUTH=1,0\r", "AT+CGDCONT=1,\"IPV6\",\"operator\"\r"}));
-    EXPECT_EQ(log_count("set default profile to default state", -1), 2);
-}
-
-TEST_F(Profiles, TextsThatWouldEndACommandChangeNothing)
-{
-    for (const char *arguments : {R"({"apn":"a\rATZ"})", R"({"apn":"a","auth":1,"username":"\u001a","password":"p"})"})
-        EXPECT_EQ(reply_of(handle_set_default_apn, arguments), R"({"result":65535})") << arguments;
-    EXPECT_TRUE(fake_link.sent.empty());
-    EXPECT_TRUE(fake_wanmd.notices.empty());
-    EXPECT_TRUE(fake_shell.commands.empty());
+    EXPECT_EQ(log_count("set default profile to default state", -1), 1);
 }
 
 TEST_F(Profiles, DefaultProfileFillsWhatItHas)

@@ -164,25 +164,6 @@ TEST_F(Ubusd, AnswersByteForByte)
     client.expect("0001 000b 00000000 0000000c 01000008 00000000");
 }
 
-TEST_F(Ubusd, PassesCallsAndAnswers)
-{
-    raw_client owner, caller;
-    const std::string object = hex32(owner.add_object());
-    caller.send_hex("0005 0102" + object + "00000020 03000008" + object +
-                    "04000006 6d000000 0700000c 85000008 00000000");
-    bytes call = owner.receive();
-    ASSERT_GT(call.size(), 20u);
-    std::string seen = to_hex(call);
-    EXPECT_EQ(seen.substr(0, 16), text("0005 0102" + hex32(caller.id)));
-    EXPECT_EQ(seen.substr(24, 32), text("03000008" + object + "04000006 6d000000"));
-    EXPECT_NE(seen.find(text("0700000c 85000008 00000000")), std::string::npos);
-
-    owner.send_hex("0002 0102" + hex32(caller.id) + "00000010 03000008" + object + "07000004");
-    owner.send_hex("0001 0102" + hex32(caller.id) + "00000014 01000008 00000000 03000008" + object);
-    caller.expect("0002 0102" + object + "00000010 03000008" + object + "07000004");
-    caller.expect("0001 0102" + object + "00000014 01000008 00000000 03000008" + object);
-}
-
 TEST_F(Ubusd, RefusesWithAStatus)
 {
     raw_client client, other;
