@@ -115,7 +115,8 @@ TEST_F(AtPacket, TheEmptyContextIsToldWhenItIsDefined)
 
 TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
 {
-    const std::string query = "AT+CAVIMS?\r";
+    const std::string query = "AT+CAVIMS?\r", set = "AT+CAVIMS=1\r", OK = "\r\nOK\r\n";
+    const Answer none = std::nullopt;
     struct {
         std::vector<Answer> answers;
         int32_t enable;
@@ -126,16 +127,13 @@ TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
         {{ok_answer({"+CAVIMS: 0"})}, 0, RESULT_OK, {query}},
         {{ok_answer({"+CAVIMS:1"})}, 1, RESULT_OK, {query}},
         {{"+CAVIMS: 1"}, 1, RESULT_ERROR, {query}},
-        {{ok_answer({"+CAVIMS: 0"}), "\r\nOK\r\n"}, 1, RESULT_OK, {query, "AT+CAVIMS=1\r"}},
+        {{ok_answer({"+CAVIMS: 0"}), OK}, 1, RESULT_OK, {query, set}},
         // A digit elsewhere says nothing about the state.
-        {{ok_answer({"+CTZV: +1,+CAVIMS: 1", "+CAVIMS: 0"}), "\r\nOK\r\n"}, 1, RESULT_OK, {query, "AT+CAVIMS=1\r"}},
-        {{ok_answer({"+CAVIMS: (0,1)"}), "\r\nOK\r\n"}, 0, RESULT_OK, {query, "AT+CAVIMS=0\r"}},
-        {{"\r\n+CME ERROR: 100\r\n", "\r\nERROR\r\n"}, 1, RESULT_ERROR, {query, "AT+CAVIMS=1\r"}},
-        {{std::nullopt, std::nullopt, ok_answer({"+CAVIMS: 1"})}, 1, RESULT_OK, {query, query, query}},
-        {{std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, "\r\nOK\r\n"},
-         1,
-         RESULT_OK,
-         {query, query, query, query, query, "AT+CAVIMS=1\r", "AT+CAVIMS=1\r"}},
+        {{ok_answer({"+CTZV: +1,+CAVIMS: 1", "+CAVIMS: 0"}), OK}, 1, RESULT_OK, {query, set}},
+        {{ok_answer({"+CAVIMS: (0,1)"}), OK}, 0, RESULT_OK, {query, "AT+CAVIMS=0\r"}},
+        {{"\r\n+CME ERROR: 100\r\n", "\r\nERROR\r\n"}, 1, RESULT_ERROR, {query, set}},
+        {{none, none, ok_answer({"+CAVIMS: 1"})}, 1, RESULT_OK, {query, query, query}},
+        {{none, none, none, none, none, none, OK}, 1, RESULT_OK, {query, query, query, query, query, set, set}},
     };
     for (const auto &row : rows) {
         fake_link.reset();

@@ -121,7 +121,6 @@ TEST_F(Indications, PacketDataContext)
         {"+CGDCONT: 1,\"IP\", \"auto\"", 0, "auto", 1},
         {"+CGDCONT: 1,\"PPP\",\"\",", -1, "", 1},
         {"+CGDCONT: 1,\"IP\"", 0, "", 1},
-        {"+CGDCONT: 1,\"IP\",,\"0.0.0.0\"", 0, "", 1},
         {"+CGDCONT: 1,\"IP\",\"cut", 0, "", 1},
         {"+CGDCONT: 1,\"", -1, "", 1},
         {"+CGDCONT: 1,", 7, "before", 1},

@@ -41,6 +41,13 @@ protected:
     {
         return fake_files.content(PATH);
     }
+    // What the messages are after a restart.
+    static Lines restarted()
+    {
+        const std::string saved = file();
+        EXPECT_EQ(load(saved), 0);
+        return stored();
+    }
     // The bytes that a store of the present content gives when nothing of it is on the disk yet.
     static std::string rewritten()
     {
@@ -130,11 +137,9 @@ TEST_F(MessageFile, RecordsAreTheBytesOfTheFormat)
     EXPECT_EQ(file(), MAGIC + SINGLE_RECORD + LONG_RECORD);
     EXPECT_TRUE(messages_on_disk());
 
-    std::string saved = file();
-    EXPECT_EQ(load(saved), 0);
-    EXPECT_EQ(stored(), (Lines{"491 read Hi", "7 2=\0B 1=\xFF"s}));
+    EXPECT_EQ(restarted(), (Lines{"491 read Hi", "7 2=\0B 1=\xFF"s}));
     EXPECT_TRUE(message_array.file.current);
-    EXPECT_EQ(rewritten(), saved);
+    EXPECT_EQ(rewritten(), file());
 }
 
 TEST_F(MessageFile, AppendingGivesTheBytesOfARewrite)
@@ -154,10 +159,8 @@ TEST_F(MessageFile, AppendingGivesTheBytesOfARewrite)
         inodes.insert(message_array.file.identity.inode);
     }
     EXPECT_EQ(inodes.size(), 1u) << "the file was replaced";
-    std::string appended = file();
-    EXPECT_EQ(rewritten(), appended);
-    EXPECT_EQ(load(appended), 0);
-    EXPECT_EQ(message_array.count, 30u);
+    EXPECT_EQ(rewritten(), file());
+    EXPECT_EQ(restarted().size(), 30u);
 }
 
 TEST_F(MessageFile, NothingToSaveTouchesNothing)
@@ -182,10 +185,8 @@ TEST_F(MessageFile, AFileCutAnywhereLosesOnlyTheRecordThatWasCut)
         ASSERT_EQ(message_array.count, complete) << size;
         add({.text = "new"});
         ASSERT_EQ(save(), 0);
-        std::string saved = file();
-        ASSERT_EQ(load(saved), 0);
-        ASSERT_EQ(message_array.count, complete + 1) << "behind a torn record at " << size;
-        ASSERT_EQ(rewritten(), saved);
+        ASSERT_EQ(restarted().size(), complete + 1) << "behind a torn record at " << size;
+        ASSERT_EQ(rewritten(), file());
     }
 }
 
@@ -261,7 +262,7 @@ TEST_F(MessageFile, ReadErrorKeepsTheOldFile)
 // A folder that is mounted after the start, a file that cannot be read at first, a file that somebody else put there.
 TEST_F(MessageFile, AFileThatWasNeverLoadedIsTakenUp)
 {
-    const std::string other = MAGIC + SINGLE_RECORD + LONG_RECORD; // "491 read Hi" and parts 2 and 1 of 3
+    const std::string other = MAGIC + SINGLE_RECORD + LONG_RECORD, long_one = "7 2=\0B 1=\xFF"s;
     const Incoming same = {.text = "Hi", .sender = "491", .smsc = "1722"};
     Incoming third = LONG_PART;
     third.text = "C";
@@ -273,14 +274,10 @@ TEST_F(MessageFile, AFileThatWasNeverLoadedIsTakenUp)
         std::vector<Incoming> arrived;
         Lines messages;
     } rows[] = {
-        {"nothing came meanwhile", "", other, {}, {"491 read Hi", "7 2=\0B 1=\xFF"s}},
-        {"a message came", "", other, {{.sender = "new"}}, {"491 read Hi", "7 2=\0B 1=\xFF"s, "new text"}},
-        {"the same ones came", "", other, {same, third}, {"491 read Hi", "7 2=\0B 1=\xFF 3=C +"s}},
-        {"the store had a file of its own",
-         MAGIC,
-         other,
-         {{.sender = "new"}},
-         {"491 read Hi", "7 2=\0B 1=\xFF"s, "new text"}},
+        {"nothing came meanwhile", "", other, {}, {"491 read Hi", long_one}},
+        {"a message came", "", other, {{.sender = "new"}}, {"491 read Hi", long_one, "new text"}},
+        {"the same ones came", "", other, {same, third}, {"491 read Hi", long_one + " 3=C +"}},
+        {"the store had its own file", MAGIC, other, {{.sender = "new"}}, {"491 read Hi", long_one, "new text"}},
         {"JSON appears", "", "[" + object() + "]", {same}, {"491 read Hi"}},
         {"what appears is damaged", "", "rubbish", {{.sender = "new"}}, {"new text"}},
     };
@@ -295,10 +292,8 @@ TEST_F(MessageFile, AFileThatWasNeverLoadedIsTakenUp)
                 add(in);
             EXPECT_EQ(routine ? retry_messages(PATH.c_str()) : save(), 0) << row.what;
             EXPECT_EQ(stored(), row.messages) << row.what;
-            std::string saved = file();
             EXPECT_EQ(fake_files.has(PATH + ".damaged"), row.after == "rubbish") << row.what;
-            EXPECT_EQ(load(saved), 0);
-            EXPECT_EQ(stored(), row.messages) << row.what << " after a restart";
+            EXPECT_EQ(restarted(), row.messages) << row.what;
         }
     }
 }
@@ -403,9 +398,7 @@ TEST_F(MessageFile, JsonText)
         EXPECT_EQ(log_count(row.printed, -1) > 0, !row.printed.empty()) << row.what;
         EXPECT_EQ(save(), 0);
         EXPECT_EQ(file().substr(0, 4), MAGIC) << row.what;
-        std::string saved = file();
-        EXPECT_EQ(load(saved), 0);
-        EXPECT_EQ(stored(), row.messages) << row.what << " after a save";
+        EXPECT_EQ(restarted(), row.messages) << row.what;
     }
 }
 
@@ -460,9 +453,7 @@ TEST_F(MessageFile, StartMovesTheOlderFile)
         start_message_store();
         EXPECT_EQ(stored(), row.messages) << row.what;
         EXPECT_FALSE(fake_files.has(legacy)) << row.what;
-        std::string saved = file();
-        load(saved);
-        EXPECT_EQ(stored(), row.messages) << row.what << " in the file";
+        EXPECT_EQ(restarted(), row.messages) << row.what;
     }
     SetUp();
     fake_files.put(legacy, "[" + object() + "]");
@@ -525,9 +516,7 @@ TEST_P(FailingSave, LeavesTheOldOrTheNewFileAndIsMadeGoodByTheNextOne)
             fake_files.fail_at = 0;
             EXPECT_EQ(save(), 0);
             EXPECT_TRUE(messages_on_disk());
-            const std::string saved = file();
-            EXPECT_EQ(load(saved), 0);
-            EXPECT_EQ(stored(), after);
+            EXPECT_EQ(restarted(), after);
             for (const FakeFiles::Disk &disk : disks) {
                 fake_files.restore(disk);
                 forget_store();
