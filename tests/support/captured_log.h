@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <syslog.h>
 #include <vector>
 
 struct LogLine {

@@ -8,9 +8,6 @@
 // Qualcomm based: a label before each group, everything in hexadecimal.
 inline const std::string lte_fm160 = ok_answer(
     {"+GTCCINFO:", "LTE service cell:", "1,4,460,01,4F50,52AB337,672,1E4,103,100,44,63,63,24", "LTE neighbor cell:"});
-inline const std::string lte_fm150 =
-    ok_answer({"+GTCCINFO:", "LTE service cell:", "1,4,262,02,BFD3,2DA201,189C,30,120,50,16,42,42,26",
-               "LTE neighbor cell:", "2,4,,,,,189C,190,,24,24,2", "2,4,,,,,189C,DB,,34,34,10"});
 inline const std::string nr_qualcomm =
     "+GTCCINFO: \r\nNR service cell: \r\n1,9,310,260,A2E700,101EA212F,7EFAE,290,5041,100,113,87,87,64\r\n\r\nOK";
 inline const std::string en_dc_qualcomm =

@@ -1,36 +1,19 @@
 #include "at_packet.h"
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "captured_log.h"
-#include "fake_modem_link.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
-#include "log.h"
+#include "modem_test.h"
 #include "profile_store.h"
 #include "waiting.h"
-
-using Answer = FakeLink::Answer;
-using Strings = std::vector<std::string>;
-
-static const Strings NONE;
 
 // Everything that leaves the daemon, in order.
 static Strings events;
 
-class AtPacket : public testing::Test {
+class AtPacket : public ModemTest<fake_shell, fake_wanmd> {
 protected:
     void SetUp() override
     {
-        fake_link.reset();
-        fake_shell.reset();
-        fake_wanmd.reset();
-        clear_log();
         events.clear();
-        running.store(1);
         fake_shell.status = [](const std::string &command) {
             events.push_back(command);
             return 1; // is not looked at
@@ -57,40 +40,6 @@ static ApnProfile profile(int32_t family, const char *apn, int32_t auth = 0, con
     record.username = user;
     record.password = password;
     return record;
-}
-
-TEST_F(AtPacket, ActivationSendsStateThenContext)
-{
-    EXPECT_EQ(at_set_pdp_context_activation(1, 1), RESULT_OK);
-    EXPECT_EQ(at_set_pdp_context_activation(1, 0), RESULT_OK);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+CGACT=1,1\r", "AT+CGACT=0,1\r"}));
-    answer(std::nullopt);
-    EXPECT_EQ(at_set_pdp_context_activation(-1, 1), RESULT_REQUEST_FAILED);
-    EXPECT_EQ(fake_link.sent.back(), "AT+CGACT=1,-1\r");
-}
-
-TEST_F(AtPacket, DataCallLeavesOutWhatIsNotGiven)
-{
-    const std::string long_apn(300, 'a');
-    struct {
-        RmnetCallRequest call;
-        std::string sent; // empty: refused
-    } rows[] = {
-        {{1, 0, 0, 0, 0, 0, 0, 0, {}}, "AT$QCRMCALL=1,1\r"},
-        {{1, 1, 1, 1, 1, 0, 0, 0, {}}, "AT$QCRMCALL=1,1,1,2,1\r"},
-        {{0, 0, 0, 0, 0, 1, 7, 1, "net"}, "AT$QCRMCALL=0,1,7,\"net\"\r"},
-        {{1, 1, 300, 0, 0, 0, 0, 1, ""}, "AT$QCRMCALL=1,1,300\r"},
-        {{1, 0, 0, 0, 0, 0, 0, 1, long_apn}, "AT$QCRMCALL=1,1,\"" + long_apn + "\"\r"},
-        {{1, 0, 0, 0, 0, 0, 0, 1, "a\"b"}, ""},
-        {{1, 0, 0, 0, 0, 0, 0, 1, "a\bAT+CFUN=0"}, ""},
-    };
-    for (const auto &row : rows) {
-        fake_link.sent.clear();
-        clear_log();
-        EXPECT_EQ(at_rmnet_call(&row.call), row.sent.empty() ? RESULT_ERROR : RESULT_OK) << row.sent;
-        EXPECT_EQ(fake_link.sent, row.sent.empty() ? NONE : Strings{row.sent});
-        EXPECT_EQ(logged().size(), row.sent.empty() ? 1u : 0u);
-    }
 }
 
 TEST_F(AtPacket, AuthenticationNamesUserAndPasswordOnlyWhenThereIsOne)
@@ -122,60 +71,53 @@ TEST_F(AtPacket, AuthenticationNamesUserAndPasswordOnlyWhenThereIsOne)
 
 TEST_F(AtPacket, ContextTellsTheFamilyBeforeItIsDefined)
 {
-    const ApnProfile ipv6 = profile(2, "internet");
-    EXPECT_EQ(at_set_pdp_context(1, &ipv6), RESULT_OK);
-    EXPECT_EQ(events, (Strings{"apn_ipv6", "uci set wanmd.@profile[0].ip_family=IPV6", "uci commit wanmd",
-                               "AT+CGDCONT=1,\"IPV6\",\"internet\"\r"}));
-    EXPECT_EQ(logged().back().text, "execute: AT+CGDCONT=1,\"IPV6\",\"internet\"\n");
-
-    events.clear();
+    const ApnProfile ipv6 = profile(2, "internet"), ipv4 = profile(0, ""), odd = profile(1, "x;y");
+    const ApnProfile hostile = profile(0, "a\rATZ");
+    struct {
+        int32_t cid;
+        const ApnProfile *record;
+        const char *notice, *family, *command; // null: not there
+    } rows[] = {
+        {1, &ipv6, "apn_ipv6", "IPV6", "AT+CGDCONT=1,\"IPV6\",\"internet\"\r"},
+        {3, &ipv4, "apn_ipv4", "IPV4", "AT+CGDCONT=3,\"IP\"\r"},
+        {2, &odd, nullptr, nullptr, "AT+CGDCONT=2,\"IPV4V6\",\"x;y\"\r"},
+        {2, nullptr, nullptr, nullptr, "AT+CGDCONT=2,\"IPV4V6\",\"ims\"\r"},
+        {1, &hostile, nullptr, nullptr, nullptr},
+        {3, nullptr, nullptr, nullptr, nullptr},
+    };
+    for (const auto &row : rows) {
+        Strings expected;
+        if (row.notice)
+            expected.push_back(row.notice);
+        if (row.family)
+            expected.insert(expected.end(),
+                            {"uci set wanmd.@profile[0].ip_family=" + std::string(row.family), "uci commit wanmd"});
+        if (row.command)
+            expected.push_back(row.command);
+        events.clear();
+        result_t code = at_set_pdp_context(row.cid, row.record);
+        EXPECT_EQ(code, row.command ? RESULT_OK : row.record ? RESULT_ERROR : RESULT_REFUSED);
+        EXPECT_EQ(events, expected);
+    }
+    EXPECT_EQ(log_count("execute: AT+CGDCONT=1,\"IPV6\",\"internet\"\n"), 1);
+    EXPECT_EQ(log_count("refused", LOG_ERR), 1);
     answer("\r\n+CME ERROR: 3\r\n");
-    const ApnProfile ipv4 = profile(0, "");
     EXPECT_EQ(at_set_pdp_context(3, &ipv4), RESULT_ERROR);
-    EXPECT_EQ(events, (Strings{"apn_ipv4", "uci set wanmd.@profile[0].ip_family=IPV4", "uci commit wanmd",
-                               "AT+CGDCONT=3,\"IP\"\r"}));
-
-    events.clear();
-    const ApnProfile odd = profile(1, "x");
-    EXPECT_EQ(at_set_pdp_context(2, &odd), RESULT_ERROR);
-    EXPECT_EQ(events, Strings{"AT+CGDCONT=2,\"IPV4V6\",\"x\"\r"});
 }
 
-TEST_F(AtPacket, ContextWithoutProfile)
+TEST_F(AtPacket, TheEmptyContextIsToldWhenItIsDefined)
 {
     EXPECT_EQ(at_set_pdp_context(1, nullptr), RESULT_OK);
     EXPECT_EQ(events, (Strings{"AT+CGDCONT=1,\"IPV4V6\",\"\"\r", "apn_ipv4v6"}));
-    events.clear();
-    EXPECT_EQ(at_set_pdp_context(2, nullptr), RESULT_OK);
-    EXPECT_EQ(events, Strings{"AT+CGDCONT=2,\"IPV4V6\",\"ims\"\r"});
-    events.clear();
-    EXPECT_EQ(at_set_pdp_context(3, nullptr), RESULT_REFUSED);
-    EXPECT_EQ(events, NONE);
     answer(std::nullopt);
     EXPECT_EQ(at_set_pdp_context(1, nullptr), RESULT_REQUEST_FAILED);
-    EXPECT_EQ(fake_wanmd.notices, Strings{"apn_ipv4v6"}); // of the first call alone
-}
-
-TEST_F(AtPacket, ContextRefusesWhatWouldEndTheCommand)
-{
-    for (const std::string &apn : {std::string("a\rATZ"), std::string("a\nb"), std::string("a\x1a"),
-                                   std::string("a\tb"), std::string("a\"b"), std::string(1500, 'a')}) {
-        clear_log();
-        const ApnProfile hostile = profile(0, apn.c_str());
-        EXPECT_EQ(at_set_pdp_context(1, &hostile), RESULT_ERROR);
-        EXPECT_EQ(events, NONE);
-        EXPECT_EQ(log_count("refused", LOG_ERR), 1);
-    }
-    for (const std::string &apn : {std::string("a;b"), std::string(64, 'a'), std::string(600, 'a')}) {
-        const ApnProfile plain = profile(0, apn.c_str());
-        EXPECT_EQ(at_set_pdp_context(2, &plain), RESULT_OK);
-        EXPECT_EQ(fake_link.sent.back(), "AT+CGDCONT=2,\"IP\",\"" + apn + "\"\r");
-    }
+    EXPECT_EQ(fake_wanmd.notices, (Strings{"apn_ipv4v6"})) << "of the first call alone";
 }
 
 TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
 {
-    const std::string query = "AT+CAVIMS?\r";
+    const std::string query = "AT+CAVIMS?\r", set = "AT+CAVIMS=1\r", OK = "\r\nOK\r\n";
+    const Answer none = std::nullopt;
     struct {
         std::vector<Answer> answers;
         int32_t enable;
@@ -186,16 +128,13 @@ TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
         {{ok_answer({"+CAVIMS: 0"})}, 0, RESULT_OK, {query}},
         {{ok_answer({"+CAVIMS:1"})}, 1, RESULT_OK, {query}},
         {{"+CAVIMS: 1"}, 1, RESULT_ERROR, {query}},
-        {{ok_answer({"+CAVIMS: 0"}), "\r\nOK\r\n"}, 1, RESULT_OK, {query, "AT+CAVIMS=1\r"}},
+        {{ok_answer({"+CAVIMS: 0"}), OK}, 1, RESULT_OK, {query, set}},
         // A digit elsewhere says nothing about the state.
-        {{ok_answer({"+CTZV: +1,+CAVIMS: 1", "+CAVIMS: 0"}), "\r\nOK\r\n"}, 1, RESULT_OK, {query, "AT+CAVIMS=1\r"}},
-        {{ok_answer({"+CAVIMS: (0,1)"}), "\r\nOK\r\n"}, 0, RESULT_OK, {query, "AT+CAVIMS=0\r"}},
-        {{"\r\n+CME ERROR: 100\r\n", "\r\nERROR\r\n"}, 1, RESULT_ERROR, {query, "AT+CAVIMS=1\r"}},
-        {{std::nullopt, std::nullopt, ok_answer({"+CAVIMS: 1"})}, 1, RESULT_OK, {query, query, query}},
-        {{std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, "\r\nOK\r\n"},
-         1,
-         RESULT_OK,
-         {query, query, query, query, query, "AT+CAVIMS=1\r", "AT+CAVIMS=1\r"}},
+        {{ok_answer({"+CTZV: +1,+CAVIMS: 1", "+CAVIMS: 0"}), OK}, 1, RESULT_OK, {query, set}},
+        {{ok_answer({"+CAVIMS: (0,1)"}), OK}, 0, RESULT_OK, {query, "AT+CAVIMS=0\r"}},
+        {{"\r\n+CME ERROR: 100\r\n", "\r\nERROR\r\n"}, 1, RESULT_ERROR, {query, set}},
+        {{none, none, ok_answer({"+CAVIMS: 1"})}, 1, RESULT_OK, {query, query, query}},
+        {{none, none, none, none, none, none, OK}, 1, RESULT_OK, {query, query, query, query, query, set, set}},
     };
     for (const auto &row : rows) {
         fake_link.reset();
@@ -209,86 +148,4 @@ TEST_F(AtPacket, ImsVoiceIsSetOnlyWhenItsStateDiffers)
     EXPECT_EQ(fake_link.sent.size(), 10u);
     EXPECT_EQ(fake_link.expected.front(), "+CAVIMS:");
     EXPECT_EQ(fake_link.expected.back(), "OK");
-}
-
-TEST_F(AtPacket, UsbLockChoosesTheInterfaceMode)
-{
-    EXPECT_EQ(at_set_fm160_usb_lock(1), RESULT_OK);
-    EXPECT_EQ(at_set_fm160_usb_lock(0), RESULT_OK);
-    EXPECT_EQ(fake_link.sent, (Strings{"AT+GTINTFMODE=2\r", "AT+GTINTFMODE=1\r"}));
-}
-
-static const char DUAL_STACK[] =
-    "\r\n+CGDCONT: 0,\"IPV4V6\",\"CMIOT\",\"10.9.99.100,32.1.13.184.0.30.4.217.0.0.0.0.0.0.0.1\",0,0,0,0\r\n"
-    "+CGDCONT: 1,\"IPV4V6\",\"CMIOT\",\"10.9.99.100,32.1.13.184.0.30.4.217.0.0.0.0.0.0.0.1\",0,0,0,0\r\n"
-    "+CGDCONT: 2,\"IPV4V6\",\"\",\"0.0.0.0,0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\",0,0,0,0\r\n"
-    "+CGDCONT: 11,\"IPV6\",\"ims\",\"0.0.0.0,0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\",0,0,0,0\r\n\r\nOK\r\n";
-
-TEST_F(AtPacket, ConnectedMeansAnAddressOfContextOne)
-{
-    struct {
-        Answer answer;
-        result_t code;
-        uint8_t connected;
-    } rows[] = {
-        {DUAL_STACK, RESULT_OK, 1},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\",\"10.1.2.3\",0,0,0,0"}), RESULT_OK, 1},
-        {"\r\n+CGDCONT: 1,\"IP\",\"auto\",\"10.1.2.3\"\r\n", RESULT_OK, 1},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\",\"0.0.0.0\",0,0,0,0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IPV4V6\",\"a,b\",\"0.0.0.0,32.1.13.184.0.30.4.217.0.0.0.0.0.0.0.1\",0,0,0,0"}),
-         RESULT_OK, 1},
-        {ok_answer({"+CGDCONT: 1,\"IPV4V6\",\"\",\"0.0.0.0, 0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0\",0,0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IPV6\",\"\",\"::\",0,0"}), RESULT_OK, 0},
-        {ok_answer({"+CTZV: +CGDCONT: 1,\"IP\",\"auto\",\"10.1.2.3\"", "+CGDCONT:1,\"IP\",\"auto\",\"0.0.0.0\""}),
-         RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IPV4V6\",\"x\",\"\",,,,,,,,,,"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\""}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 11,\"IP\",\"auto\",\"10.1.2.3\",0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 2,\"IP\",\"auto\",\"10.1.2.3\",0"}), RESULT_OK, 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\"", "+CGDCONT: 2,\"IP\",\"x\",\"10.1.2.3\""}), RESULT_OK, 0},
-        {"+CGDCONT: 1,", RESULT_INCOMPLETE, 0},
-        {"+CGDCONT: ", RESULT_INCOMPLETE, 0},
-        {"\r\nERROR\r\n", RESULT_ERROR, 0},
-        {std::nullopt, RESULT_REQUEST_FAILED, 0},
-    };
-    for (const auto &row : rows) {
-        uint8_t connected = 0;
-        answer(row.answer);
-        EXPECT_EQ(at_check_connectivity(&connected), row.code) << row.answer.value_or("silence");
-        EXPECT_EQ(connected, row.connected) << row.answer.value_or("silence");
-    }
-}
-
-TEST_F(AtPacket, CurrentApnIsOfItsContextAlone)
-{
-    const std::string apn63(63, 'a');
-    struct {
-        Answer answer;
-        int32_t cid;
-        result_t code;
-        std::string apn;
-        int32_t family;
-    } rows[] = {
-        {DUAL_STACK, 1, RESULT_OK, "CMIOT", 3},
-        {DUAL_STACK, 2, RESULT_OK, "", 3},
-        {DUAL_STACK, 11, RESULT_OK, "ims", 2},
-        {DUAL_STACK, 3, RESULT_OK, "", -1},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"auto\",\"0.0.0.0\",0,0,0,0"}), 1, RESULT_OK, "auto", 0},
-        {ok_answer({"+CGDCONT: 1,\"PPP\",\"auto\""}), 1, RESULT_OK, "auto", -1},
-        {ok_answer({"+CGDCONT: 1,\"IP\""}), 1, RESULT_OK, "", 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"" + apn63 + "\",\"\""}), 1, RESULT_OK, apn63, 0},
-        {ok_answer({"+CGDCONT: 1,\"IP\",\"" + apn63 + "a\",\"\""}), 1, RESULT_ERROR, "", -1},
-        {"\r\n+CGDCONT: 1,\"IPV6\",\"x\"", 1, RESULT_INCOMPLETE, "x", 2},
-        {"\r\n+CME ERROR: 10\r\n", 1, RESULT_ERROR, "", -1},
-        {std::nullopt, 1, RESULT_REQUEST_FAILED, "", -1},
-    };
-    for (const auto &row : rows) {
-        char apn[64] = "";
-        int32_t family = -1;
-        answer(row.answer);
-        EXPECT_EQ(at_get_current_apn(row.cid, apn, &family), row.code) << row.answer.value_or("silence");
-        EXPECT_EQ(apn, row.apn) << row.answer.value_or("silence");
-        EXPECT_EQ(family, row.family) << row.answer.value_or("silence");
-    }
-    EXPECT_EQ(fake_link.expected.front(), "+CGDCONT:");
 }

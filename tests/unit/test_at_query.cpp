@@ -1,9 +1,6 @@
-#include <functional>
-#include <gtest/gtest.h>
-
 #include "at_query.h"
-#include "captured_log.h"
-#include "fake_modem_link.h"
+
+#include "modem_test.h"
 #include "query_methods.h"
 #include "wanmd.h"
 
@@ -47,17 +44,15 @@ const QueryRow query_rows[] = {
     {"caller", at_get_caller_id, 17, "AT+CLCC\r", "+CLCC:", "+CLCC: 1,1,4,0,0,\"+370000000\",145,\"\"", "+370000000"},
 };
 
-struct AtQueryRow : testing::TestWithParam<QueryRow> {
+struct AtQueryRow : ModemTest<>, testing::WithParamInterface<QueryRow> {
     // Exactly as large as the callers' buffer, so that a sanitizer sees one byte too far.
     std::vector<char> out = std::vector<char>(GetParam().size);
 
-    void SetUp() override
+    // What the query makes of the answer; the value is in `out`.
+    result_t get(const Answer &answer)
     {
-        fake_link.reset();
-        clear_log();
-    }
-    result_t get()
-    {
+        std::fill(out.begin(), out.end(), '\0');
+        fake_link.answer_always(answer);
         return GetParam().get(out);
     }
     std::string value()
@@ -68,12 +63,13 @@ struct AtQueryRow : testing::TestWithParam<QueryRow> {
 
 TEST_P(AtQueryRow, CutsTheValueOutOfAGoodAnswer)
 {
-    fake_link.answer_always(ok_answer({GetParam().line}));
-    EXPECT_EQ(get(), RESULT_OK);
+    EXPECT_EQ(get(ok_answer({GetParam().line})), RESULT_OK);
     EXPECT_EQ(value(), GetParam().value);
-    EXPECT_EQ(fake_link.sent, std::vector<std::string>{GetParam().command});
-    EXPECT_EQ(fake_link.expected, std::vector<std::string>{GetParam().expected});
+    EXPECT_EQ(fake_link.sent, Strings{GetParam().command});
+    EXPECT_EQ(fake_link.expected, Strings{GetParam().expected});
     EXPECT_EQ(fake_link.timeouts, std::vector<uint32_t>{3000});
+    EXPECT_EQ(get(std::string("\r\n") + GetParam().line + "\r\n"), RESULT_INCOMPLETE) << "without a final result";
+    EXPECT_EQ(value(), GetParam().value);
 }
 
 // Whatever stands in the other lines, with commas, colons and quotes, and wherever it stands.
@@ -81,24 +77,20 @@ TEST_P(AtQueryRow, CutsOnlyFromItsOwnLines)
 {
     for (const char *foreign : {"+CEREG: 2,1", "+GTDUALSIM: 0,\"SUB1\",\"No Service\"", "+CTZV: +8,1", "+SIM READY",
                                 "AT+X=\"a\",\"b\"", "^MODE: 5,\"x"}) {
-        fake_link.answer_always(ok_answer({foreign, GetParam().line, foreign}));
-        std::fill(out.begin(), out.end(), '\0');
-        EXPECT_EQ(get(), RESULT_OK);
+        EXPECT_EQ(get(ok_answer({foreign, GetParam().line, foreign})), RESULT_OK);
         EXPECT_EQ(value(), GetParam().value) << foreign;
     }
     // The line breaks off before the value ends, and another one holds what would end it.
     std::string line = GetParam().line;
     line.resize(line.find(':') + 2);
-    std::fill(out.begin(), out.end(), '\0');
-    fake_link.answer_always(ok_answer({line, "+CEREG: 2,1", "7,\"x\",\"y\""}));
-    (void)get();
+    (void)get(ok_answer({line, "+CEREG: 2,1", "7,\"x\",\"y\""}));
     EXPECT_EQ(value(), "");
 }
 
 TEST_P(AtQueryRow, KeepsTheOutputEmptyOnFailure)
 {
     const struct {
-        FakeLink::Answer text;
+        Answer text;
         result_t code;
     } rows[] = {
         {"\r\n+CME ERROR: 10\r\n", RESULT_ERROR},
@@ -109,30 +101,11 @@ TEST_P(AtQueryRow, KeepsTheOutputEmptyOnFailure)
         {"\x01\xff\"\",,:::\"", RESULT_ERROR},
     };
     for (const auto &row : rows) {
-        fake_link.answer_always(row.text);
-        EXPECT_EQ(get(), row.code) << (row.text ? *row.text : "silence");
+        EXPECT_EQ(get(row.text), row.code) << row.text.value_or("silence");
         EXPECT_EQ(value(), "");
     }
     fake_link.mutex_error = ETIMEDOUT;
-    EXPECT_EQ(get(), RESULT_ERROR);
-}
-
-TEST_P(AtQueryRow, TakesTheValueWithoutAFinalResultAsIncomplete)
-{
-    fake_link.answer_always(std::string("\r\n") + GetParam().line + "\r\n");
-    EXPECT_EQ(get(), RESULT_INCOMPLETE);
-    EXPECT_EQ(value(), GetParam().value);
-}
-
-TEST_P(AtQueryRow, SurvivesAnAnswerThatIsCutAnywhere)
-{
-    std::string whole = ok_answer({GetParam().line});
-    for (size_t length = 0; length <= whole.size(); length++) {
-        std::fill(out.begin(), out.end(), '\0');
-        fake_link.answer_always(whole.substr(0, length));
-        (void)get();
-        EXPECT_LT(value().size(), GetParam().size);
-    }
+    EXPECT_EQ(get("\r\nOK\r\n"), RESULT_ERROR);
 }
 
 TEST_P(AtQueryRow, RefusesAValueThatDoesNotFit)
@@ -145,8 +118,7 @@ TEST_P(AtQueryRow, RefusesAValueThatDoesNotFit)
         char filler = line[at];
         line.insert(at, std::string(GetParam().size, filler));
     }
-    fake_link.answer_always(ok_answer({line}));
-    EXPECT_EQ(get(), RESULT_ERROR);
+    EXPECT_EQ(get(ok_answer({line})), RESULT_ERROR);
     EXPECT_EQ(value(), "");
     EXPECT_EQ(log_count("longer than", 3), 1);
 }

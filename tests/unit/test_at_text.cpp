@@ -71,30 +71,22 @@ TEST(AtClassify, FirstMatchDecides)
         EXPECT_EQ(at_classify(row.text, row.marker), row.code) << (row.text ? row.text : "null");
 }
 
+// What `next` takes off the text, piece by piece.
+std::vector<std::string> pieces(bool (*next)(std::string_view *, std::string_view *), std::string_view text)
+{
+    std::vector<std::string> all;
+    for (std::string_view piece; next(&text, &piece);)
+        all.emplace_back(piece);
+    return all;
+}
+
 TEST(AtText, FieldsAndLines)
 {
-    std::string_view rest = "a,,b", field;
-    std::vector<std::string> fields;
-    while (next_field(&rest, &field))
-        fields.emplace_back(field);
-    EXPECT_EQ(fields, (std::vector<std::string>{"a", "", "b"}));
-    rest = "x,";
-    fields.clear();
-    while (next_field(&rest, &field))
-        fields.emplace_back(field);
-    EXPECT_EQ(fields, (std::vector<std::string>{"x", ""}));
-
-    rest = " \"a,b\" ,\"c,d";
-    fields.clear();
-    while (next_field(&rest, &field))
-        fields.emplace_back(field);
-    EXPECT_EQ(fields, (std::vector<std::string>{" \"a,b\" ", "\"c", "d"}));
-
-    rest = "\r\n\r\none\r\ntwo\nthree";
-    std::vector<std::string> lines;
-    while (next_line(&rest, &field))
-        lines.emplace_back(field);
-    EXPECT_EQ(lines, (std::vector<std::string>{"one", "two", "three"}));
+    using Pieces = std::vector<std::string>;
+    EXPECT_EQ(pieces(next_field, "a,,b"), (Pieces{"a", "", "b"}));
+    EXPECT_EQ(pieces(next_field, "x,"), (Pieces{"x", ""}));
+    EXPECT_EQ(pieces(next_field, " \"a,b\" ,\"c,d"), (Pieces{" \"a,b\" ", "\"c", "d"}));
+    EXPECT_EQ(pieces(next_line, "\r\n\r\none\r\ntwo\nthree"), (Pieces{"one", "two", "three"}));
 }
 
 TEST(AtText, NumbersSaturateAndStopAtTheFirstOtherCharacter)
@@ -107,9 +99,9 @@ TEST(AtText, NumbersSaturateAndStopAtTheFirstOtherCharacter)
                 {" 12x", 12},
                 {"-7,", -7},
                 {"+3", 3},
+                {"-", 0},
                 {"99999999999999999999", INT32_MAX},
-                {"-99999999999", INT32_MIN},
-                {"-", 0}};
+                {"-99999999999", INT32_MIN}};
     for (const auto &row : rows)
         EXPECT_EQ(leading_int(row.text), row.value) << row.text;
 

@@ -1,14 +1,14 @@
-#include <cstdio>
-#include <fstream>
+#include "config.h"
+
 #include <gtest/gtest.h>
 
 #include "captured_log.h"
-#include "config.h"
+#include "temporary_folder.h"
 
 namespace {
 
 struct ConfigTest : testing::Test {
-    std::string path = testing::TempDir() + "ril_" + std::to_string(getpid()) + ".json";
+    TemporaryFolder folder;
 
     void SetUp() override
     {
@@ -18,107 +18,94 @@ struct ConfigTest : testing::Test {
     void TearDown() override
     {
         free_configuration();
-        remove(path.c_str());
     }
     int read(const std::string &text)
     {
-        std::ofstream(path, std::ios::binary) << text;
-        return read_json(path.c_str());
+        TearDown();
+        folder.write("ril.json", text);
+        return read_json((folder / "ril.json").c_str());
     }
 };
-
-std::string settings(const std::string &members)
-{
-    return R"({"settings": {"port": "/dev/x", "type": "serial", )" + members + "}}";
-}
 
 TEST_F(ConfigTest, MissingAndUnparsableFilesAreRefused)
 {
     EXPECT_EQ(read_json("/nonexistent/ril.json"), -1);
-    EXPECT_EQ(log_count("configuration file not exist.", 3), 1);
+    EXPECT_EQ(log_count("configuration file not exist.", LOG_ERR), 1);
     EXPECT_EQ(parse_settings(), -1);
     EXPECT_EQ(load_pre_execute(), -1);
-    EXPECT_EQ(log_count("configurations not loaded", 3), 2);
-
+    EXPECT_EQ(log_count("configurations not loaded", LOG_ERR), 2);
     for (const char *text : {"", "{\"settings\": ", "\x01\x02", "{\"a\":1}}}{"}) {
-        free_configuration();
-        int result = read(text);
-        EXPECT_EQ(result == 0, json_g != nullptr) << text;
+        const bool good = read(text) == 0;
+        EXPECT_EQ(good, json_g != nullptr) << text;
     }
-    EXPECT_GE(log_count("error before: ", 3), 2);
+    EXPECT_GE(log_count("error before: ", LOG_ERR), 2);
     EXPECT_EQ(read_json("/"), -1);
     EXPECT_EQ(read(std::string(2 << 20, ' ')), -1);
-    EXPECT_EQ(log_count("load configuration file failed.", 3), 2);
+    EXPECT_EQ(log_count("load configuration file failed.", LOG_ERR), 2);
 }
 
-TEST_F(ConfigTest, WithoutSettingsTheDefaultsStay)
+// All settings in the order of their members.
+std::string shown()
 {
-    ASSERT_EQ(read(R"({"RESULTS": ["OK"]})"), 0);
-    EXPECT_EQ(parse_settings(), 0);
-    EXPECT_EQ(settings_g.port, nullptr);
-    EXPECT_EQ(settings_g.requester_interval_s, 5u);
+    std::string text = settings_g.port ? settings_g.port : "none";
+    for (uint32_t number : {settings_g.port_type, settings_g.serial_speed, settings_g.serial_databits,
+                            settings_g.serial_stopbits, settings_g.serial_parity, settings_g.serial_flowcontrol,
+                            settings_g.requester_interval_s, settings_g.burst_gap_ms})
+        text += " " + std::to_string(number);
+    return text;
 }
 
-TEST_F(ConfigTest, ReadsEverySerialKey)
+TEST_F(ConfigTest, GoodSettings)
 {
-    ASSERT_EQ(read(R"({"Settings": {"Port": "/dev/x", "TYPE": "SERIAL", "serial_speed": 9600.9, "serial_databits": 7,
-        "serial_stopbits": "1.5", "serial_parity": "Odd", "serial_flowcontrol": "HARDWARE", "requester_interval_s": 60, "burst_gap_ms": 2000}})"),
-              0);
-    ASSERT_EQ(parse_settings(), 0);
-    EXPECT_STREQ(settings_g.port, "/dev/x");
-    EXPECT_EQ(settings_g.serial_speed, 9600u);
-    EXPECT_EQ(settings_g.serial_databits, 7u);
-    EXPECT_EQ(settings_g.serial_stopbits, 1u);
-    EXPECT_EQ(settings_g.serial_parity, 2u);
-    EXPECT_EQ(settings_g.serial_flowcontrol, 2u);
-    EXPECT_EQ(settings_g.requester_interval_s, 60u);
-    EXPECT_EQ(settings_g.burst_gap_ms, 1000u);
-    EXPECT_EQ(log_count("burst_gap_ms above 1000", 3), 1);
-}
-
-TEST_F(ConfigTest, NumbersOutsideTheirRangeSaturateAndWrongTypesAreIgnored)
-{
-    ASSERT_EQ(read(settings(R"("serial_speed": -5, "serial_databits": 1e20, "serial_stopbits": 1, "serial_parity": 3,
-        "requester_interval_s": "7")")),
-              0);
-    ASSERT_EQ(parse_settings(), 0);
-    EXPECT_EQ(settings_g.serial_speed, 0u);
-    EXPECT_EQ(settings_g.serial_databits, UINT32_MAX);
-    EXPECT_EQ(settings_g.serial_stopbits, 0u);
-    EXPECT_EQ(settings_g.serial_parity, 0u);
-    EXPECT_EQ(settings_g.requester_interval_s, 5u);
+    const struct {
+        const char *text, *settings;
+    } rows[] = {
+        {R"({"RESULTS": ["OK"]})", "none 1 115200 8 0 0 0 5 1"},
+        {R"({"Settings": {"Port": "/dev/x", "TYPE": "SERIAL", "serial_speed": 9600.9, "serial_databits": 7,
+          "serial_stopbits": "1.5", "serial_parity": "Odd", "serial_flowcontrol": "HARDWARE",
+          "requester_interval_s": 60, "burst_gap_ms": 2000}})",
+         "/dev/x 1 9600 7 1 2 2 60 1000"},
+        // A number out of range becomes the nearest one, a value of another type is ignored.
+        {R"({"settings": {"port": "/dev/x", "type": "serial", "serial_speed": -5, "serial_databits": 1e20,
+          "serial_stopbits": 1, "serial_parity": 3, "requester_interval_s": "7"}})",
+         "/dev/x 1 0 4294967295 0 0 0 5 1"},
+        {R"({"settings": {"port": "/dev/mhi_at", "type": "File", "serial_parity": "nonsense"}})",
+         "/dev/mhi_at 0 115200 8 0 0 0 5 1"},
+    };
+    for (const auto &row : rows) {
+        SetUp();
+        ASSERT_EQ(read(row.text), 0) << row.text;
+        EXPECT_EQ(parse_settings(), 0) << row.text;
+        EXPECT_EQ(shown(), row.settings) << row.text;
+        EXPECT_EQ(log_count("burst_gap_ms above 1000", LOG_ERR),
+                  std::string(row.text).find("gap") != std::string::npos);
+    }
 }
 
 TEST_F(ConfigTest, BadSettingsAreNamed)
 {
     const struct {
-        std::string text;
-        std::string message;
+        const char *members, *message;
     } rows[] = {
-        {R"({"settings": {}})", "port not defined or not valid"},
-        {R"({"settings": 5})", "port not defined or not valid"},
-        {R"({"settings": {"port": 1, "type": "file"}})", "port not defined or not valid"},
-        {R"({"settings": {"port": "/dev/x"}})", R"(port type not specified. (support "file","serial"))"},
-        {R"({"settings": {"port": "/dev/x", "type": "usb"}})", R"(invalid port type: usb(only support "file","serial"))"},
-        {settings(R"("serial_stopbits": "1.0")"), R"(invalid stop bit setting: 1.0(only support "1","1.5","2"))"},
-        {settings(R"("serial_parity": "x")"),
+        {"", "port not defined or not valid"},
+        {R"("port": 1, "type": "file")", "port not defined or not valid"},
+        {R"("port": "/dev/x")", R"(port type not specified. (support "file","serial"))"},
+        {R"("port": "x", "type": "usb")", R"(invalid port type: usb(only support "file","serial"))"},
+        {R"("port": "x", "type": "serial", "serial_stopbits": "1.0")",
+         R"(invalid stop bit setting: 1.0(only support "1","1.5","2"))"},
+        {R"("port": "x", "type": "serial", "serial_parity": "x")",
          R"(invalid parity setting: x(only support "none","even","odd","mark","space"))"},
-        {settings(R"("serial_flowcontrol": "x")"), R"(invalid flowcontrol setting: x(only support "software","hardware"))"},
+        {R"("port": "x", "type": "serial", "serial_flowcontrol": "x")",
+         R"(invalid flowcontrol setting: x(only support "software","hardware"))"},
     };
     for (const auto &row : rows) {
-        free_configuration();
+        ASSERT_EQ(read(R"({"settings": {)" + std::string(row.members) + "}}"), 0) << row.members;
         clear_log();
-        ASSERT_EQ(read(row.text), 0) << row.text;
-        EXPECT_EQ(parse_settings(), -1) << row.text;
-        EXPECT_EQ(log_count(row.message, 3), 1) << row.text;
+        EXPECT_EQ(parse_settings(), -1) << row.members;
+        EXPECT_EQ(log_count(row.message, LOG_ERR), 1) << row.members;
     }
-}
-
-TEST_F(ConfigTest, AFilePortIgnoresTheSerialKeys)
-{
-    ASSERT_EQ(read(R"({"settings": {"port": "/dev/mhi_at", "type": "File", "serial_parity": "nonsense"}})"), 0);
-    EXPECT_EQ(parse_settings(), 0);
-    EXPECT_EQ(settings_g.port_type, PORT_FILE);
+    ASSERT_EQ(read(R"({"settings": 5})"), 0);
+    EXPECT_EQ(parse_settings(), -1);
 }
 
 TEST_F(ConfigTest, ListsKeepTheirGoodEntries)
@@ -136,26 +123,23 @@ TEST_F(ConfigTest, ListsKeepTheirGoodEntries)
     EXPECT_STREQ(list->entries[0], "OK");
     EXPECT_EQ(list->entries[1], nullptr);
     EXPECT_STREQ(list->entries[2], "ERROR");
-    EXPECT_EQ(log_count("json value type invalid", 3), 2);
-    EXPECT_EQ(log_count("String: ", 6), 2);
+    EXPECT_EQ(log_count("json value type invalid", LOG_ERR), 2);
+    EXPECT_EQ(log_count("String: ", LOG_INFO), 2);
     free_expected_results(list);
 }
 
 TEST_F(ConfigTest, AbsentListsAreNamed)
 {
     ExpectedResults *list = nullptr;
-    ASSERT_EQ(read("{}"), 0);
-    EXPECT_EQ(load_pre_execute(), 0);
-    EXPECT_EQ(load_expected_results(&list), -1);
-    EXPECT_EQ(log_count("no 'pre_execute_cmds' defined", 3), 1);
-    EXPECT_EQ(log_count("no 'results' defined", 3), 1);
-    free_configuration();
-    ASSERT_EQ(read(R"({"pre_execute_cmds": [], "results": "OK"})"), 0);
-    EXPECT_EQ(load_pre_execute(), 0);
-    EXPECT_EQ(load_expected_results(&list), -1);
-    EXPECT_EQ(log_count("no pre execute command", 3), 1);
-    EXPECT_EQ(log_count("'results' empty", 3), 1);
-    EXPECT_EQ(list, nullptr);
+    for (const char *text : {"{}", R"({"pre_execute_cmds": [], "results": "OK"})"}) {
+        ASSERT_EQ(read(text), 0);
+        EXPECT_EQ(load_pre_execute(), 0);
+        EXPECT_EQ(load_expected_results(&list), -1);
+        EXPECT_EQ(list, nullptr);
+    }
+    for (const char *message :
+         {"no 'pre_execute_cmds' defined", "no 'results' defined", "no pre execute command", "'results' empty"})
+        EXPECT_EQ(log_count(message, LOG_ERR), 1) << message;
 }
 
 } // namespace

@@ -1,15 +1,12 @@
 // The message file on a real disk.
 
-#include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "captured_log.h"
+#include "file_size_limit.h"
 #include "stored_messages.h"
+#include "temporary_folder.h"
 
 namespace fs = std::filesystem;
 
@@ -17,16 +14,12 @@ class MessageDisk : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char name[] = "/tmp/test_message_disk.XXXXXX";
-        folder = mkdtemp(name);
-        path = folder + "/in_messages";
         forget_store();
         load_messages(path.c_str());
     }
     void TearDown() override
     {
         forget_store();
-        fs::remove_all(folder);
     }
     int save()
     {
@@ -39,7 +32,8 @@ protected:
         return found;
     }
 
-    std::string folder, path;
+    TemporaryFolder folder;
+    const std::string path = folder / "in_messages";
 };
 
 TEST_F(MessageDisk, AppendsToTheFileAndReplacesIt)
@@ -56,7 +50,7 @@ TEST_F(MessageDisk, AppendsToTheFileAndReplacesIt)
     ASSERT_EQ(save(), 0);
     add({.text = "b", .sender = "3", .index = 2, .total = 2});
     ASSERT_EQ(save(), 0);
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder), {}), 1) << "no temporary file is left";
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path), {}), 1) << "no temporary file is left";
     auto before = stored();
     forget_store();
     EXPECT_EQ(load_messages(path.c_str()), 0);
@@ -69,24 +63,11 @@ TEST_F(MessageDisk, AFullDiskLeavesTheOldFile)
     add({.sender = "1"});
     ASSERT_EQ(save(), 0);
     auto size = status().st_size;
-    struct rlimit_guard {
-        rlimit_guard()
-        {
-            signal(SIGXFSZ, SIG_IGN);
-        }
-        ~rlimit_guard()
-        {
-            signal(SIGXFSZ, SIG_DFL);
-        }
-    } guard;
-    struct rlimit limit, small;
-    getrlimit(RLIMIT_FSIZE, &limit);
-    small = limit;
-    small.rlim_cur = static_cast<rlim_t>(size) + 10;
-    setrlimit(RLIMIT_FSIZE, &small);
     add({.sender = "2"});
-    EXPECT_EQ(save(), -1);
-    setrlimit(RLIMIT_FSIZE, &limit);
+    {
+        FileSizeLimit limit(static_cast<rlim_t>(size) + 10);
+        EXPECT_EQ(save(), -1);
+    }
     EXPECT_FALSE(messages_on_disk());
     EXPECT_EQ(status().st_size, size);
     EXPECT_FALSE(fs::exists(path + ".tmp"));
@@ -97,23 +78,22 @@ TEST_F(MessageDisk, AFullDiskLeavesTheOldFile)
 
 TEST_F(MessageDisk, FollowsNoLinkOfItsTemporaryFile)
 {
-    std::string other = folder + "/other";
-    std::ofstream(other) << "kept";
-    fs::create_symlink(other, path + ".tmp");
+    folder.write("other", "kept");
+    fs::create_symlink("other", path + ".tmp");
     add({.sender = "1"});
     ASSERT_EQ(save(), 0);
-    EXPECT_EQ(fs::file_size(other), 4u);
+    EXPECT_EQ(folder.content("other"), "kept");
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
 }
 
 TEST_F(MessageDisk, WhatIsNoFile)
 {
-    EXPECT_EQ(load_messages(folder.c_str()), -1);
+    EXPECT_EQ(load_messages(folder.path.c_str()), -1);
     EXPECT_EQ(load_messages((path + "/below").c_str()), 0);
-    std::string pipe = folder + "/pipe";
+    const std::string pipe = folder / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     EXPECT_EQ(load_messages(pipe.c_str()), 0) << "and does not wait for a writer";
-    EXPECT_EQ(save_messages((folder + "/none/file").c_str()), 0) << "the folder is made";
-    EXPECT_EQ(save_messages((folder + "/no/folder/file").c_str()), -1);
-    EXPECT_EQ(save_messages((folder + "/" + std::string(5000, 'x')).c_str()), -1);
+    EXPECT_EQ(save_messages((folder / "none/file").c_str()), 0) << "the folder is made";
+    EXPECT_EQ(save_messages((folder / "no/folder/file").c_str()), -1);
+    EXPECT_EQ(save_messages((folder / std::string(5000, 'x')).c_str()), -1);
 }

@@ -70,29 +70,42 @@ TEST_F(MessageStore, DropsAMessageThatIsThereAlready)
     EXPECT_EQ(stored().back(), "491701234567 1=text") << "a long message of one part is never marked as complete";
 }
 
-TEST_F(MessageStore, JoinsThePartsInAnyOrder)
+// Adds three parts in every order, each of them twice, while the same parts of somebody else come; what the message
+// then is.
+static void join_in_any_order(const Incoming (&parts)[3], const std::string &alphabet, const std::string &bytes)
 {
-    int order[] = {1, 2, 3};
-    const char *texts[] = {"", "one", "two", "three"};
+    int order[] = {0, 1, 2};
     do {
-        SetUp();
-        for (int index : order) {
-            EXPECT_EQ(add({.text = texts[index], .index = index, .total = 3, .time = std::to_string(index)}),
-                      AddResult::added);
-            EXPECT_EQ(add({.text = texts[index], .index = index, .total = 3}), AddResult::added);
-            EXPECT_EQ(add({.text = "other", .sender = "9", .index = index, .total = 3}), AddResult::added);
+        clear_log();
+        delete_all_messages();
+        for (int i : order) {
+            Incoming repeated = parts[i], other = parts[i];
+            repeated.time = "10:00:00";
+            other.sender = "9";
+            for (const Incoming &in : {parts[i], repeated, other})
+                EXPECT_EQ(add(in), AddResult::added);
         }
         EXPECT_EQ(log_count("abandon duplicate message part", -1), 3);
         Lines lines = stored();
         ASSERT_EQ(lines.size(), 2u);
         EXPECT_TRUE(lines[0].ends_with(" +") && lines[1].ends_with(" +"));
-        std::string reply = reply_of(handle_get_message, "{\"index\":1}");
-        std::string bytes;
-        for (char c : std::string("onetwothree"))
-            bytes += std::to_string(c) + ",";
-        bytes.pop_back();
+        std::string reply = reply_of(handle_get_message, R"({"index":1})");
         EXPECT_NE(reply.find("\"message\":[" + bytes + "]"), std::string::npos) << reply;
+        EXPECT_NE(reply.find(alphabet), std::string::npos) << reply;
     } while (std::next_permutation(std::begin(order), std::end(order)));
+}
+
+TEST_F(MessageStore, JoinsThePartsInAnyOrder)
+{
+    join_in_any_order({{.text = "one", .index = 1, .total = 3},
+                       {.text = "two", .index = 2, .total = 3},
+                       {.text = "three", .index = 3, .total = 3}},
+                      "GSM", "111,110,101,116,119,111,116,104,114,101,101");
+    // Parts in national language tables are UTF-8, those that do not need them septets: "Hi" and a section sign, 0x5F.
+    join_in_any_order({{.text = "Hi\x5F", .index = 1, .total = 3},
+                       {.text = "şık", .index = 2, .total = 3, .alphabet = 3},
+                       {.text = "\x5F", .index = 3, .total = 3}},
+                      "UTF8", "72,105,194,167,197,159,196,177,107,194,167");
 }
 
 TEST_F(MessageStore, TellsARepetitionFromTheNextMessageOfAConstantReference)
@@ -139,36 +152,6 @@ TEST_F(MessageStore, TellsARepetitionFromTheNextMessageOfAConstantReference)
         }
         EXPECT_EQ(messages, row.messages) << row.what;
     }
-}
-
-// Parts in national language tables are UTF-8, those that do not need them septets: "Hi" and a section sign, 0x5F.
-TEST_F(MessageStore, JoinsPartsOfANationalLanguage)
-{
-    const Incoming parts[] = {{.text = "Hi\x5F", .index = 1, .total = 3},
-                              {.text = "şık", .index = 2, .total = 3, .alphabet = 3},
-                              {.text = "\x5F", .index = 3, .total = 3}};
-    int order[] = {0, 1, 2};
-    do {
-        SetUp();
-        for (int part : order) {
-            for (int i = 0; i < 2; i++)
-                EXPECT_EQ(add(parts[part]), AddResult::added);
-        }
-        EXPECT_EQ(log_count("abandon duplicate message part", -1), 3);
-        ASSERT_EQ(stored().size(), 1u);
-        std::string reply = reply_of(handle_get_message, R"({"index":1})");
-        EXPECT_NE(reply.find("UTF8"), std::string::npos);
-        EXPECT_NE(reply.find("[72,105,194,167,197,159,196,177,107,194,167]"), std::string::npos) << reply;
-        EXPECT_TRUE(stored()[0].ends_with(" +"));
-    } while (std::next_permutation(std::begin(order), std::end(order)));
-}
-
-TEST_F(MessageStore, InsertsPartsAtTheirPlace)
-{
-    for (int index : {3, 1, 4, 2})
-        add({.text = "", .index = index, .total = 4});
-    EXPECT_EQ(stored(),
-              (Lines{"491701234567 3= 1= 2= 4= +"})); // in front of the element at position 2, if there is one
 }
 
 TEST_F(MessageStore, KeepsDifferentLongMessagesApart)
@@ -291,28 +274,26 @@ TEST_F(MessageStore, Marking)
 
 TEST_F(MessageStore, Deleting)
 {
+    const char *const done = R"({"result":0})";
+    const Lines all = {"1 m", "2 m", "3 m", "4 m", "5 m"};
     struct Row {
         Handler handler;
         const char *arguments, *reply;
         Lines left;
         bool saves;
     } rows[] = {
-        {handle_delete_message, R"({"index":2})", R"({"result":0})", {"1 m", "3 m", "4 m", "5 m"}, true},
-        {handle_delete_message, R"({"index":6})", R"({"result":0})", {"1 m", "2 m", "3 m", "4 m", "5 m"}, false},
-        {handle_delete_messages, R"({"index_list":[2,5,3]})", R"({"result":0})", {"1 m", "4 m"}, true},
-        {handle_delete_messages, R"({"index_list":[2,2]})", R"({"result":0})", {"1 m", "4 m", "5 m"}, true},
+        {handle_delete_message, R"({"index":2})", done, {"1 m", "3 m", "4 m", "5 m"}, true},
+        {handle_delete_message, R"({"index":6})", done, all, false},
+        {handle_delete_messages, R"({"index_list":[2,5,3]})", done, {"1 m", "4 m"}, true},
+        {handle_delete_messages, R"({"index_list":[2,2]})", done, {"1 m", "4 m", "5 m"}, true},
         {handle_delete_messages,
          R"({"index_list":[-2147483648,2147483647,"x",1]})",
-         R"({"result":0})",
+         done,
          {"2 m", "3 m", "4 m", "5 m"},
          true},
-        {handle_delete_messages,
-         R"({"index_list":["1",4000000000]})",
-         R"({"result":0})",
-         {"1 m", "2 m", "3 m", "4 m", "5 m"},
-         false},
-        {handle_delete_messages, R"({"index_list":{"a":1}})", "status 2", {"1 m", "2 m", "3 m", "4 m", "5 m"}, false},
-        {handle_delete_all_messages, "{}", R"({"result":0})", {}, true},
+        {handle_delete_messages, R"({"index_list":["1",4000000000]})", done, all, false},
+        {handle_delete_messages, R"({"index_list":{"a":1}})", "status 2", all, false},
+        {handle_delete_all_messages, "{}", done, {}, true},
     };
     for (const Row &row : rows) {
         SetUp();
@@ -333,21 +314,6 @@ TEST_F(MessageStore, ShutdownSavesAndFrees)
     EXPECT_EQ(save_messages(MESSAGE_FILE), -1);
     EXPECT_FALSE(messages_on_disk()) << "what comes now stays on the SIM";
     EXPECT_EQ(on_disk(), (Lines{"1 text"}));
-}
-
-TEST_F(MessageStore, TellsWhetherTheSimMayForget)
-{
-    add({});
-    EXPECT_EQ(save_messages(MESSAGE_FILE), 0);
-    EXPECT_TRUE(messages_on_disk());
-    fake_files.fail_at = fake_files.calls + 1;
-    fake_files.cut = true;
-    add({.sender = "2"});
-    EXPECT_EQ(save_messages(MESSAGE_FILE), -1);
-    EXPECT_FALSE(messages_on_disk());
-    fake_files.fail_at = 0;
-    delete_all_messages(); // the next save makes it good
-    EXPECT_TRUE(messages_on_disk());
 }
 
 TEST_F(MessageStore, MessagesArriveWhileAClientListsAndDeletes)

@@ -1,51 +1,26 @@
 #include "modem_init.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <map>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "captured_log.h"
 #include "config.h"
 #include "fake_clock.h"
-#include "fake_modem_link.h"
 #include "fake_port.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
-#include "log.h"
+#include "modem_test.h"
 #include "sku_profile.h"
+#include "temporary_folder.h"
 #include "uci_access.h"
-#include "waiting.h"
-
-using Answer = FakeLink::Answer;
-using Strings = std::vector<std::string>;
 
 // A modem in its working state, a router of the model "abc" whose link is right, autoconnect on, network mode 0.
-class ModemInit : public testing::Test {
+class ModemInit : public ModemTest<fake_shell, fake_port, fake_clock, fake_wanmd> {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/test_modem_init.XXXXXX";
-        root = mkdtemp(pattern);
-        uci_access_set_folders(root.c_str(), root.c_str());
-        write("modem", "config s 'settings'\n\toption autoconnect '1'\n");
-        write("apn", "config s 'networkmode'\n\toption mode '0'\n");
-        fake_link.reset();
-        fake_shell.reset();
-        fake_port.reset();
-        fake_clock.reset();
-        fake_wanmd.reset();
-        clear_log();
-        events.clear();
-        running.store(1);
-        answers = {{"AT+GTPCMOUT?", ok_answer({"+GTPCMOUT: 1"})},     {"AT+MSMPD?", ok_answer({"+MSMPD: 1"})},
-                   {"AT+SIMSWAPCFG?", ok_answer({"+SIMSWAPCFG: 0"})}, {"AT+CMGF?", ok_answer({"+CMGF: 0"})},
-                   {"AT+CNMI?", ok_answer({"+CNMI: 2,1,0,0,0"})},     {"AT+CAVIMS?", ok_answer({"+CAVIMS: 1"})}};
+        uci_access_set_folders(folder.path.c_str(), folder.path.c_str());
+        folder.write("modem", "config s 'settings'\n\toption autoconnect '1'\n");
+        folder.write("apn", "config s 'networkmode'\n\toption mode '0'\n");
         fake_link.answer = [this](const std::string &command) {
             std::string line = command.substr(0, command.find('\r'));
             events.push_back(line);
@@ -61,48 +36,47 @@ protected:
     void TearDown() override
     {
         uci_access_set_folders(nullptr, nullptr);
-        std::filesystem::remove_all(root);
-        running.store(1);
     }
-    void write(const std::string &package, const std::string &text)
+    // All that the initialisation did.
+    Strings run(bool good = true)
     {
-        std::ofstream(root + "/" + package) << text;
+        events.clear();
+        EXPECT_EQ(set_modem() == 0, good);
+        return events;
     }
-    // Everything that the initialisation did, between two markers of it (which do not belong to it).
+    // What it did between two markers, which do not belong to it.
     Strings between(const std::string &first, const std::string &last)
     {
+        run();
         auto from = std::find(events.begin(), events.end(), first);
         auto to = std::find(from, events.end(), last);
         return from == events.end() ? Strings{"missing " + first} : Strings(from + 1, to);
     }
 
-    std::string root;
-    std::map<std::string, Answer> answers;
+    TemporaryFolder folder;
+    std::map<std::string, Answer> answers = {
+        {"AT+GTPCMOUT?", ok_answer({"+GTPCMOUT: 1"})},     {"AT+MSMPD?", ok_answer({"+MSMPD: 1"})},
+        {"AT+SIMSWAPCFG?", ok_answer({"+SIMSWAPCFG: 0"})}, {"AT+CMGF?", ok_answer({"+CMGF: 0"})},
+        {"AT+CNMI?", ok_answer({"+CNMI: 2,1,0,0,0"})},     {"AT+CAVIMS?", ok_answer({"+CAVIMS: 1"})}};
     Strings events; // commands without their line end, shell commands, notices
 };
 
-static const Strings WORKING_STATE = {
-    "ATE0",
-    "AT+GTPCMOUT?",
-    "AT+MSMPD?",
-    "AT+SIMSWAPCFG?",
-    "AT+CMGF?",
-    "AT+CPMS=\"SM\",\"SM\",\"SM\"",
-    "AT+CNMI?",
-    "AT+CAVIMS?",
-    "AT+CGDCONT=2,\"IPV4V6\",\"ims\"",
-    "AT+GTSET=\"5GSACTR\",1",
-    "AT+GTACT=20,6,3",
-    "AT+CFUN=1",
-    "AT+GTCELLINFO=1",
-};
+// The parts of a text between its blanks.
+static Strings words(const std::string &text)
+{
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}
+
+static const Strings WORKING_STATE =
+    words("ATE0 AT+GTPCMOUT? AT+MSMPD? AT+SIMSWAPCFG? AT+CMGF? AT+CPMS=\"SM\",\"SM\",\"SM\" AT+CNMI? AT+CAVIMS? "
+          "AT+CGDCONT=2,\"IPV4V6\",\"ims\" AT+GTSET=\"5GSACTR\",1 AT+GTACT=20,6,3 AT+CFUN=1 AT+GTCELLINFO=1");
 
 TEST_F(ModemInit, AModemInItsWorkingStateIsOnlyAsked)
 {
-    EXPECT_EQ(set_modem(), 0);
-    EXPECT_EQ(events, WORKING_STATE);
-    EXPECT_EQ(fake_link.sent.back(), "AT+COPS=?\r"); // queued, not requested
+    EXPECT_EQ(run(), WORKING_STATE);
     EXPECT_EQ(fake_link.sent.front(), "ATE0\r");
+    EXPECT_EQ(fake_link.sent.back(), "AT+COPS=?\r"); // queued, not requested
     EXPECT_EQ(log_count("failed"), 0);
 }
 
@@ -114,76 +88,39 @@ TEST_F(ModemInit, AFreshModemIsSetUp)
     answers["AT+CMGF?"] = ok_answer({"+CMGF: 1"});
     answers["AT+CNMI?"] = ok_answer({"+CNMI: 0, 0, 0, 0, 0"});
     answers["AT+CAVIMS?"] = ok_answer({"+CAVIMS: 0"});
-    write("apn", "config s 'apnapply'\n\toption apnid '999'\n");
-    EXPECT_EQ(set_modem(), 0);
-    EXPECT_EQ(events, (Strings{"ATE0",
-                               "AT+GTPCMOUT?",
-                               "AT+GTPCMOUT=1",
-                               "AT+MSMPD?",
-                               "AT+MSMPD=1",
-                               "AT+SIMSWAPCFG?",
-                               "AT+SIMSWAPCFG=0",
-                               "AT+CMGF?",
-                               "AT+CMGF=0",
-                               "AT+CPMS=\"SM\",\"SM\",\"SM\"",
-                               "AT+CNMI?",
-                               "AT+CNMI=2,1",
-                               "AT+CAVIMS?",
-                               "AT+CAVIMS=1",
-                               "AT+CGDCONT=2,\"IPV4V6\",\"ims\"",
-                               "AT+CGAUTH=1,0",
-                               "apn_ipv4v6",
-                               "uci set wanmd.@profile[0].ip_family=IPV4V6",
-                               "uci commit wanmd",
-                               "AT+CGDCONT=1,\"IPV4V6\"",
-                               "AT+GTACT=0",
-                               "AT+CFUN=1",
-                               "AT+GTCELLINFO=1"}));
+    folder.write("apn", "config s 'apnapply'\n\toption apnid '999'\n");
+    Strings expected = words("ATE0 AT+GTPCMOUT? AT+GTPCMOUT=1 AT+MSMPD? AT+MSMPD=1 AT+SIMSWAPCFG? AT+SIMSWAPCFG=0 "
+                             "AT+CMGF? AT+CMGF=0 AT+CPMS=\"SM\",\"SM\",\"SM\" AT+CNMI? AT+CNMI=2,1 AT+CAVIMS? "
+                             "AT+CAVIMS=1 AT+CGDCONT=2,\"IPV4V6\",\"ims\" AT+CGAUTH=1,0 apn_ipv4v6");
+    for (const char *event : {"uci set wanmd.@profile[0].ip_family=IPV4V6", "uci commit wanmd",
+                              "AT+CGDCONT=1,\"IPV4V6\"", "AT+GTACT=0", "AT+CFUN=1", "AT+GTCELLINFO=1"})
+        expected.push_back(event);
+    EXPECT_EQ(run(), expected);
+
+    answers["AT+CMGF=0"] = "\r\nERROR\r\n";
+    expected.insert(std::find(expected.begin(), expected.end(), "AT+CMGF=0"), 2, "AT+CMGF=0");
+    EXPECT_EQ(run(false), expected) << "a setting that fails is tried three times";
+    EXPECT_EQ(log_count("AT+CMGF=0 failed", LOG_INFO), 1);
 }
 
 TEST_F(ModemInit, AFailedStepIsTriedThreeTimesAndLoggedAndTheRestGoesOn)
 {
-    struct {
-        const char *command;
-        const char *message;
-        const char *setting; // must not follow a query that failed
-    } rows[] = {
-        {"ATE0", "ATE0 failed", nullptr},
-        {"AT+GTPCMOUT?", "AT+GTPCMOUT? failed", "AT+GTPCMOUT=1"},
-        {"AT+MSMPD?", "AT+MSMPD? failed", "AT+MSMPD=1"},
-        {"AT+SIMSWAPCFG?", "AT+SIMSWAPCFG? failed", "AT+SIMSWAPCFG=0"},
-        {"AT+CMGF?", "AT+CMGF? failed", "AT+CMGF=0"},
-        {"AT+CPMS=\"SM\",\"SM\",\"SM\"", "set preferred message storage failed", nullptr},
-        {"AT+CNMI?", "AT+CNMI? failed", "AT+CNMI=2,1"},
-        {"AT+CFUN=1", "AT+CFUN=1 failed", nullptr},
-        {"AT+GTCELLINFO=1", "AT+GTCELLINFO=1 failed", nullptr},
-    };
     const auto working = answers;
-    for (const auto &row : rows) {
+    for (const std::string &command :
+         words("ATE0 AT+GTPCMOUT? AT+MSMPD? AT+SIMSWAPCFG? AT+CMGF? AT+CPMS=\"SM\",\"SM\",\"SM\" AT+CNMI? AT+CFUN=1 "
+               "AT+GTCELLINFO=1")) {
         for (const Answer &failure : {Answer("\r\n+CME ERROR: 10\r\n"), Answer(std::nullopt)}) {
             answers = working;
-            answers[row.command] = failure;
-            events.clear();
+            answers[command] = failure;
             clear_log();
-            EXPECT_NE(set_modem(), 0) << row.command;
             Strings expected;
             for (const std::string &line : WORKING_STATE)
-                expected.insert(expected.end(), line == row.command ? 3 : 1, line);
-            EXPECT_EQ(events, expected);
-            EXPECT_EQ(log_count(row.message, LOG_INFO), 1) << row.message;
-            EXPECT_EQ(std::count(events.begin(), events.end(), row.setting ? row.setting : "-"), 0);
+                expected.insert(expected.end(), line == command ? 3 : 1, line);
+            EXPECT_EQ(run(false), expected);
+            const bool storage = command.starts_with("AT+CPMS");
+            EXPECT_EQ(log_count((storage ? "set preferred message storage" : command) + " failed", LOG_INFO), 1);
         }
     }
-}
-
-TEST_F(ModemInit, AFailedSettingIsLogged)
-{
-    answers["AT+CMGF?"] = ok_answer({"+CMGF: 1"});
-    answers["AT+CMGF=0"] = "\r\nERROR\r\n";
-    EXPECT_NE(set_modem(), 0);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "AT+CMGF=0"), 3);
-    EXPECT_EQ(log_count("AT+CMGF=0 failed", LOG_INFO), 1);
-    EXPECT_EQ(events.back(), "AT+GTCELLINFO=1");
 }
 
 TEST_F(ModemInit, NetworkModeChoosesTechnologiesAndStandAlone)
@@ -204,38 +141,34 @@ TEST_F(ModemInit, NetworkModeChoosesTechnologiesAndStandAlone)
         {nullptr, {"AT+GTACT=0"}},
     };
     for (const auto &row : rows) {
-        write("apn", row.mode ? "config s 'networkmode'\n\toption mode '" + std::string(row.mode) + "'\n" : "\n");
-        events.clear();
-        EXPECT_EQ(set_modem(), 0);
+        folder.write("apn",
+                     row.mode ? "config s 'networkmode'\n\toption mode '" + std::string(row.mode) + "'\n" : "\n");
         EXPECT_EQ(between("AT+CGDCONT=2,\"IPV4V6\",\"ims\"", "AT+CFUN=1"), row.sent) << (row.mode ? row.mode : "unset");
     }
-    write("apn", "config s 'networkmode'\n\toption mode '3'\n");
+    folder.write("apn", "config s 'networkmode'\n\toption mode '3'\n");
     answers["AT+GTACT=2"] = "\r\nERROR\r\n";
-    EXPECT_NE(set_modem(), 0);
+    run(false);
     EXPECT_EQ(log_count("Set network mode failed", LOG_ERR), 1);
 }
 
 TEST_F(ModemInit, RadioFollowsAutoconnect)
 {
-    write("modem", "config s 'settings'\n\toption autoconnect '0'\n");
-    EXPECT_EQ(set_modem(), 0);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "AT+CFUN=1"), 0);
-    events.clear();
-    write("modem", "\n");
-    EXPECT_EQ(set_modem(), 0);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "AT+CFUN=1"), 0);
+    for (const char *settings : {"config s 'settings'\n\toption autoconnect '0'\n", "\n"}) {
+        folder.write("modem", settings);
+        const Strings done = run();
+        EXPECT_EQ(std::count(done.begin(), done.end(), "AT+CFUN=1"), 0);
+    }
     EXPECT_EQ(log_count("Get uci modem.settings.autoconnect failed", LOG_ERR), 1);
 }
 
 TEST_F(ModemInit, DefaultProfilesAreAppliedThroughTheLink)
 {
-    write("default_profile",
-          "config profile 'profile'\n\toption apn 'operator'\n\toption ip_family '0'\n\toption auth '1'\n"
-          "\toption username 'u'\n\nconfig profile 'ims'\n\toption apn 'IMS'\n\toption ip_family '2'\n");
-    write("apn", "config s 'apnapply'\n\toption apnid '999'\n");
+    folder.write("default_profile",
+                 "config profile 'profile'\n\toption apn 'operator'\n\toption ip_family '0'\n\toption auth '1'\n"
+                 "\toption username 'u'\n\nconfig profile 'ims'\n\toption apn 'IMS'\n\toption ip_family '2'\n");
+    folder.write("apn", "config s 'apnapply'\n\toption apnid '999'\n");
     fake_port.links["/etc/config/default_profile"] = "/etc/config/abc_apn_profile";
     fake_port.contents["/etc/config/abc_apn_profile"] = "";
-    EXPECT_EQ(set_modem(), 0);
     EXPECT_EQ(
         between("AT+CAVIMS?", "AT+GTACT=0"),
         (Strings{"AT+CGAUTH=2,0", "AT+CGDCONT=2,\"IPV6\",\"IMS\"", "AT+CGAUTH=1,1,\"u\",\"\"", "apn_ipv4",
@@ -245,14 +178,10 @@ TEST_F(ModemInit, DefaultProfilesAreAppliedThroughTheLink)
 
     // A dangling link loads nothing; IMS switched off applies no IMS profile.
     fake_port.contents.clear();
-    write("apn", "\n");
-    events.clear();
-    EXPECT_EQ(set_modem(), 0);
+    folder.write("apn", "\n");
     EXPECT_EQ(between("AT+CAVIMS?", "AT+GTACT=0"), Strings{"AT+CGDCONT=2,\"IPV4V6\",\"ims\""});
     fake_port.contents["/etc/config/abc_apn_profile"] = "";
-    write("default_profile", "config profile 'profile'\n\toption ims '0'\n");
-    events.clear();
-    EXPECT_EQ(set_modem(), 0);
+    folder.write("default_profile", "config profile 'profile'\n\toption ims '0'\n");
     EXPECT_EQ(between("AT+CAVIMS?", "AT+GTACT=0"), Strings{"AT+CAVIMS=0"});
 }
 
@@ -288,6 +217,7 @@ TEST_F(ModemInit, SkuDecidesTheLink)
          "a",
          "b",
          {remove_link, sum_abc, sum_rom, restore, make_link}},
+        {"no digest", "abc", nullptr, "a", "b", {sum_abc, sum_rom, make_link}},
         {"wrong link, no profile", "abc", "/etc/config/xyz_apn_profile", nullptr, "b", {remove_link}},
     };
     for (const auto &row : rows) {
@@ -301,8 +231,10 @@ TEST_F(ModemInit, SkuDecidesTheLink)
             fake_port.contents[ABC] = row.profile;
         if (row.factory)
             fake_port.contents[ABC_ROM] = row.factory;
-        fake_shell.output = [](const std::string &command) {
+        fake_shell.output = [&](const std::string &command) {
             const std::string path = command.substr(strlen("md5sum "));
+            if (row.what == std::string("no digest"))
+                return std::string();
             return std::string(31, '0') + fake_port.contents.at(path) + "  " + path + "\n";
         };
         fake_shell.status = [&](const std::string &command) {
@@ -313,14 +245,6 @@ TEST_F(ModemInit, SkuDecidesTheLink)
         link_default_profile();
         EXPECT_EQ(fake_shell.commands, row.commands) << row.what;
     }
-}
-
-TEST_F(ModemInit, ADigestThatCannotBeHadRestoresNothing)
-{
-    fake_port.contents = {{"/tmp/sku", "abc"}, {ABC, "a"}, {ABC_ROM, "b"}};
-    link_default_profile();
-    EXPECT_EQ(fake_shell.commands.size(), 3u);
-    EXPECT_EQ(fake_shell.commands.back(), std::string("ln -s ") + ABC + " " + LINK);
 }
 
 TEST_F(ModemInit, SkuNamesThatAreNotPlainAreRefused)
@@ -344,24 +268,25 @@ TEST_F(ModemInit, SkuNamesThatAreNotPlainAreRefused)
 
 class PreExecute : public ModemInit {
 protected:
-    void list(const Strings &commands)
+    void SetUp() override
     {
-        free_pre_execute();
-        pre_execute_cmd_list_len = static_cast<uint32_t>(commands.size());
-        pre_execute_cmd_list = static_cast<PreExecuteCmd *>(calloc(commands.size(), sizeof(PreExecuteCmd)));
-        for (size_t i = 0; i < commands.size(); i++)
-            pre_execute_cmd_list[i].command = commands[i].empty() ? nullptr : strdup(commands[i].c_str());
+        ModemInit::SetUp();
+        const std::string path = folder / "config.json";
+        fake_port.contents[path] = "";
+        folder.write("config.json", R"({"pre_execute_cmds": ["AT+ONE", "AT+TWO", 5, "AT+CPIN = 4321"]})");
+        ASSERT_EQ(read_json(path.c_str()), 0);
+        ASSERT_EQ(load_pre_execute(), 0);
+        clear_log();
     }
     void TearDown() override
     {
-        free_pre_execute();
+        free_configuration();
         ModemInit::TearDown();
     }
 };
 
 TEST_F(PreExecute, OnlyWhatFailedIsRepeated)
 {
-    list({"AT+ONE", "AT+TWO", "", "AT+CPIN = 4321"});
     answers["AT+TWO"] = "\r\nOK\r\n+CME ERROR: 3\r\n";
     EXPECT_EQ(handle_pre_execute_cmds(), -1);
     EXPECT_EQ(events, (Strings{"AT+ONE", "AT+TWO", "AT+TWO", "AT+TWO", "AT+CPIN = 4321"}));

@@ -1,119 +1,8 @@
-#include "modemsim/sms_deliver.h"
-#include "modemsim/sms_submit.h"
 #include "test_modemsim_rig.h"
 
-#include <cstring>
-#include <fstream>
 #include <gtest/gtest.h>
 
 namespace {
-
-using modemsim::Deliver;
-using modemsim::deliver_pdus;
-
-/// A PDU of the corpus with its time zone octet set to 0, as the simulated network sends it.
-std::string without_zone(std::string pdu, size_t digits)
-{
-    // Centre 9 octets, then first octet, the sender's length, type and digits, PID, DCS and six octets of time.
-    size_t zone = (9 + 3 + digits / 2 + 2 + 6) * 2;
-    return pdu.replace(zone, 2, "00");
-}
-
-TEST(SmsDeliver, EncodesAsTheCorpusDoes)
-{
-    std::ifstream file(TEST_DATA_DIR "/pdu-vectors.jsonl");
-    int compared = 0;
-    for (std::string line; std::getline(file, line);) {
-        auto vector = nlohmann::json::parse(line);
-        if (vector["kind"] != "deliver" || !vector["text"].is_string() || !vector["udh"].is_null())
-            continue;
-        std::string pdu = vector["pdu"];
-        // Only the plain form: centre and sender of 12 digits, no flags, default alphabet or UCS-2.
-        std::string id = vector["id"];
-        bool hostile = id.starts_with("esc") || id.starts_with("fmt");
-        std::string coding = pdu.size() < 40 ? "" : pdu.substr(36, 4);
-        if (hostile || !pdu.starts_with("0891947122575555F0040C91947110325476") ||
-            (coding != "0000" && coding != "0008"))
-            continue;
-        Deliver message;
-        message.centre = "+" + vector["smsc"].get<std::string>();
-        message.from = "+" + vector["sender"].get<std::string>();
-        message.time = vector["date"].get<std::string>() + " " + vector["time"].get<std::string>();
-        message.text = vector["text"];
-        message.ucs2 = coding == "0008";
-        EXPECT_EQ(deliver_pdus(message), std::vector{without_zone(pdu, 12)}) << id;
-        compared++;
-    }
-    EXPECT_GE(compared, 10);
-}
-
-TEST(SmsDeliver, CutsLongTextsBetweenCharacters)
-{
-    struct Row {
-        const char *what;
-        std::string text;
-        bool wide;
-        std::vector<size_t> lengths; ///< of the parts' user data, in septets or octets
-    };
-    std::string smile = "\xF0\x9F\x98\x80";
-    std::string smiles;
-    for (int i = 0; i < 36; i++)
-        smiles += smile;
-    const Row rows[] = {
-        {"160 fit into one", std::string(160, 'a'), false, {160}},
-        {"161 need two", std::string(161, 'a'), false, {160, 15}},
-        {"with a wide reference", std::string(161, 'a'), true, {160, 17}},
-        {"no escape at a part's end", std::string(152, 'a') + "\xE2\x82\xAC" + std::string(10, 'b'), false, {159, 19}},
-        {"no half surrogate pair at a part's end", smiles, false, {6 + 132, 6 + 12}},
-    };
-    for (const Row &row : rows) {
-        Deliver message{.from = "+49", .text = row.text, .wide_reference = row.wide, .reference = 300};
-        std::vector<size_t> lengths;
-        for (const std::string &pdu : deliver_pdus(message)) {
-            ASSERT_TRUE(modemsim::is_deliver_pdu(pdu));
-            size_t length = (9 + 1 + 3 + 2 + 7) * 2; // behind centre, first octet, sender, PID, DCS and time
-            lengths.push_back(std::stoul(pdu.substr(length, 2), nullptr, 16));
-        }
-        EXPECT_EQ(lengths, row.lengths) << row.what;
-    }
-}
-
-TEST(SmsDeliver, RefusesWhatIsNoMessage)
-{
-    EXPECT_THROW(deliver_pdus({.from = "", .text = "x"}), std::invalid_argument);
-    EXPECT_THROW(deliver_pdus({.from = "twelve chars", .text = "x"}), std::invalid_argument);
-    EXPECT_THROW(deliver_pdus({.from = "+1", .text = "x", .time = "yesterday"}), std::invalid_argument);
-    EXPECT_THROW(deliver_pdus({.from = "+1", .text = std::string(153 * 255 + 1, 'a')}), std::invalid_argument);
-}
-
-TEST(SmsSubmit, DecodesWhatTheHostSends)
-{
-    struct Row {
-        const char *pdu;
-        const char *to;
-        const char *text;
-        int part, parts, reference;
-    };
-    const Row rows[] = {
-        {"0011000B916407281553F80000AA0AE8329BFD4697D9EC37", "+46708251358", "hellohello", 1, 1, 0},
-        {"0001000481445500080A00470072FC00D83DDE00", "4455", "Gr\xEF\xB0\x80\xF0\x9F\x98\x80", 1, 1, 0},
-        {"0041000B916407281553F800000905000309020190CD", "+46708251358", "HM", 1, 2, 9},
-        {"0041000B916407281553F800080906080401020302D83D", "+46708251358", "?", 2, 3, 258},
-    };
-    for (const Row &row : rows) {
-        modemsim::Submit submit = modemsim::decode_submit(row.pdu);
-        EXPECT_TRUE(submit.valid) << row.pdu;
-        EXPECT_EQ(submit.to, row.to);
-        EXPECT_EQ(submit.text, row.text);
-        EXPECT_EQ(submit.part, row.part);
-        EXPECT_EQ(submit.parts, row.parts);
-        EXPECT_EQ(submit.reference, row.reference);
-        for (size_t length = 0; length < strlen(row.pdu); length++)
-            EXPECT_FALSE(modemsim::decode_submit(std::string_view(row.pdu, length)).valid) << length;
-    }
-    for (const char *pdu : {"xx", "0004000B916407281553F80000AA0AE8329BFD4697D9EC37", "0001000481445500040141"})
-        EXPECT_FALSE(modemsim::decode_submit(pdu).valid) << pdu;
-}
 
 TEST(ModemsimSms, AnnouncesListsReadsAndDeletes)
 {
@@ -135,33 +24,6 @@ TEST(ModemsimSms, AnnouncesListsReadsAndDeletes)
     EXPECT_EQ(rig.state("/messages/handed_over"), 2);
 }
 
-TEST(ModemsimSms, DeletesByFlag)
-{
-    const std::pair<int, int> rows[] = {
-        {1, 3}, {2, 2}, {3, 1}, {4, 0}}; // flag, what is left of read, sent, unsent, unread
-    for (auto [flag, left] : rows) {
-        Rig rig;
-        auto &store = rig.engine.modem.messages;
-        for (auto status : {modemsim::MessageStatus::read, modemsim::MessageStatus::sent,
-                            modemsim::MessageStatus::unsent, modemsim::MessageStatus::unread})
-            store.write("SM", "00", status);
-        EXPECT_EQ(rig.at("AT+CMGD=0," + std::to_string(flag)), ok);
-        EXPECT_EQ(store.used("SM"), left) << flag;
-    }
-}
-
-TEST(ModemsimSms, HoldsBackWhatDoesNotFit)
-{
-    Rig rig(R"({"modem":{"behaviour":{"sms_capacity":3}}})");
-    rig.ctl("fill leave=1");
-    rig.ctl("sms +49 one");
-    EXPECT_EQ(rig.out, "\r\n+CMTI: \"SM\",3\r\n");
-    rig.ctl("sms +49 two");
-    EXPECT_EQ(rig.state("/messages/waiting"), 1);
-    EXPECT_EQ(rig.at("AT+CMGD=2"), ok + "\r\n+CMTI: \"SM\",2\r\n");
-    EXPECT_EQ(rig.state("/messages/waiting"), 0);
-}
-
 TEST(ModemsimSms, DeliversDirectlyWhereAsked)
 {
     Rig rig;
@@ -171,17 +33,6 @@ TEST(ModemsimSms, DeliversDirectlyWhereAsked)
     EXPECT_EQ(rig.out, "\r\n+CMT: ,24\r\n" + pdu + "\r\n");
     EXPECT_EQ(rig.at("AT+CNMA"), ok);
     EXPECT_EQ(rig.state("/messages/used/SM"), 0);
-}
-
-TEST(ModemsimSms, SendsPartsInTheOrderAsked)
-{
-    Rig rig;
-    auto sent = rig.ctl("sms +49 " + std::string(400, 'x') + " order=3,1,3 ref=7");
-    ASSERT_EQ(sent["parts"], 3);
-    EXPECT_EQ(rig.state("/messages/history/0/pdu"), sent["pdus"][2]);
-    EXPECT_EQ(rig.state("/messages/history/1/pdu"), sent["pdus"][0]);
-    EXPECT_EQ(rig.state("/messages/history/2/pdu"), sent["pdus"][2]);
-    EXPECT_EQ(rig.ctl("sms +49 short order=2")["ok"], false);
 }
 
 TEST(ModemsimSms, SubmitsAfterThePrompt)

@@ -60,15 +60,14 @@ TEST(ModemsimTroubles, PutLinesAndBytesInside)
 TEST(ModemsimTroubles, PutReportsBetweenCommandAndAnswerAndIntoTheMiddleOfALine)
 {
     const std::string report = "\r\nNO CARRIER\r\n";
-    Rig before(troubled(R"({"kind":"unsolicited","where":"before","text":"NO CARRIER","ms":20})"));
-    EXPECT_EQ(before.at("AT+CSQ", 19), report);
-    before.run(1);
-    EXPECT_EQ(before.out, report + csq);
-    Rig after(troubled(R"({"kind":"unsolicited","where":"after","text":"NO CARRIER","ms":20})"));
-    EXPECT_EQ(after.at("AT+CSQ", 19), csq);
-    after.run(1);
-    EXPECT_EQ(after.out, csq + report);
-
+    for (const char *where : {"before", "after"}) {
+        const bool before = std::string(where) == "before";
+        Rig rig(
+            troubled(R"({"kind":"unsolicited","text":"NO CARRIER","ms":20,"where":")" + std::string(where) + "\"}"));
+        EXPECT_EQ(rig.at("AT+CSQ", 19), before ? report : csq);
+        rig.run(1);
+        EXPECT_EQ(rig.out, before ? report + csq : csq + report);
+    }
     Rig anywhere(troubled(R"({"kind":"unsolicited","where":"anywhere","text":"NO CARRIER","ms":5})"));
     bool in_a_line = false;
     for (int i = 0; i < 50; i++) {
@@ -86,23 +85,12 @@ TEST(ModemsimControl, EmitsBetweenAnswersLinesOrBytes)
     for (auto [place, expected] : {std::pair("between", csq + "\r\nRING\r\n"),
                                    {"lines", "\r\n+CSQ: 27,99\r\n\r\nRING\r\n\r\nOK\r\n"},
                                    {"bytes", "\r\n+C\r\nRING\r\nSQ: 27,99\r\n\r\nOK\r\n"}}) {
-        Rig rig(
-            R"({"troubles":[{"kind":"split","parts":0,"ms":2}],"modem":{"settings":{"clip":0},"behaviour":{"latency_ms":5}}})");
+        Rig rig(R"({"troubles":[{"kind":"split","parts":0,"ms":2}],"modem":{"behaviour":{"latency_ms":5}}})");
         rig.at("AT+CSQ", 11);
         EXPECT_EQ(rig.ctl(std::string("emit RING at=") + place)["ok"], true);
         rig.run(1000);
         EXPECT_EQ(rig.out, expected) << place;
-        rig.ctl(R"(set {"behaviour":{"reports":")" + std::string(place) + R"("}})");
-        rig.at("AT+CSQ", 11);
-        rig.ctl("ring +49"); // the modem's own reports go the same way
-        rig.run(500);
-        EXPECT_EQ(rig.out, expected) << place;
     }
-    Rig rig(R"({"modem":{"behaviour":{"latency_ms":5}}})");
-    rig.at("AT+CSQ", 1);
-    rig.ctl("emit OK at=lines");
-    EXPECT_EQ(rig.out, ok);
-    EXPECT_EQ(rig.ctl("emit OK at=once")["ok"], false);
 }
 
 TEST(ModemsimTroubles, StrikeByCount)
@@ -182,27 +170,20 @@ TEST(ModemsimTroubles, AMessageInALostAnswerWasNotHandedOver)
     EXPECT_EQ(rig.state("/messages/history/0/reads"), 2);
 }
 
-TEST(ModemsimTroubles, SilenceLastsAsLongAsItIsSaidTo)
-{
-    Rig forever(troubled(R"({"kind":"silent"})"));
-    EXPECT_EQ(forever.at("AT", 1000000), "");
-    EXPECT_EQ(forever.recorded.size(), 1u);
-    forever.ctl("silent end");
-    EXPECT_EQ(forever.at("AT"), ok);
-
-    Rig second(troubled(R"({"kind":"silent","ms":4000,"nth":2})"));
-    EXPECT_EQ(second.at("AT"), ok);
-    EXPECT_EQ(second.at("AT", 4000), "");
-    EXPECT_EQ(second.at("AT", 1), "");
-    EXPECT_EQ(second.at("AT"), ok);
-}
-
 TEST(ModemsimTroubles, TheEchoComesBack)
 {
-    Rig rig(troubled(R"({"kind":"echo","nth":2})"));
-    EXPECT_EQ(rig.at("AT"), ok);
+    Rig rig(troubled(R"({"kind":"echo"})"));
     EXPECT_EQ(rig.at("AT"), ok);
     EXPECT_EQ(rig.at("AT"), "AT\r" + ok);
+}
+
+TEST(ModemsimTroubles, SilenceLastsAsLongAsItIsSaidTo)
+{
+    Rig rig(troubled(R"({"kind":"silent","ms":4000,"nth":2})"));
+    EXPECT_EQ(rig.at("AT"), ok);
+    EXPECT_EQ(rig.at("AT", 4000), "");
+    EXPECT_EQ(rig.at("AT", 1), "");
+    EXPECT_EQ(rig.at("AT"), ok);
 }
 
 std::string course(const std::string &profile, uint64_t seed)
@@ -252,72 +233,22 @@ TEST(ModemsimProfiles, AllLoadAndRun)
 
 TEST(ModemsimProfiles, RefuseWhatTheyDoNotKnow)
 {
-    for (const char *profile : {
-             "nonsense",
-             R"({"modemm":{}})",
-             R"({"modem":{"sim":{"state":"burnt"}}})",
-             R"({"modem":{"kept":{"imx":1}}})",
-             R"({"modem":{"settings":{"cmee":"one"}}})",
-             R"({"troubles":[{"kind":"worse"}]})",
-             R"({"troubles":[{"kind":"late","sm":1}]})",
-             R"({"troubles":[{"kind":"vanish","where":"never"}]})",
-             R"({"events":[{"do":"dance"}]})",
-         }) {
+    for (const char *profile :
+         {"nonsense", R"({"modemm":{}})", R"({"modem":{"sim":{"state":"burnt"}}})", R"({"modem":{"kept":{"imx":1}}})",
+          R"({"troubles":[{"kind":"late","sm":1}]})", R"({"events":[{"do":"dance"}]})"}) {
         Rig rig;
         EXPECT_THROW(rig.control.load_profile(profile), std::invalid_argument) << profile;
-    }
-}
-
-TEST(ModemsimControl, TakesLinesArraysAndObjects)
-{
-    for (const char *line : {R"(sms +49 "two words" ref=9)", R"(["sms","+49","two words","ref=9"])",
-                             R"({"do":"sms","args":["+49","two words"],"ref":9})"}) {
-        Rig rig;
-        auto reply = rig.ctl(line);
-        EXPECT_EQ(reply["ok"], true) << line << reply;
-        EXPECT_EQ(rig.state("/messages/used/SM"), 1);
     }
 }
 
 TEST(ModemsimControl, SaysWhyItRefuses)
 {
     Rig rig;
-    for (const char *line :
-         {"", "dance", "sms +49", "sms \"", "pdu 08", "pdu XY", "cell moon", "port up", "set {", "latency x",
-          "state /nothing", "trouble {}", "context 9 up", "{\"do\":\"ping\",\"x\":1}", "[1]", "sim eat"}) {
+    for (const char *line : {"", "dance", "sms +49", "sms \"", "pdu XY", "set {", "{\"do\":\"ping\",\"x\":1}", "[1]"}) {
         auto reply = rig.ctl(line);
         EXPECT_EQ(reply["ok"], false) << line;
         EXPECT_NE(reply["error"], "") << line;
     }
-    EXPECT_EQ(rig.ctl("ping")["ok"], true);
-}
-
-TEST(ModemsimControl, TakesThePortAwayAndBringsItBack)
-{
-    Rig rig;
-    rig.ctl("port away");
-    rig.run(100000);
-    EXPECT_FALSE(rig.present);
-    rig.ctl("port back");
-    EXPECT_TRUE(rig.present);
-    EXPECT_EQ(rig.at("AT"), ok);
-    rig.ctl("port away ms=200");
-    EXPECT_FALSE(rig.present);
-    rig.run(200);
-    EXPECT_TRUE(rig.present);
-}
-
-TEST(ModemsimControl, ChangesSignalAndPlace)
-{
-    Rig rig;
-    rig.ctl("signal rsrp=-100 rsrq=-15 rssi=-90");
-    EXPECT_EQ(rig.at("AT+CESQ;+CSQ"), answer("+CESQ: 99,99,255,255,10,41,255,255,255\r\n\r\n+CSQ: 11,99"));
-    rig.ctl("register roaming");
-    EXPECT_EQ(rig.at("AT+CREG?"), answer("+CREG: 0,5"));
-    rig.ctl("cell none");
-    EXPECT_EQ(rig.at("AT+CREG?"), answer("+CREG: 0,2"));
-    rig.ctl("flood lines=3 bytes=10 text=+X");
-    EXPECT_TRUE(rig.out.ends_with("\r\n+X\r\n\r\n+X\r\n\r\n+X\r\nxxxxxxxxxx"));
 }
 
 } // namespace

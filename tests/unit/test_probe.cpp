@@ -3,24 +3,18 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <poll.h>
-#include <sstream>
-#include <string>
 #include <sys/wait.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "config.h"
+#include "temporary_folder.h"
 
 static const std::string IMEI = "\r\n+CGSN: 860000000000009\r\n\r\nOK\r\n";
 static const std::string MODEL = "\r\n+GMM: \"FM160\",\"x\"\r\n\r\nOK\r\n";
@@ -46,7 +40,6 @@ TEST(ModemInfoLine, HoldsWhatTheModemTold)
         {MODEL + MAKER, ""},
         {"", ""},
         {"+CGSN: 8600", ""},
-        {"+CGSN:\r", ""},
         {"+CGSN: \r\n", ""},
         {IMEI + "+GMM: \"FM160", ""},
         {IMEI + "+GMM:", ""},
@@ -77,10 +70,6 @@ class Probe : public testing::Test {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/test_probe.XXXXXX";
-        folder = mkdtemp(pattern);
-        file = folder + "/info";
-        device = folder + "/modem";
         master = posix_openpt(O_RDWR | O_NOCTTY);
         grantpt(master);
         unlockpt(master);
@@ -95,7 +84,6 @@ protected:
     {
         close(slave);
         close(master);
-        std::filesystem::remove_all(folder);
     }
     // Answers each line with what `answer` gives for it, while the device is probed.
     void probe(const std::function<std::string(const std::string &)> &answer)
@@ -121,14 +109,8 @@ protected:
         done = true;
         modem.join();
     }
-    std::string written()
-    {
-        std::ostringstream text;
-        text << std::ifstream(file).rdbuf();
-        return text.str();
-    }
-
-    std::string folder, file, device;
+    TemporaryFolder folder;
+    const std::string file = folder / "info", device = folder / "modem";
     std::vector<std::string> lines;
     int master, slave;
 };
@@ -140,7 +122,7 @@ static bool no_child_left()
 
 TEST_F(Probe, AsksFiveQuestionsAndWritesTheLine)
 {
-    std::ofstream(file) << "older and longer content, to be replaced";
+    folder.write("info", "older and longer content, to be replaced");
     probe([](const std::string &line) {
         return line == "AT+CGSN=1\n"  ? IMEI
                : line == "AT+GMM?\n"  ? MODEL
@@ -149,15 +131,16 @@ TEST_F(Probe, AsksFiveQuestionsAndWritesTheLine)
                                       : SOFTWARE;
     });
     EXPECT_EQ(lines, (std::vector<std::string>{"AT+CGSN=1\n", "AT+GMM?\n", "AT+CGMI?\n", "ATI9\n", "ATI8\n"}));
-    EXPECT_EQ(written(), std::string("860000000000009,FM160,Fibocom Wireless Inc.,V1.0.6,81600.0000") + '\0');
+    EXPECT_EQ(folder.content("info"),
+              std::string("860000000000009,FM160,Fibocom Wireless Inc.,V1.0.6,81600.0000") + '\0');
     EXPECT_TRUE(no_child_left());
 }
 
 TEST_F(Probe, AnAnswerWithoutImeiLeavesTheFile)
 {
-    std::ofstream(file) << "older";
+    folder.write("info", "older");
     probe([](const std::string &) { return "\r\nERROR\r\n"; });
-    EXPECT_EQ(written(), "older");
+    EXPECT_EQ(folder.content("info"), "older");
     EXPECT_FALSE(std::filesystem::exists(file + ".new"));
 }
 
@@ -166,7 +149,7 @@ TEST_F(Probe, ADeviceThatNeverStopsTalkingIsLimited)
     probe([](const std::string &line) {
         return line == "AT+CGSN=1\n" ? IMEI + std::string(2000, 'x') : std::string(300, 'y');
     });
-    EXPECT_EQ(written(), std::string("860000000000009") + '\0');
+    EXPECT_EQ(folder.content("info"), std::string("860000000000009") + '\0');
     EXPECT_TRUE(no_child_left());
 }
 
@@ -186,14 +169,12 @@ TEST_F(Probe, ADeviceThatBlocksCostsTwoSecondsAtMost)
 
 TEST_F(Probe, NothingIsMadeInThePlaceOfADevice)
 {
-    const std::string missing = folder + "/missing";
-    const std::string plain = folder + "/plain";
-    std::ofstream(plain) << "+CGSN: 1\r";
-    for (const std::string &path : {missing, plain, folder})
+    folder.write("plain", "+CGSN: 1\r");
+    for (const std::string &path : {folder / "missing", folder / "plain", folder.path})
         probe_device(path.c_str(), file.c_str());
-    EXPECT_FALSE(std::filesystem::exists(missing));
+    EXPECT_FALSE(std::filesystem::exists(folder / "missing"));
     EXPECT_FALSE(std::filesystem::exists(file));
-    EXPECT_EQ(std::filesystem::file_size(plain), 9u);
+    EXPECT_EQ(folder.content("plain"), "+CGSN: 1\r");
 }
 
 TEST_F(Probe, APortThatIsUnsetOrMissingIsNotProbed)

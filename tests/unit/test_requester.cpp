@@ -1,29 +1,20 @@
 #include "requester.h"
 
 #include <cstring>
-#include <map>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "captured_log.h"
 #include "config.h"
 #include "fake_clock.h"
-#include "fake_modem_link.h"
 #include "fake_port.h"
 #include "fake_shell.h"
 #include "fake_wanmd.h"
 #include "indications.h"
 #include "link.h"
-#include "log.h"
 #include "message_index.h"
 #include "modem_init.h"
+#include "modem_test.h"
 #include "queues.h"
+#include "resp_processor.h"
 #include "waiting.h"
-
-using Answer = FakeLink::Answer;
-using Strings = std::vector<std::string>;
 
 // What the requester needs of the units that it does not test: the messages, the response processor, the
 // initialisation.
@@ -84,16 +75,10 @@ int handle_pre_execute_cmds()
     return pre_execute_result;
 }
 
-class Requester : public testing::Test {
+class Requester : public ModemTest<fake_shell, fake_port, fake_clock, fake_wanmd> {
 protected:
     void SetUp() override
     {
-        fake_link.reset();
-        fake_shell.reset();
-        fake_port.reset();
-        fake_clock.reset();
-        fake_wanmd.reset();
-        clear_log();
         fetched.clear();
         routines = listings = listings_due = 0;
         modem_runs = modem_result = pre_execute_runs = pre_execute_result = 0;
@@ -121,37 +106,34 @@ protected:
     RequesterState state;
 };
 
-TEST_F(Requester, ModemIsInitialisedWhenItIsTheExpectedOne)
+TEST_F(Requester, TheExpectedModemIsInitialised)
 {
-    fake_link.answer = [](const std::string &) {
-        return fake_link.sent.size() < 3 ? Answer() : ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""});
-    };
-    modem_result = -1;
-    fake_clock.on_sleep = [](uint32_t) { running.store(0); };
-    g_connecting.store(1); // the first pass sleeps, and is the last
-    requester(nullptr);
-    EXPECT_EQ(Strings(fake_link.sent.begin(), fake_link.sent.begin() + 3), Strings(3, "AT+CGMI?\r"));
-    EXPECT_EQ(fake_link.expected.front(), "+CGMI:");
-    EXPECT_EQ(modem_runs, 1);
-    EXPECT_EQ(log_count("set_modem failed", LOG_INFO), 1);
-    EXPECT_EQ(t_requester_ready.load(), 1);
-    EXPECT_EQ(g_sms_sweep.load(), 1); // messages came while nobody listened
-    EXPECT_EQ(log_count("requester thread exit gracefully", LOG_INFO), 1);
-    EXPECT_TRUE(fake_shell.commands.empty());
-}
-
-TEST_F(Requester, AModemInTheMiddleOfAScanIsWaitedFor)
-{
-    fake_link.answer_in_turn({"\r\n+CME ERROR: 14\r\n", "\r\n+CME ERROR: 14\r\n", std::nullopt,
-                              "\r\n+CME ERROR: 14\r\n", ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""})});
-    fake_clock.on_sleep = [this](uint32_t) {
-        if (modem_runs == 1)
-            running.store(0);
-    };
-    g_connecting.store(1);
-    requester(nullptr);
-    EXPECT_EQ(modem_runs, 1);
-    EXPECT_TRUE(fake_shell.commands.empty());
+    const Answer busy = "\r\n+CME ERROR: 14\r\n", known = ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""});
+    struct {
+        std::vector<Answer> answers; // the second one during a scan
+        int result;
+    } rows[] = {{{std::nullopt, std::nullopt, known}, -1}, {{busy, busy, std::nullopt, busy, busy, known}, 0}};
+    for (const auto &row : rows) {
+        SetUp();
+        clear_log();
+        running.store(1);
+        fake_link.reset();
+        fake_link.answer_in_turn(row.answers);
+        modem_result = row.result;
+        fake_clock.on_sleep = [](uint32_t) { running.store(modem_runs == 0); };
+        g_connecting.store(1); // the first pass sleeps, and is the last
+        requester(nullptr);
+        EXPECT_EQ(Strings(fake_link.sent.begin(), fake_link.sent.end() - 1), Strings(row.answers.size(), "AT+CGMI?\r"));
+        EXPECT_EQ(fake_link.expected.front(), "+CGMI:");
+        EXPECT_EQ(modem_runs, 1);
+        EXPECT_EQ(log_count("set_modem failed", LOG_INFO), row.result != 0);
+        EXPECT_EQ(t_requester_ready.load(), 1);
+        EXPECT_EQ(g_sms_sweep.load(), 1); // messages came while nobody listened
+        EXPECT_EQ(log_count("requester thread exit gracefully", LOG_INFO), 1);
+        EXPECT_TRUE(fake_shell.commands.empty());
+        pool_queue_destroy(&incomming_sms_queue);
+    }
+    SetUp();
 }
 
 TEST_F(Requester, AnyOtherModemStopsTheDaemon)
@@ -159,8 +141,7 @@ TEST_F(Requester, AnyOtherModemStopsTheDaemon)
     struct {
         Answer answer;
         size_t tries;
-        int logged;
-    } rows[] = {{ok_answer({"+CGMI: \"Quectel\""}), 1, 0}, {"\r\n+CME ERROR: 100\r\n", 1, 0}, {std::nullopt, 3, 1}};
+    } rows[] = {{ok_answer({"+CGMI: \"Quectel\""}), 1}, {"\r\n+CME ERROR: 100\r\n", 1}, {std::nullopt, 3}};
     for (const auto &row : rows) {
         fake_link.reset();
         fake_shell.reset();
@@ -169,13 +150,12 @@ TEST_F(Requester, AnyOtherModemStopsTheDaemon)
         fake_link.answer_always(row.answer);
         requester(nullptr);
         EXPECT_EQ(fake_link.sent, Strings(row.tries, "AT+CGMI?\r"));
-        EXPECT_EQ(log_count("AT+CGMI? failed", LOG_INFO), row.logged);
+        EXPECT_EQ(log_count("AT+CGMI? failed", LOG_INFO), row.tries == 3);
         EXPECT_EQ(log_count("Quit celmuxd\n", -1), 1);
         EXPECT_EQ(fake_shell.commands, Strings{"/etc/init.d/celmux stop &"});
         EXPECT_EQ(fake_clock.sleeps, std::vector<uint32_t>{1000});
     }
-    EXPECT_EQ(modem_runs, 0);
-    EXPECT_EQ(t_requester_ready.load(), 0);
+    EXPECT_EQ(modem_runs + t_requester_ready.load(), 0);
 }
 
 TEST_F(Requester, AStopBeforeTheModemIsKnownStartsNothing)
@@ -208,26 +188,24 @@ TEST_F(Requester, RoutineRunsAtOnceAndThenAtEveryInterval)
 
 TEST_F(Requester, AddressesAreCheckedWhenTheFamilyIsSeenLate)
 {
-    constexpr const char *IPV4 = "/tmp/ipv4config0";
-    constexpr const char *IPV6 = "/tmp/ipv6config0";
+    const std::string v4 = "/tmp/ipv4config0", v6 = "/tmp/ipv6config0";
     struct {
         int32_t family;
         Strings files;
         const char *message; // null: nothing to complain about
-        size_t recalls;
+        Strings notices;
     } rows[] = {
-        {0, {IPV4}, nullptr, 0},
-        {0, {IPV6}, "IPV4 ip incomplete, restarting wanmd", 1},
-        {2, {IPV6}, nullptr, 0},
-        {2, {IPV4}, "IPV6 ip incomplete, restarting wanmd", 1},
-        {3, {IPV4, IPV6}, nullptr, 0},
-        {3, {IPV6}, "IPV4V6 ip incomplete, restarting wanmd", 1},
-        {3, {IPV4}, "IPV4V6 ip incomplete, restarting wanmd", 1},
-        {3, {}, "IPV4V6 ip incomplete, restarting wanmd", 1},
-        {-1, {}, "IP family incorrect", 0},
-        {1, {IPV4, IPV6}, "IP family incorrect", 0},
+        {0, {v4}, nullptr, {}},
+        {0, {v6}, "IPV4 ip incomplete, restarting wanmd", {"re_call"}},
+        {2, {v6}, nullptr, {}},
+        {2, {v4}, "IPV6 ip incomplete, restarting wanmd", {"re_call"}},
+        {3, {v4, v6}, nullptr, {}},
+        {3, {v6}, "IPV4V6 ip incomplete, restarting wanmd", {"re_call"}},
+        {3, {v4}, "IPV4V6 ip incomplete, restarting wanmd", {"re_call"}},
+        {-1, {}, "IP family incorrect", {}},
+        {1, {v4, v6}, "IP family incorrect", {}},
     };
-    for (int64_t seen_after_ms : {2000, 10000, 10001, 12000}) {
+    for (int64_t seen_after_ms : {2000, 10000, 10001}) {
         for (const auto &row : rows) {
             const bool checked = seen_after_ms > 10000;
             fake_port.reset();
@@ -241,9 +219,8 @@ TEST_F(Requester, AddressesAreCheckedWhenTheFamilyIsSeenLate)
             fake_clock.now_ms += seen_after_ms;
             ip_family_updated.store(1);
             requester_pass(&state);
-            EXPECT_EQ(g_connecting.load(), 0);
-            EXPECT_EQ(ip_family_updated.load(), 0);
-            EXPECT_EQ(fake_wanmd.notices, checked ? Strings(row.recalls, "re_call") : Strings{}) << row.family;
+            EXPECT_EQ(g_connecting.load() + ip_family_updated.load(), 0);
+            EXPECT_EQ(fake_wanmd.notices, checked ? row.notices : Strings{}) << row.family;
             EXPECT_EQ(log_count("Checking if acquire ip successfully", LOG_DEBUG), checked);
             EXPECT_EQ(log_count(row.message ? row.message : "ip"), checked) << row.family;
             EXPECT_EQ(logged().size(), checked ? 1u + (row.message != nullptr) : 0u) << row.family;
@@ -257,19 +234,19 @@ TEST_F(Requester, FamilyIsAskedForOnceInEachAttempt)
     begin_connect_watch();
     for (int i = 0; i < 5; i++)
         requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings{"AT+CGDCONT?\r"});
+    EXPECT_EQ(fake_link.sent, Strings(1, "AT+CGDCONT?\r"));
     EXPECT_EQ(fake_clock.sleeps, std::vector<uint32_t>(5, 1000));
-    EXPECT_EQ(log_count("Doing routine"), 0);
-    begin_connect_watch(); // a new attempt before the first has ended
-    requester_pass(&state);
-    requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings(2, "AT+CGDCONT?\r"));
-    ip_family_updated.store(1);
-    requester_pass(&state);
-    fake_link.reset();
-    begin_connect_watch();
-    requester_pass(&state);
-    EXPECT_EQ(fake_link.sent, Strings{"AT+CGDCONT?\r"});
+    EXPECT_EQ(routines, 0);
+    for (bool ended : {false, true}) { // a new attempt before the first has ended, and one behind it
+        ip_family_updated.store(ended);
+        if (ended)
+            requester_pass(&state);
+        fake_link.reset();
+        begin_connect_watch();
+        requester_pass(&state);
+        requester_pass(&state);
+        EXPECT_EQ(fake_link.sent, Strings(1, "AT+CGDCONT?\r"));
+    }
     EXPECT_TRUE(fetched.empty());
 }
 

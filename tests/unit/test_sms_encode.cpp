@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -75,11 +74,12 @@ TEST(SmsEncode, PartsAreNumberedAndShareAReference)
 {
     const Parts parts = encode("+491701234567", 0, repeated("0123456789", 40));
     ASSERT_EQ(parts.pdus.size(), 3u);
-    const std::string reference = split(parts.pdus[0].pdu).header_text.substr(9, 2);
+    const std::string header = split(parts.pdus[0].pdu).header_text;
     for (std::size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(split(parts.pdus[i].pdu).header_text, "05 00 03 " + reference + " 03 0" + std::to_string(i + 1));
-        EXPECT_EQ(std::string(parts.pdus[i].pdu, 4), "0051");
-        EXPECT_EQ(2u * static_cast<std::size_t>(parts.pdus[i].length) + 2, std::string(parts.pdus[i].pdu).size());
+        const std::string pdu = parts.pdus[i].pdu;
+        EXPECT_EQ(split(pdu).header_text, "05 00 03 " + header.substr(9, 2) + " 03 0" + std::to_string(i + 1));
+        EXPECT_TRUE(pdu.starts_with("0051"));
+        EXPECT_EQ(2u * static_cast<std::size_t>(parts.pdus[i].length) + 2, pdu.size());
     }
 }
 
@@ -97,15 +97,14 @@ TEST(SmsEncode, AtMost255Parts)
 
 TEST(SmsEncode, ReferencesDifferAlsoBetweenThreads)
 {
-    constexpr std::size_t threads = 4;
-    constexpr std::size_t messages = 64;
-    const std::string text = repeated("a", 161);
-    std::vector<std::vector<std::string>> found(threads);
+    constexpr std::size_t threads = 4, messages = 64;
+    std::vector<std::string> found[threads];
     std::vector<std::thread> running;
-    for (std::size_t i = 0; i < threads; ++i) {
-        running.emplace_back([&text, &mine = found[i]] {
+    for (auto &mine : found) {
+        running.emplace_back([&mine] {
             for (std::size_t k = 0; k < messages; ++k) {
-                mine.push_back(split(encode("1", 0, text).pdus.at(0).pdu).header_text.substr(9, 2));
+                const std::string first = encode("1", 0, repeated("a", 161)).pdus.at(0).pdu;
+                mine.push_back(split(first).header_text.substr(9, 2));
             }
         });
     }
@@ -173,24 +172,6 @@ TEST(SmsEncode, MissingArgumentsAreRefused)
     EXPECT_NE(encode_pdu("1", 0, "a", 1, nullptr, 0), 0);
     free_list(&head);
     free_list(nullptr);
-}
-
-TEST(SmsEncode, RandomTextsComeBack)
-{
-    // Fixed seed: the same texts on every run.
-    std::mt19937 random(20240315);
-    const std::vector<std::string> gsm = {"a", "Z", "0", "@", "\n", "ü", "Ω", "€", "{", "\\", " "};
-    const std::vector<std::string> any = {"a", "ж", "😀", "€", "ç", "一", "\xEF\xBF\xBF", "\x7F", "٠"};
-    for (int i = 0; i < 500; ++i) {
-        const auto &characters = i % 2 ? gsm : any;
-        std::string text;
-        for (std::size_t left = random() % 400; left > 0; --left) {
-            text += characters[random() % characters.size()];
-        }
-        const Parts parts = encode("+491701234567", 0, text);
-        ASSERT_EQ(parts.error, 0);
-        ASSERT_EQ(joined_text(parts), text);
-    }
 }
 
 TEST(SmsEncode, DescriptionEscapesControlCharacters)

@@ -26,20 +26,13 @@ std::string shifts(unsigned locking, unsigned single_shift)
 
 TEST(SmsText, EscapesOfTheDefaultAlphabet)
 {
-    EXPECT_EQ(gsm("a\x1B"
-                  "eb"),
-              "a€b");
-    EXPECT_EQ(gsm("\x1B"
-                  "A"),
-              "A");
-    EXPECT_EQ(gsm("\x1B\x1B"
-                  "A"),
-              " A");
-    EXPECT_EQ(gsm("a\x1B"), "a ");
+    const std::string escape = "\x1B";
+    EXPECT_EQ(gsm("a" + escape + "eb"), "a€b");
+    EXPECT_EQ(gsm(escape + "A"), "A");
+    EXPECT_EQ(gsm(escape + escape + "A"), " A");
+    EXPECT_EQ(gsm("a" + escape), "a ");
     EXPECT_EQ(gsm("\x09\x0B\x1A"), "ÇØΞ");
-    EXPECT_EQ(gsm("a\x80\x1B\xFF"
-                  "b"),
-              "a\uFFFD \uFFFDb");
+    EXPECT_EQ(gsm("a\x80" + escape + "\xFF" + "b"), "a\uFFFD \uFFFDb");
 }
 
 TEST(SmsText, WordsInNationalTables)
@@ -51,10 +44,7 @@ TEST(SmsText, WordsInNationalTables)
     // Locking table and single shift table of the same language.
     for (const Row &row : std::vector<Row>{
              {1, "I\x1Ds \x07\x04 \x1Bg\x1BI\x60", "Işs ı€ ğİç"},
-             {2,
-              "\x60\x1B"
-              "A\x1B\x09\x1Bu}\x04",
-              "¿Áçúñè"},
+             {2, "\x60\x1B\x41\x1B\x09\x1Bu}\x04", "¿Áçúñè"},
              {3, "cora\x09{o \x1B\x15\x1B\x60 \x16", "coração Ω~ ^"},
              {4, "\x42\x50\x01\x3F\x43\x1B\x19", "মাং?য০"},
              {5, "\x17\x57\x1B\x1C\x7F", "ગૅ૦૱"},

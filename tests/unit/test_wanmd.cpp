@@ -1,37 +1,23 @@
 #include "wanmd.h"
 
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "captured_log.h"
 #include "fake_clock.h"
-#include "fake_modem_link.h"
 #include "fake_shell.h"
-#include "log.h"
-
-using Strings = std::vector<std::string>;
+#include "modem_test.h"
+#include "temporary_folder.h"
 
 // A working directory of its own, in which the connection manager may listen.
-class Wanmd : public testing::Test {
+class Wanmd : public ModemTest<fake_shell, fake_clock> {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/test_wanmd.XXXXXX";
-        folder = mkdtemp(pattern);
-        ASSERT_EQ(chdir(folder.c_str()), 0);
-        fake_link.reset();
-        fake_shell.reset();
-        fake_clock.reset();
-        clear_log();
+        ASSERT_EQ(chdir(folder.path.c_str()), 0);
+        mkdir("tmp", 0755);
         celmuxd_wanmd_sockfd = {-1, 0, {}};
         ASSERT_EQ(celmuxd_wanmd_socket_init(), 0);
     }
@@ -39,23 +25,17 @@ protected:
     {
         stop_listening();
         close(celmuxd_wanmd_sockfd.fd);
-        rmdir("tmp");
         ASSERT_EQ(chdir("/"), 0);
-        rmdir(folder.c_str());
     }
     void listen()
     {
-        mkdir("tmp", 0755);
         manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strcpy(address.sun_path, "tmp/wanmd_celmuxd_uds_file");
+        sockaddr_un address = {AF_UNIX, "tmp/wanmd_celmuxd_uds_file"};
         ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     }
     void stop_listening()
     {
-        if (manager != -1)
-            close(manager);
+        close(manager);
         manager = -1;
         unlink("tmp/wanmd_celmuxd_uds_file");
     }
@@ -69,14 +49,19 @@ protected:
         return datagrams;
     }
 
-    std::string folder;
+    TemporaryFolder folder;
     int manager = -1;
 };
+
+// How many lines tell that a notice was not sent, and why.
+static int failures(const std::string &what, int error)
+{
+    return log_count(what + ", with errno: " + std::to_string(error), LOG_ERR);
+}
 
 TEST_F(Wanmd, AddressCountsFamilyAndPathOnly)
 {
     EXPECT_EQ(celmuxd_wanmd_sockfd.address_length, 28u);
-    EXPECT_EQ(celmuxd_wanmd_sockfd.address.sun_family, AF_UNIX);
     EXPECT_STREQ(celmuxd_wanmd_sockfd.address.sun_path, "tmp/wanmd_celmuxd_uds_file");
     EXPECT_TRUE(fcntl(celmuxd_wanmd_sockfd.fd, F_GETFD) & FD_CLOEXEC);
 }
@@ -84,10 +69,8 @@ TEST_F(Wanmd, AddressCountsFamilyAndPathOnly)
 TEST_F(Wanmd, NoticesAreWholeDatagrams)
 {
     listen();
-    EXPECT_EQ(at_wanmd_set_apn(0), 0);
-    EXPECT_EQ(at_wanmd_set_apn(2), 0);
-    EXPECT_EQ(at_wanmd_set_apn(3), 0);
-    EXPECT_EQ(at_wanmd_set_apn(-1), 0);
+    for (int32_t family : {0, 2, 3, -1})
+        EXPECT_EQ(at_wanmd_set_apn(family), 0);
     at_wanmd_recall();
     EXPECT_EQ(received(), (Strings{"apn_ipv4", "apn_ipv6", "apn_ipv4v6", "apn_ipv4v6", "re_call"}));
     EXPECT_EQ(log_count("Set apn_ipv4v6 success", LOG_ERR), 2);
@@ -98,7 +81,7 @@ TEST_F(Wanmd, NoticesAreWholeDatagrams)
 TEST_F(Wanmd, SimStatusIsSentWhenItChangesAndUntilItArrives)
 {
     EXPECT_EQ(at_wanmd_set_sim_status(1), -1);
-    EXPECT_EQ(log_count("Send failed set SIM status, with errno: " + std::to_string(ENOENT), LOG_ERR), 1);
+    EXPECT_EQ(failures("Send failed set SIM status", ENOENT), 1);
     listen();
     EXPECT_EQ(at_wanmd_set_sim_status(1), 0);
     EXPECT_EQ(at_wanmd_set_sim_status(1), 0);
@@ -115,13 +98,13 @@ TEST_F(Wanmd, SimStatusIsSentWhenItChangesAndUntilItArrives)
 TEST_F(Wanmd, WithoutListenerOrSocketSendingFails)
 {
     EXPECT_EQ(at_wanmd_set_apn(0), -1);
-    EXPECT_EQ(log_count("Send failed set apn, with errno: " + std::to_string(ENOENT), LOG_ERR), 1);
+    EXPECT_EQ(failures("Send failed set apn", ENOENT), 1);
     at_wanmd_recall();
-    EXPECT_EQ(log_count("Send Failed at_wanmd_recall, with errno: " + std::to_string(ENOENT), LOG_ERR), 1);
+    EXPECT_EQ(failures("Send Failed at_wanmd_recall", ENOENT), 1);
     const int fd = celmuxd_wanmd_sockfd.fd;
     celmuxd_wanmd_sockfd.fd = -1;
     EXPECT_EQ(at_wanmd_set_apn(0), -1);
-    EXPECT_EQ(log_count("with errno: " + std::to_string(EBADF)), 1);
+    EXPECT_EQ(failures("", EBADF), 1);
     celmuxd_wanmd_sockfd.fd = fd;
 }
 
@@ -132,21 +115,19 @@ TEST_F(Wanmd, AFullQueueIsNotWaitedFor)
     while (sent < 100000 && at_wanmd_set_apn(0) == 0)
         sent++;
     EXPECT_LT(sent, 100000);
-    EXPECT_EQ(log_count("with errno: " + std::to_string(EAGAIN)), 1);
+    EXPECT_EQ(failures("", EAGAIN), 1);
 }
 
 TEST_F(Wanmd, ControlSwitchesRadioOnAndRestarts)
 {
-    EXPECT_EQ(wanmd_control(1), 0);
-    EXPECT_EQ(fake_link.sent, Strings{"AT+CFUN=1\r"});
-    EXPECT_EQ(fake_shell.commands, Strings{"/etc/init.d/wanmd restart &"});
-    fake_link.reset();
-    fake_shell.reset();
     EXPECT_EQ(wanmd_control(0), 0);
     EXPECT_TRUE(fake_link.sent.empty());
     EXPECT_EQ(fake_shell.commands, (Strings{"/etc/init.d/wanmd stop &", "nvram set network_test test"}));
-    fake_shell.reset();
-    fake_link.answer_always(std::nullopt);
-    EXPECT_EQ(wanmd_control(1), 0);
-    EXPECT_EQ(fake_shell.commands, Strings{"/etc/init.d/wanmd restart &"});
+    for (const Answer &answer : {Answer("\r\nOK\r\n"), Answer(std::nullopt)}) {
+        fake_shell.reset();
+        fake_link.answer_always(answer);
+        EXPECT_EQ(wanmd_control(1), 0);
+        EXPECT_EQ(fake_link.sent.front(), "AT+CFUN=1\r");
+        EXPECT_EQ(fake_shell.commands, Strings{"/etc/init.d/wanmd restart &"});
+    }
 }
