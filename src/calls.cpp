@@ -66,7 +66,6 @@ static bool worker_started;
 
 // What the calling thread is at.
 static thread_local const MethodRow *arriving; // a call has come and may be put aside
-static thread_local bool entered;              // the handler's beginning has been logged
 static thread_local Call *carried_out;         // the worker's call
 
 struct CallsLock {
@@ -81,13 +80,6 @@ struct CallsLock {
     CallsLock(const CallsLock &) = delete;
     CallsLock &operator=(const CallsLock &) = delete;
 };
-
-void log_enter(const char *name)
-{
-    if (!entered)
-        CELMUX_LOG(LOG_INFO, "%s enter", name, name);
-    entered = true;
-}
 
 bool worker_takes_reply()
 {
@@ -113,10 +105,9 @@ int serve_call(HANDLER_ARGUMENTS)
     const MethodRow *row = row_of(method);
     if (!row)
         return UBUS_STATUS_METHOD_NOT_FOUND;
-    entered = false;
+    const char *name = row->log_name ? row->log_name : row->name;
+    CELMUX_LOG(LOG_INFO, "%s enter", name, name);
     arriving = row;
-    if (row->kind == Kind::query)
-        log_enter(row->name);
     bool aside = row->kind == Kind::query && call_waits(ctx, req, msg);
     int status = aside ? static_cast<int>(UBUS_STATUS_OK) : row->handler(ctx, obj, req, method, msg);
     arriving = nullptr;
@@ -248,7 +239,6 @@ static Call *take_call()
 
 static void carry_out(Call *call)
 {
-    entered = true;
     carried_out = call;
     limit_requests(call->row->kind == Kind::set_up ? NO_CALL_LIMIT : call->came_ms + call->own_ms);
     call->status = call->row->handler(nullptr, nullptr, nullptr, call->row->name, call->msg);
@@ -321,7 +311,6 @@ static void answer_over(Call *call)
     if (call->row->kind == Kind::set_up) {
         (void)reply_result(bus, &call->request, RESULT_REQUEST_FAILED);
     } else {
-        entered = true;
         limit_requests(CALL_IS_OVER);
         status = call->row->handler(bus, nullptr, &call->request, call->row->name, call->msg);
         limit_requests(NO_CALL_LIMIT);

@@ -19,8 +19,8 @@ enum class Kind : uint8_t {
     set_up, // scripts or settings beside the modem: never begun once its time is over
 };
 
-// The handler of every method on the bus: runs the row's own handler, which for all but quick methods puts the call
-// aside by call_waits and is run again by the worker when the call's turn comes.
+// The handler of every method on the bus: logs the call and runs the row's own handler, which for all but quick methods
+// puts the call aside by call_waits and is run again by the worker when the call's turn comes.
 int serve_call(struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req, const char *method,
                struct blob_attr *msg);
 
@@ -33,9 +33,6 @@ constexpr uint32_t CALLER_PATIENCE_MS = 30000; // the bus's default
 // `own_ms` is how long it waits while the modem is silent, `patience_ms` while the modem works.
 bool call_waits(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg,
                 uint32_t own_ms = CALL_TIMEOUT_MS, uint32_t patience_ms = CALLER_PATIENCE_MS);
-
-// Logs that a handler begins, once a call, however often its handler is run.
-void log_enter(const char *name);
 
 // Takes over the reply in g_reply_buf when the calling thread is the worker: true. False on the bus thread.
 bool worker_takes_reply();

@@ -8,7 +8,6 @@
 
 int handle_wanmd_enable(HANDLER_ARGUMENTS)
 {
-    log_enter("wanmd_enable");
     if (call_waits(ctx, req, msg, CALLER_PATIENCE_MS))
         return UBUS_STATUS_OK;
     begin_connect_watch();
@@ -17,7 +16,6 @@ int handle_wanmd_enable(HANDLER_ARGUMENTS)
 
 int handle_wanmd_disable(HANDLER_ARGUMENTS)
 {
-    log_enter("wanmd_disable");
     if (call_waits(ctx, req, msg, CALLER_PATIENCE_MS))
         return UBUS_STATUS_OK;
     return reply_result(ctx, req, static_cast<uint32_t>(wanmd_control(0)));
@@ -26,7 +24,6 @@ int handle_wanmd_disable(HANDLER_ARGUMENTS)
 int handle_get_autoconnect(HANDLER_ARGUMENTS)
 {
     uint8_t enabled = 1;
-    log_enter("get_autoconnect");
     int result = uci_get_autoconnect(&enabled);
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
@@ -52,7 +49,6 @@ const struct blobmsg_policy policy_set_autoconnect[] = {{"state", BLOBMSG_TYPE_I
 
 int handle_set_autoconnect(HANDLER_ARGUMENTS)
 {
-    log_enter("set_autoconnect");
     return handle_switch(ctx, req, msg, policy_set_autoconnect,
                          [](uint8_t on) { return static_cast<result_t>(uci_set_autoconnect(on)); });
 }
@@ -67,7 +63,6 @@ const struct blobmsg_policy policy_set_pdp_context_activation[] = {
 int handle_set_pdp_context_activation(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[ACTIVATION_FIELDS];
-    log_enter("set_pdp_context_activation");
     parse_arguments(policy_set_pdp_context_activation, ACTIVATION_FIELDS, msg, fields);
     if (!fields[ACTIVATION_STATE] || !fields[ACTIVATION_CID])
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -94,7 +89,6 @@ static void optional_number(struct blob_attr *field, uint8_t *given, int32_t *va
 int handle_rmnet_call(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[CALL_FIELDS];
-    log_enter("rmnet_call");
     parse_arguments(policy_rmnet_call, CALL_FIELDS, msg, fields);
     if (!fields[CALL_ACTION])
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -116,7 +110,6 @@ const struct blobmsg_policy policy_set_5gsa[] = {{"enable", BLOBMSG_TYPE_INT32}}
 
 int handle_set_5gsa(HANDLER_ARGUMENTS)
 {
-    log_enter("set_5gsa");
     return handle_switch(ctx, req, msg, policy_set_5gsa, at_set_5gsa);
 }
 
@@ -124,7 +117,6 @@ const struct blobmsg_policy policy_set_roaming_enable[] = {{"state", BLOBMSG_TYP
 
 int handle_set_roaming_enable(HANDLER_ARGUMENTS)
 {
-    log_enter("set_roaming_enable");
     return handle_switch(ctx, req, msg, policy_set_roaming_enable, at_set_roaming_enable);
 }
 
@@ -134,7 +126,6 @@ int handle_set_sms_message_format(HANDLER_ARGUMENTS)
 {
     constexpr uint32_t FORMAT_MAX = 1;
     struct blob_attr *format;
-    log_enter("set_sms_message_format");
     parse_arguments(policy_set_sms_message_format, 1, msg, &format);
     if (!format || blobmsg_get_u32(format) > FORMAT_MAX)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -148,7 +139,6 @@ const struct blobmsg_policy policy_set_pcm_loopback_state[] = {{"state", BLOBMSG
 int handle_set_pcm_loopback_state(HANDLER_ARGUMENTS)
 {
     struct blob_attr *state;
-    log_enter("set_pcm_loopback_state");
     parse_arguments(policy_set_pcm_loopback_state, 1, msg, &state);
     if (!state)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -161,13 +151,11 @@ const struct blobmsg_policy policy_set_fm160_usb_lock[] = {{"locked", BLOBMSG_TY
 
 int handle_set_fm160_usb_lock(HANDLER_ARGUMENTS)
 {
-    log_enter("set_fm160_usb_lock");
     return handle_switch(ctx, req, msg, policy_set_fm160_usb_lock, at_set_fm160_usb_lock);
 }
 
 int handle_hangup_call(HANDLER_ARGUMENTS)
 {
-    log_enter("hangup_call");
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_hangup_call());
@@ -189,20 +177,17 @@ static int reply_apn(struct ubus_context *ctx, struct ubus_request_data *req, in
 
 int handle_get_current_apn(HANDLER_ARGUMENTS)
 {
-    log_enter("get_current_apn");
     return reply_apn(ctx, req, 1, "Unavailable");
 }
 
 int handle_get_current_ims_apn(HANDLER_ARGUMENTS)
 {
-    log_enter("get_current_ims_apn");
     return reply_apn(ctx, req, 2, "");
 }
 
 int handle_check_connectivity(HANDLER_ARGUMENTS)
 {
     uint8_t connected = 0;
-    log_enter("check_connectivity");
     result_t result = at_check_connectivity(&connected);
     reply_begin();
     reply_add_u32("result", result);
@@ -213,7 +198,6 @@ int handle_check_connectivity(HANDLER_ARGUMENTS)
 int handle_get_pcm_loopback_state(HANDLER_ARGUMENTS)
 {
     uint8_t enabled = 0;
-    log_enter("get_pcm_loopback_state");
     result_t result = at_get_pcm_loopback_state(&enabled);
     reply_begin();
     reply_add_u32("result", result);

@@ -12,11 +12,6 @@ const struct blobmsg_policy policy_message_index_list[1] = {{"index_list", BLOBM
 
 constexpr uint32_t FAILED = UINT32_MAX; // -1 to clients
 
-static void log_entry(const char *name)
-{
-    log_enter(name);
-}
-
 static bool index_argument(struct blob_attr *msg, int32_t *index)
 {
     struct blob_attr *field;
@@ -80,7 +75,6 @@ static void give_memory_back()
 int handle_get_all_messages(HANDLER_ARGUMENTS)
 {
     constexpr int KEPT_SIZE = 64 * 1024; // of the reply's buffer
-    log_entry("_get_all_messages");
     reply_begin();
     int result = list_messages(&g_reply_buf);
     reply_add_u32("result", static_cast<uint32_t>(result));
@@ -95,7 +89,6 @@ int handle_get_all_messages(HANDLER_ARGUMENTS)
 int handle_get_message(HANDLER_ARGUMENTS)
 {
     int32_t index;
-    log_entry("_get_message");
     if (!index_argument(msg, &index))
         return UBUS_STATUS_INVALID_ARGUMENT;
     reply_begin();
@@ -107,7 +100,6 @@ int handle_get_message(HANDLER_ARGUMENTS)
 int handle_read_message(HANDLER_ARGUMENTS)
 {
     int32_t index;
-    log_entry("_read_message");
     if (!index_argument(msg, &index))
         return UBUS_STATUS_INVALID_ARGUMENT;
     return reply_result(ctx, req, static_cast<uint32_t>(mark_messages_read(&index, 1)));
@@ -116,7 +108,6 @@ int handle_read_message(HANDLER_ARGUMENTS)
 int handle_read_messages(HANDLER_ARGUMENTS)
 {
     IndexList list;
-    log_entry("_read_messages");
     ListArgument argument = index_list_argument(msg, &list);
     if (argument == ListArgument::missing)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -127,7 +118,6 @@ int handle_read_messages(HANDLER_ARGUMENTS)
 
 int handle_delete_all_messages(HANDLER_ARGUMENTS)
 {
-    log_entry("_delete_all_messages");
     delete_all_messages();
     give_memory_back();
     return reply_result(ctx, req, 0);
@@ -136,7 +126,6 @@ int handle_delete_all_messages(HANDLER_ARGUMENTS)
 int handle_delete_message(HANDLER_ARGUMENTS)
 {
     int32_t index;
-    log_entry("_delete_message");
     if (!index_argument(msg, &index))
         return UBUS_STATUS_INVALID_ARGUMENT;
     delete_messages(&index, 1);
@@ -153,7 +142,6 @@ static int cmpfunc(const void *a, const void *b)
 int handle_delete_messages(HANDLER_ARGUMENTS)
 {
     IndexList list;
-    log_entry("_delete_messages");
     ListArgument argument = index_list_argument(msg, &list);
     if (argument == ListArgument::missing)
         return UBUS_STATUS_INVALID_ARGUMENT;

@@ -52,7 +52,6 @@ static int send_reply(struct ubus_context *ctx, struct ubus_request_data *req, u
 int handle_send_message(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[SEND_ARGUMENTS];
-    log_enter(NAME);
     parse_arguments(policy_send_message, SEND_ARGUMENTS, msg, fields);
     if (!fields[SEND_DEST] || !fields[SEND_TYPE] || !fields[SEND_CONTENT]) {
         CELMUX_LOG(LOG_DEBUG, "UBUS_STATUS_INVALID_ARGUMENT error\n", NAME);

@@ -12,12 +12,17 @@
 #include "signal_methods.h"
 #include "sim_methods.h"
 
-#define PLAIN(name, access, kind, text) {#name, handle_##name, nullptr, 0, Access::access, Kind::kind, text}
-#define WITH_ARGS(name, policy, access, kind, text)                                                                          \
-    {#name, handle_##name, policy, static_cast<int>(std::size(policy)), Access::access, Kind::kind, text}
-#define STRING_QUERY(name, text) {#name, handle_string_query<name##_row>, nullptr, 0, Access::read, Kind::query, text}
-
 // clang-format off
+#define NO_ARGUMENTS nullptr, 0
+#define ARGUMENTS(policy) policy, static_cast<int>(std::size(policy))
+#define PLAIN(name, access, kind, text) {#name, handle_##name, NO_ARGUMENTS, Access::access, Kind::kind, text}
+#define WITH_ARGS(name, policy, access, kind, text) \
+    {#name, handle_##name, ARGUMENTS(policy), Access::access, Kind::kind, text}
+#define STRING_QUERY(name, text) {#name, handle_string_query<name##_row>, NO_ARGUMENTS, Access::read, Kind::query, text}
+// The methods of the message store stand in the log under names of their own.
+#define STORE(name, arguments, access, text) \
+    {#name, handle_##name, arguments, Access::access, Kind::quick, text, "_" #name}
+
 constexpr std::array<MethodRow, METHOD_COUNT> rows = {{
     PLAIN(get_rssi, read, query, "signal strength index of AT+CSQ"),
     PLAIN(get_extended_signal_quality, read, query, "the nine signal indexes of AT+CESQ"),
@@ -69,13 +74,13 @@ constexpr std::array<MethodRow, METHOD_COUNT> rows = {{
     PLAIN(get_gtccinfo, read, query, "first serving-cell line of AT+GTCCINFO as it stands"),
     PLAIN(get_pdp_contexts, read, query, "activation states of the PDP contexts"),
     PLAIN(check_connectivity, read, query, "whether PDP context 1 has an address"),
-    PLAIN(get_all_messages, read, quick, "all stored messages"),
-    WITH_ARGS(get_message, policy_message_index, read, quick, "one stored message"),
-    WITH_ARGS(read_message, policy_message_index, write, quick, "mark a message as read"),
-    WITH_ARGS(read_messages, policy_message_index_list, write, quick, "mark messages as read"),
-    PLAIN(delete_all_messages, write, quick, "delete all stored messages"),
-    WITH_ARGS(delete_message, policy_message_index, write, quick, "delete a stored message"),
-    WITH_ARGS(delete_messages, policy_message_index_list, write, quick, "delete stored messages"),
+    STORE(get_all_messages, NO_ARGUMENTS, read, "all stored messages"),
+    STORE(get_message, ARGUMENTS(policy_message_index), read, "one stored message"),
+    STORE(read_message, ARGUMENTS(policy_message_index), write, "mark a message as read"),
+    STORE(read_messages, ARGUMENTS(policy_message_index_list), write, "mark messages as read"),
+    STORE(delete_all_messages, NO_ARGUMENTS, write, "delete all stored messages"),
+    STORE(delete_message, ARGUMENTS(policy_message_index), write, "delete a stored message"),
+    STORE(delete_messages, ARGUMENTS(policy_message_index_list), write, "delete stored messages"),
     WITH_ARGS(send_message, policy_send_message, write, modem, "send a text message"),
     PLAIN(get_caller_id, read, query, "number of the incoming call"),
     PLAIN(get_pcm_loopback_state, read, query, "whether the audio loopback is on"),

@@ -22,6 +22,7 @@ struct MethodRow {
     Access access;
     Kind kind;
     const char *description;
+    const char *log_name = nullptr; // the method in the log, where that is not its name
 };
 
 constexpr size_t METHOD_COUNT = 68;

@@ -12,7 +12,6 @@
 
 int handle_get_operator_info(HANDLER_ARGUMENTS)
 {
-    log_enter("get_operator_info");
     OperatorInfo info = {};
     result_t result = at_get_operator_info(&info);
     reply_begin();
@@ -55,7 +54,6 @@ const struct blobmsg_policy policy_select_operator[SELECT_OPERATOR_COUNT] = {
 
 int handle_select_operator(HANDLER_ARGUMENTS)
 {
-    log_enter("select_operator");
     struct blob_attr *fields[SELECT_OPERATOR_COUNT];
     parse_arguments(policy_select_operator, SELECT_OPERATOR_COUNT, msg, fields);
     uint8_t has_mode;
@@ -86,7 +84,6 @@ const struct blobmsg_policy policy_select_rat[SELECT_RAT_COUNT] = {
 
 int handle_select_rat(HANDLER_ARGUMENTS)
 {
-    log_enter("select_rat");
     struct blob_attr *fields[SELECT_RAT_COUNT];
     parse_arguments(policy_select_rat, SELECT_RAT_COUNT, msg, fields);
     uint8_t has_act;
@@ -125,7 +122,6 @@ const struct blobmsg_policy policy_set_network_mode[SET_NETWORK_MODE_COUNT] = {
 
 int handle_set_network_mode(HANDLER_ARGUMENTS)
 {
-    log_enter("set_network_mode");
     struct blob_attr *fields[SET_NETWORK_MODE_COUNT];
     parse_arguments(policy_set_network_mode, SET_NETWORK_MODE_COUNT, msg, fields);
     if (!fields[SET_NETWORK_MODE_MODE])
@@ -184,7 +180,6 @@ static const char *take_rat_and_band(struct blob_attr *const fields[], RatAndBan
 
 int handle_select_rat_and_band(HANDLER_ARGUMENTS)
 {
-    log_enter("select_rat_and_band");
     struct blob_attr *fields[SELECT_RAT_AND_BAND_COUNT];
     parse_arguments(policy_select_rat_and_band, SELECT_RAT_AND_BAND_COUNT, msg, fields);
     if (!fields[SELECT_RAT_AND_BAND_RAT])
@@ -203,7 +198,6 @@ int handle_select_rat_and_band(HANDLER_ARGUMENTS)
 int handle_get_gtccinfo(HANDLER_ARGUMENTS)
 {
     constexpr size_t TOO_SHORT = 5;
-    log_enter("get_gtccinfo");
     char text[512] = "";
     result_t result = at_get_gtccinfo(text);
     reply_begin();
@@ -224,7 +218,6 @@ int handle_get_gtccinfo(HANDLER_ARGUMENTS)
 
 int handle_scan_network(HANDLER_ARGUMENTS)
 {
-    log_enter("scan_network");
     if (!g_scanning.load() && call_waits(ctx, req, msg)) // while one runs, the next is refused at once
         return UBUS_STATUS_OK;
     return reply_result(ctx, req, static_cast<uint32_t>(at_enqueue("AT+COPS=?\r", 0)));
@@ -240,7 +233,6 @@ int handle_at_passthrough(HANDLER_ARGUMENTS)
 {
     // No other method that needs the modem is served meanwhile, and a negative number would mean weeks.
     constexpr uint32_t LONGEST_MS = 600'000;
-    log_enter("at_passthrough");
     struct blob_attr *fields[AT_PASSTHROUGH_COUNT];
     parse_arguments(policy_at_passthrough, AT_PASSTHROUGH_COUNT, msg, fields);
     if (!fields[AT_PASSTHROUGH_AT])

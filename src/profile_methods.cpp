@@ -43,7 +43,6 @@ int handle_set_default_apn(HANDLER_ARGUMENTS)
     constexpr uint32_t IP_FAMILY_MAX = 3;
     constexpr uint32_t SETTLE_MS = 1000;
     struct blob_attr *fields[DEFAULT_FIELDS];
-    log_enter("set_default_apn");
     parse_arguments(policy_set_default_apn, DEFAULT_FIELDS, msg, fields);
     if (fields[DEFAULT_APN] && fields[DEFAULT_IP] && blobmsg_get_u32(fields[DEFAULT_IP]) > IP_FAMILY_MAX)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -70,7 +69,6 @@ const struct blobmsg_policy policy_select_profile[] = {{"id", BLOBMSG_TYPE_INT32
 int handle_select_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *id;
-    log_enter("select_profile");
     parse_arguments(policy_select_profile, 1, msg, &id);
     if (!id)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -93,7 +91,6 @@ const struct blobmsg_policy policy_add_profile[] = {
 int handle_add_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[ADD_FIELDS];
-    log_enter("add_profile");
     parse_arguments(policy_add_profile, ADD_FIELDS, msg, fields);
     if (!fields[ADD_IP] || !fields[ADD_APN])
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -123,7 +120,6 @@ int handle_get_profile_list(HANDLER_ARGUMENTS)
 {
     ApnProfile *records = nullptr;
     uint32_t count = 0;
-    log_enter("get_profile_list");
     int result = list_profiles(&records, &count);
     reply_begin();
     reply_add_u32("result", static_cast<uint32_t>(result));
@@ -145,7 +141,6 @@ const struct blobmsg_policy policy_get_profile[] = {{"id", BLOBMSG_TYPE_INT32}};
 int handle_get_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *id;
-    log_enter("get_profile");
     parse_arguments(policy_get_profile, 1, msg, &id);
     if (!id)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -164,7 +159,6 @@ const struct blobmsg_policy policy_delete_profile[] = {{"id", BLOBMSG_TYPE_INT32
 int handle_delete_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *id;
-    log_enter("delete_profile");
     parse_arguments(policy_delete_profile, 1, msg, &id);
     return reply_result(ctx, req, static_cast<uint32_t>(delete_profile_section(number_or(id, ALL_PROFILES))));
 }
@@ -180,7 +174,6 @@ const struct blobmsg_policy policy_modify_profile[] = {
 int handle_modify_profile(HANDLER_ARGUMENTS)
 {
     struct blob_attr *fields[MODIFY_FIELDS];
-    log_enter("modify_profile");
     parse_arguments(policy_modify_profile, MODIFY_FIELDS, msg, fields);
     bool anything = false;
     for (int i = MODIFY_IP; i < MODIFY_ID; i++)

@@ -5,7 +5,6 @@
 int reply_string_query(struct ubus_context *ctx, struct ubus_request_data *req, const StringQuery &row)
 {
     char text[QUERY_TEXT_MAX] = "";
-    log_enter(row.method);
     result_t result = row.get(std::span(text, row.size));
     reply_begin();
     reply_add_u32("result", result);
@@ -17,7 +16,6 @@ int reply_string_query(struct ubus_context *ctx, struct ubus_request_data *req, 
 int handle_get_pdp_contexts(HANDLER_ARGUMENTS)
 {
     char text[512] = "";
-    log_enter("get_pdp_contexts");
     result_t result = at_get_pdp_contexts(std::span<char>(text));
     reply_begin();
     reply_add_u32("result", result);
@@ -30,7 +28,6 @@ int handle_get_pdp_contexts(HANDLER_ARGUMENTS)
 int handle_get_caller_id(HANDLER_ARGUMENTS)
 {
     char number[17] = ""; // 16 characters at most, terminated
-    log_enter("get_caller_id");
     reply_begin();
     result_t result = at_get_caller_id(std::span<char>(number));
     reply_add_u32("result", result);

@@ -7,7 +7,6 @@
 
 int handle_get_rssi(HANDLER_ARGUMENTS)
 {
-    log_enter("get_rssi");
     uint8_t rssi = RSSI_UNKNOWN;
     result_t result = at_get_rssi(&rssi);
     reply_begin();
@@ -19,7 +18,6 @@ int handle_get_rssi(HANDLER_ARGUMENTS)
 
 int handle_get_extended_signal_quality(HANDLER_ARGUMENTS)
 {
-    log_enter("get_extended_signal_quality");
     ExtendedSignalQuality quality = {BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT,
                                      BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT, BYTE_ABSENT};
     result_t result = at_get_extended_signal_quality(&quality);
@@ -65,7 +63,6 @@ static result_t add_umts_signal()
 
 int handle_get_signal_quality(HANDLER_ARGUMENTS)
 {
-    log_enter("get_signal_quality");
     ServingCellRecord cells[SERVING_CELLS] = {};
     result_t result = at_get_serving_cells(cells);
     reply_begin();
@@ -157,7 +154,6 @@ static void add_signal_members(const ServingCellRecord *cell, const ServingCellR
 
 int handle_get_current_cell_info(HANDLER_ARGUMENTS)
 {
-    log_enter("get_current_cell_info");
     CellSummary summary = {};
     result_t result = read_cells(&summary);
     const ServingCellRecord *best = summary.best;
@@ -179,7 +175,6 @@ int handle_get_current_cell_info(HANDLER_ARGUMENTS)
 
 int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
 {
-    log_enter("get_current_cell_info_explained");
     CellSummary summary = {};
     result_t result = read_cells(&summary);
     if (result != RESULT_OK)
@@ -210,7 +205,6 @@ int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
 
 int handle_get_cell_info(HANDLER_ARGUMENTS)
 {
-    log_enter("get_cell_info");
     CellInfo info = {};
     result_t result = at_get_cell_info(&info);
     const struct {
@@ -229,7 +223,6 @@ int handle_get_cell_info(HANDLER_ARGUMENTS)
 
 int handle_get_current_rat_and_band(HANDLER_ARGUMENTS)
 {
-    log_enter("get_current_rat_and_band");
     RatAndBand current = {};
     char bands[BANDS_SIZE] = "";
     result_t result = at_get_current_rat_and_band(&current, bands);

@@ -5,7 +5,6 @@
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
 {
-    log_enter("get_sim_lock_status");
     uint8_t enabled = 0;
     result_t result = at_get_sim_lock_status(&enabled);
     reply_begin();
@@ -23,7 +22,6 @@ const struct blobmsg_policy policy_set_sim_lock_status[SET_SIM_LOCK_STATUS_COUNT
 
 int handle_set_sim_lock_status(HANDLER_ARGUMENTS)
 {
-    log_enter("set_sim_lock_status");
     struct blob_attr *fields[SET_SIM_LOCK_STATUS_COUNT];
     parse_arguments(policy_set_sim_lock_status, SET_SIM_LOCK_STATUS_COUNT, msg, fields);
     if (!fields[SET_SIM_LOCK_STATUS_PIN] || !fields[SET_SIM_LOCK_STATUS_ENABLED])
@@ -37,7 +35,6 @@ int handle_set_sim_lock_status(HANDLER_ARGUMENTS)
 
 int handle_get_sim_remaining_attempts(HANDLER_ARGUMENTS)
 {
-    log_enter("get_sim_remaining_attempts");
     int32_t pin = -1, puk = -1;
     result_t result = at_get_sim_remaining_attempts(&pin, &puk);
     reply_begin();
@@ -65,7 +62,6 @@ int handle_get_remaining_pin_retries(HANDLER_ARGUMENTS)
         {"pin2_retries", "pin2_default_retries"},
         {"puk2_retries", "puk2_default_retries"},
     };
-    log_enter("get_remaining_pin_retries");
     struct blob_attr *fields[GET_REMAINING_PIN_RETRIES_COUNT];
     parse_arguments(policy_get_remaining_pin_retries, GET_REMAINING_PIN_RETRIES_COUNT, msg, fields);
     if (call_waits(ctx, req, msg))
@@ -93,7 +89,6 @@ const struct blobmsg_policy policy_unlock_sim[UNLOCK_SIM_COUNT] = {
 
 int handle_unlock_sim(HANDLER_ARGUMENTS)
 {
-    log_enter("unlock_sim");
     struct blob_attr *fields[UNLOCK_SIM_COUNT];
     parse_arguments(policy_unlock_sim, UNLOCK_SIM_COUNT, msg, fields);
     if (!fields[UNLOCK_SIM_PIN])
@@ -112,7 +107,6 @@ const struct blobmsg_policy policy_change_sim_pin[CHANGE_SIM_PIN_COUNT] = {
 
 int handle_change_sim_pin(HANDLER_ARGUMENTS)
 {
-    log_enter("change_sim_pin");
     struct blob_attr *fields[CHANGE_SIM_PIN_COUNT];
     parse_arguments(policy_change_sim_pin, CHANGE_SIM_PIN_COUNT, msg, fields);
     if (!fields[CHANGE_SIM_PIN_PIN] || !fields[CHANGE_SIM_PIN_NEW_PIN])

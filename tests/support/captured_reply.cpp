@@ -22,11 +22,6 @@ bool call_waits(struct ubus_context *, struct ubus_request_data *, struct blob_a
     return false;
 }
 
-void log_enter(const char *name)
-{
-    CELMUX_LOG(LOG_INFO, "%s enter", name, name);
-}
-
 void reply_begin()
 {
     blob_buf_init(&g_reply_buf, 0);

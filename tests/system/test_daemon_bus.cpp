@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 
@@ -80,6 +81,12 @@ TEST(DaemonBus, RefusesWhatItCannotUse)
     }
     EXPECT_EQ(daemon.modem().record(), before) << "a refused call reached the modem";
     EXPECT_EQ(daemon.call("get_imei", {{"unknown", 1}}).result(), 0) << "what nobody asked for does no harm";
+    EXPECT_EQ(daemon.call("hangup_call").result(), 0);
+    const std::vector<std::string> log = daemon.celmuxd().output_lines();
+    for (const auto &[end, times] :
+         {std::pair{"] set_sim_lock_status enter", 5}, {"] _get_message enter", 3}, {"] hangup_call enter", 1}})
+        EXPECT_EQ(std::ranges::count_if(log, [&](const std::string &line) { return line.ends_with(end); }), times)
+            << end;
 }
 
 static void expect_whole_service(Daemon &daemon)

@@ -60,7 +60,6 @@ TEST_F(Methods, RawSignalFigures)
         reply_to(handle_get_extended_signal_quality, ok_answer({"+CESQ: 17,99,255,255,4,29,75,52,57"})),
         R"({"result":0,"rxlev":17,"ber":99,"rscp":255,"ecno":255,"rsrq":4,"rsrp":29,"ss_rsrq":75,"ss_rsrp":52,"ss_sinr":57})");
     EXPECT_EQ(reply_to(handle_get_extended_signal_quality, "\r\nERROR\r\n"), R"({"result":65535})");
-    EXPECT_EQ(log_count("[CELMUX: get_rssi:", 6), 3);
 }
 
 TEST_F(Methods, SignalQualityOfEachServingCell)
