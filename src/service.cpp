@@ -23,8 +23,6 @@ constexpr char FIRST_START_MARKER[] = "/tmp/celmuxd_init";
 constexpr int RECONNECT_MS = 1000;
 constexpr int64_t LEAVING_MS = 500; // what taking leave of the broker may take
 
-constinit thread_local struct blob_buf g_reply_buf = {};
-
 static struct ubus_method methods[METHOD_COUNT];
 static struct ubus_object_type celmux_type;
 static struct ubus_object celmux_object;
@@ -34,27 +32,6 @@ static struct uloop_timeout reconnect_timer;
 static struct uloop_fd stop_watch;
 static std::atomic<int64_t> undisturbed_until{0}; // monotonic ms
 
-void reply_begin()
-{
-    blob_buf_init(&g_reply_buf, 0);
-}
-
-// What cannot be added for want of memory is missing from the reply.
-void reply_add_string(const char *name, const char *text)
-{
-    (void)blobmsg_add_string(&g_reply_buf, name, text);
-}
-
-void reply_add_u32(const char *name, uint32_t value)
-{
-    (void)blobmsg_add_u32(&g_reply_buf, name, value);
-}
-
-void reply_add_bool(const char *name, bool value)
-{
-    (void)blobmsg_add_u8(&g_reply_buf, name, value);
-}
-
 int reply_send(struct ubus_context *ctx, struct ubus_request_data *req)
 {
     if (worker_takes_reply())
@@ -63,20 +40,6 @@ int reply_send(struct ubus_context *ctx, struct ubus_request_data *req)
     blob_buf_free(&g_reply_buf);
     g_reply_buf = {};
     return UBUS_STATUS_OK;
-}
-
-int reply_result(struct ubus_context *ctx, struct ubus_request_data *req, uint32_t result)
-{
-    reply_begin();
-    reply_add_u32("result", result);
-    return reply_send(ctx, req);
-}
-
-void parse_arguments(const struct blobmsg_policy *policy, int count, struct blob_attr *msg, struct blob_attr **fields)
-{
-    memset(fields, 0, static_cast<size_t>(count) * sizeof *fields);
-    if (msg)
-        (void)blobmsg_parse(policy, count, fields, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
 }
 
 void sig_handler(int sig)

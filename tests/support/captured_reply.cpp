@@ -7,7 +7,6 @@ extern "C" {
 #include <libubox/blobmsg_json.h>
 }
 
-constinit thread_local struct blob_buf g_reply_buf = {};
 static std::string last_reply;
 
 void *ubus_handler(void *)
@@ -22,26 +21,6 @@ bool call_waits(struct ubus_context *, struct ubus_request_data *, struct blob_a
     return false;
 }
 
-void reply_begin()
-{
-    blob_buf_init(&g_reply_buf, 0);
-}
-
-void reply_add_string(const char *name, const char *text)
-{
-    blobmsg_add_string(&g_reply_buf, name, text);
-}
-
-void reply_add_u32(const char *name, uint32_t value)
-{
-    blobmsg_add_u32(&g_reply_buf, name, value);
-}
-
-void reply_add_bool(const char *name, bool value)
-{
-    blobmsg_add_u8(&g_reply_buf, name, value);
-}
-
 int reply_send(struct ubus_context *, struct ubus_request_data *)
 {
     char *json = blobmsg_format_json(g_reply_buf.head, true);
@@ -49,18 +28,6 @@ int reply_send(struct ubus_context *, struct ubus_request_data *)
     free(json);
     blob_buf_free(&g_reply_buf);
     return UBUS_STATUS_OK;
-}
-
-int reply_result(struct ubus_context *ctx, struct ubus_request_data *req, uint32_t result)
-{
-    reply_begin();
-    reply_add_u32("result", result);
-    return reply_send(ctx, req);
-}
-
-void parse_arguments(const struct blobmsg_policy *policy, int count, struct blob_attr *msg, struct blob_attr **fields)
-{
-    blobmsg_parse(policy, count, fields, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
 }
 
 std::string reply_of(Handler handler, const char *arguments)

@@ -1,5 +1,5 @@
 // Another body for the service frame: a test calls handlers and reads their replies as JSON. Linking this unit into a
-// test replaces src/service.cpp.
+// test replaces src/service.cpp and src/calls.cpp.
 #pragma once
 
 #include <string>
