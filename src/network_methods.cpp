@@ -92,21 +92,6 @@ int handle_select_rat(HANDLER_ARGUMENTS)
     return reply_result(ctx, req, at_select_rat(&selection));
 }
 
-constexpr uint8_t SA_UNCHANGED = 2;
-struct NetworkMode {
-    RatSelection selection;
-    uint8_t stand_alone; // 5G stand-alone off, on or SA_UNCHANGED
-};
-constexpr NetworkMode network_modes[] = {
-    {{.act = 20, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 1, .pref2 = 3, .bands = nullptr}, 1},
-    {{.act = 20, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 1, .pref2 = 3, .bands = nullptr}, 0},
-    {{.act = 14, .has_pref1 = 0, .pref1 = 0, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, 1},
-    {{.act = 2, .has_pref1 = 0, .pref1 = 0, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, SA_UNCHANGED},
-    {{.act = 1, .has_pref1 = 0, .pref1 = 0, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, SA_UNCHANGED},
-    {{.act = 17, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, 1},
-    {{.act = 17, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, 0},
-};
-
 const struct blobmsg_policy policy_set_network_mode[] = {
     {"mode", BLOBMSG_TYPE_INT32},
     {"bands", BLOBMSG_TYPE_STRING},
@@ -122,7 +107,7 @@ int handle_set_network_mode(HANDLER_ARGUMENTS)
     const NetworkMode &mode = network_modes[blobmsg_get_u32(number)];
     RatSelection selection = mode.selection;
     selection.bands = text_or(bands, nullptr);
-    result_t result = mode.stand_alone == SA_UNCHANGED ? RESULT_OK : at_set_5gsa(mode.stand_alone);
+    result_t result = mode.stand_alone == STAND_ALONE_UNCHANGED ? RESULT_OK : at_set_5gsa(mode.stand_alone);
     result |= at_select_rat(&selection);
     return reply_result(ctx, req, result);
 }
