@@ -1,7 +1,7 @@
-// Opening and configuring the AT port, and the small file and time helpers that go with it.
+// Opening and configuring the AT port, and the small file helpers that go with it.
 #pragma once
 
-#include <ctime>
+#include <cstddef>
 #include <sys/stat.h>
 
 struct Settings;
@@ -35,9 +35,3 @@ int file_exists(const char *path);
 int entry_exists(const char *path);
 // The target of a symbolic link, zero-terminated, at most size - 1 bytes of it. False, and `target` untouched, when there is none.
 bool read_link(const char *path, char *target, size_t size);
-
-void ms_to_timespec(timespec *out, double ms);
-// out = end - start, seconds and nanoseconds with the same sign.
-void timespec_diff(const timespec *start, const timespec *end, timespec *out);
-// 1 when a is earlier than b, else 0.
-int timespec_before(const timespec *a, const timespec *b);

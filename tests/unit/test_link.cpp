@@ -515,21 +515,4 @@ TEST_F(AnswerTest, AnIndexIsNotQueuedTwiceAndAFullQueueAsksForASweep)
     }
 }
 
-TEST(TimeHelpers, DifferencesKeepOneSign)
-{
-    timespec start = {5, 900000000}, end = {7, 100000000}, out;
-    timespec_diff(&start, &end, &out);
-    EXPECT_EQ(out.tv_sec, 1);
-    EXPECT_EQ(out.tv_nsec, 200000000);
-    timespec_diff(&end, &start, &out);
-    EXPECT_EQ(out.tv_sec, -1);
-    EXPECT_EQ(out.tv_nsec, -200000000);
-    ms_to_timespec(&out, 3010);
-    EXPECT_EQ(out.tv_sec, 3);
-    EXPECT_EQ(out.tv_nsec, 10000000);
-    EXPECT_EQ(timespec_before(&start, &end), 1);
-    EXPECT_EQ(timespec_before(&end, &start), 0);
-    EXPECT_EQ(timespec_before(&end, &end), 0);
-}
-
 } // namespace

@@ -103,9 +103,7 @@ static inline bool blob_fits(const struct blob_attr *pos, size_t rem)
 
 /* Values of attributes; 0 when the payload is too short. A string without its terminating zero reads as empty. */
 uint8_t blob_get_u8(const struct blob_attr *attr);
-uint16_t blob_get_u16(const struct blob_attr *attr);
 uint32_t blob_get_u32(const struct blob_attr *attr);
-uint64_t blob_get_u64(const struct blob_attr *attr);
 const char *blob_get_string(const struct blob_attr *attr);
 
 /* Starts (or empties) a buffer with one open attribute of this id. 0, or -1 without memory. */
@@ -120,20 +118,10 @@ bool blob_buf_grow(struct blob_buf *buf, int required);
  */
 struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload);
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len);
-struct blob_attr *blob_put_u8(struct blob_buf *buf, int id, uint8_t val);
-struct blob_attr *blob_put_u16(struct blob_buf *buf, int id, uint16_t val);
 struct blob_attr *blob_put_u32(struct blob_buf *buf, int id, uint32_t val);
-struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint64_t val);
 struct blob_attr *blob_put_string(struct blob_buf *buf, int id, const char *str);
 
-#define blob_put_int8 blob_put_u8
-#define blob_put_int16 blob_put_u16
 #define blob_put_int32 blob_put_u32
-#define blob_put_int64 blob_put_u64
-#define blob_get_int8 (int8_t) blob_get_u8
-#define blob_get_int16 (int16_t) blob_get_u16
-#define blob_get_int32 (int32_t) blob_get_u32
-#define blob_get_int64 (int64_t) blob_get_u64
 
 /* Opens an attribute that takes what is put next. The cookie closes it; null when there is no memory. */
 void *blob_nest_start(struct blob_buf *buf, int id);
@@ -147,7 +135,6 @@ bool blob_check_type(const void *ptr, unsigned int len, int type);
  * info[id]; the others stay null. The last one of several wins. A malformed list ends it. Returns how many were found.
  * attr_len: bytes that are there at attr.
  */
-int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info, int max);
 int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_attr **data,
                          const struct blob_attr_info *info, int max);
 

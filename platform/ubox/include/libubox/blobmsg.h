@@ -51,10 +51,6 @@ static inline enum blobmsg_type blobmsg_type(const struct blob_attr *attr)
 const char *blobmsg_name(const struct blob_attr *attr);
 void *blobmsg_data(const struct blob_attr *attr);
 size_t blobmsg_data_len(const struct blob_attr *attr);
-static inline size_t blobmsg_len(const struct blob_attr *attr)
-{
-    return blobmsg_data_len(attr);
-}
 
 /* Values; 0 when the value is too short. A string without its terminating zero reads as empty; null attr gives null. */
 uint8_t blobmsg_get_u8(struct blob_attr *attr);
