@@ -22,6 +22,23 @@ struct RatSelection {
     const char *bands; // band notation, the caller's; null for none. UMTS bands may be "w8" too
 };
 
+// What the router's network modes mean to the modem: the numbers of the method set_network_mode, and without the last
+// one of the option apn.networkmode.mode.
+constexpr uint8_t STAND_ALONE_UNCHANGED = 2;
+struct NetworkMode {
+    RatSelection selection;
+    uint8_t stand_alone; // 5G stand-alone switch: 0, 1 or STAND_ALONE_UNCHANGED
+};
+inline constexpr NetworkMode network_modes[] = {
+    {{20, 1, 6, 1, 3, nullptr}, 1},
+    {{20, 1, 6, 1, 3, nullptr}, 0},
+    {{14, 0, 0, 0, 0, nullptr}, 1},
+    {{2, 0, 0, 0, 0, nullptr}, STAND_ALONE_UNCHANGED},
+    {{1, 0, 0, 0, 0, nullptr}, STAND_ALONE_UNCHANGED},
+    {{17, 1, 6, 0, 0, nullptr}, 1},
+    {{17, 1, 6, 0, 0, nullptr}, 0},
+};
+
 struct RatAndBand {
     int32_t rat;
     int32_t pref_act1; // 0 for none

@@ -16,9 +16,9 @@ extern "C" {
 }
 
 #include "call_limit.h"
+#include "handler.h"
 #include "link.h"
 #include "log.h"
-#include "reply.h"
 #include "result.h"
 #include "waiting.h"
 

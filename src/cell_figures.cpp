@@ -6,54 +6,44 @@
 
 #include "text_cut.h"
 
-static void write_dbm(Figure &text, int value)
+using Source = CellFigure::Source;
+// clang-format off
+extern const std::array<CellFigure, 7> cell_figures = {{
+    {"ec_io",      "ec_io",   RAT_UMTS, Source::rsrp,  0.5, -24.5,  1, "dB"},
+    {"lte_signal", "rsrp",    RAT_LTE,  Source::rsrp,  1.0, -141.0, 0, "dBm"}, // 3GPP TS 36.133 9.1.4, as the modem offsets it
+    {"rsrq",       nullptr,   RAT_LTE,  Source::rsrq,  0.5, -20.0,  1, "dB"},  // 3GPP TS 36.133 9.1.7
+    {"lte_noise",  nullptr,   RAT_LTE,  Source::noise, 0.5, 0.0,    1, "dB"},
+    {"nr_signal",  "ss_rsrp", RAT_NR,   Source::rsrp,  1.0, -156.0, 0, "dBm"}, // 3GPP TS 38.133 10.1.6
+    {"ss_rsrq",    nullptr,   RAT_NR,   Source::rsrq,  0.5, -43.5,  1, "dB"},  // 3GPP TS 38.133 10.1.11
+    {"nr_noise",   nullptr,   RAT_NR,   Source::noise, 0.5, -23.5,  1, "dBm"}, // 3GPP TS 38.133 10.1.16; as clients know it
+}};
+// clang-format on
+
+const CellFigure *signal_figure(uint8_t rat)
 {
-    snprintf(text, sizeof text, "%d dBm", value);
+    for (const CellFigure &figure : cell_figures) {
+        if (figure.signal_name && figure.rat == rat)
+            return &figure;
+    }
+    return nullptr;
 }
 
-static void write_db(Figure &text, double value)
+bool write_figure(Figure &text, const CellFigure &figure, const ServingCellRecord &cell)
 {
-    snprintf(text, sizeof text, "%.1f dB", value);
-}
-
-void write_lte_rsrp(Figure &text, uint8_t rsrp)
-{
-    write_dbm(text, rsrp - 141);
-}
-
-void write_nr_ss_rsrp(Figure &text, uint8_t rsrp)
-{
-    write_dbm(text, rsrp - 156);
-}
-
-void write_lte_rsrq(Figure &text, uint8_t rsrq)
-{
-    write_db(text, rsrq * 0.5 - 20.0);
-}
-
-void write_nr_ss_rsrq(Figure &text, uint8_t rsrq)
-{
-    write_db(text, rsrq * 0.5 - 43.5);
-}
-
-void write_lte_sinr(Figure &text, int32_t noise)
-{
-    write_db(text, noise * 0.5);
-}
-
-void write_nr_ss_sinr(Figure &text, int32_t noise)
-{
-    snprintf(text, sizeof text, "%.1f dBm", (noise - 1.0) * 0.5 - 23.0);
-}
-
-void write_umts_ec_io(Figure &text, uint8_t ecio)
-{
-    write_db(text, ecio * 0.5 - 24.5);
+    if (cell.rat != figure.rat)
+        return false;
+    const int32_t index = figure.source == Source::noise  ? cell.noise
+                          : figure.source == Source::rsrq ? cell.rsrq
+                                                          : cell.rsrp;
+    if (index >= (figure.source == Source::noise ? NOISE_ABSENT : BYTE_ABSENT))
+        return false;
+    snprintf(text, sizeof text, "%.*f %s", figure.decimals, index * figure.factor + figure.offset, figure.unit);
+    return true;
 }
 
 void write_umts_rssi(Figure &text, uint8_t rssi)
 {
-    write_dbm(text, 2 * rssi - 113);
+    snprintf(text, sizeof text, "%d dBm", 2 * rssi - 113);
 }
 
 static std::string_view band_number(const ServingCellRecord *cell)

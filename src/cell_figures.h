@@ -2,6 +2,7 @@
 // thread.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -15,14 +16,22 @@ constexpr uint8_t RSSI_MAX = 31; // of AT+CSQ; a greater one is no level
 
 using Figure = char[FIGURE_SIZE];
 
-// Each writes the text of one index, such as "-91 dBm" or "-3.0 dB"; none looks for absent values.
-void write_lte_rsrp(Figure &text, uint8_t rsrp);   // 3GPP TS 36.133 9.1.4, as the modem offsets it
-void write_nr_ss_rsrp(Figure &text, uint8_t rsrp); // 3GPP TS 38.133 10.1.6
-void write_lte_rsrq(Figure &text, uint8_t rsrq);   // 3GPP TS 36.133 9.1.7
-void write_nr_ss_rsrq(Figure &text, uint8_t rsrq); // 3GPP TS 38.133 10.1.11
-void write_lte_sinr(Figure &text, int32_t noise);
-void write_nr_ss_sinr(Figure &text, int32_t noise); // 3GPP TS 38.133 10.1.16; in "dBm", as clients know it
-void write_umts_ec_io(Figure &text, uint8_t ecio);
+// A figure of serving cells and how the modem's index becomes its text, such as "-91 dBm" or "-3.0 dB".
+struct CellFigure {
+    const char *name;
+    const char *signal_name; // of the figure that is the RAT's signal strength: another name it has; else null
+    uint8_t rat;
+    enum class Source : uint8_t { rsrp, rsrq, noise } source;
+    double factor, offset;
+    int decimals;
+    const char *unit;
+};
+extern const std::array<CellFigure, 7> cell_figures;
+
+// The figure of the RAT's signal strength; null for another RAT than UMTS, LTE and NR.
+const CellFigure *signal_figure(uint8_t rat);
+// False, and the text unchanged, when the cell is of another RAT or the modem does not know the figure.
+bool write_figure(Figure &text, const CellFigure &figure, const ServingCellRecord &cell);
 void write_umts_rssi(Figure &text, uint8_t rssi); // 3GPP TS 27.007 8.5
 
 // Appends the label of the cell's band, such as "b3" or "n78", to the comma-separated list; nothing for a cell whose

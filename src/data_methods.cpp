@@ -3,6 +3,7 @@
 #include "at_misc.h"
 #include "at_packet.h"
 #include "calls.h"
+#include "handler.h"
 #include "requester.h"
 #include "result.h"
 #include "uci_access.h"
@@ -36,10 +37,9 @@ int handle_get_autoconnect(HANDLER_ARGUMENTS)
 
 // Setters that take one number as a switch: anything but 0 is on.
 static int handle_switch(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg,
-                         const struct blobmsg_policy *policy, result_t (*set)(uint8_t))
+                         const struct blobmsg_policy (&policy)[1], result_t (*set)(uint8_t))
 {
-    struct blob_attr *field;
-    parse_arguments(policy, 1, msg, &field);
+    const auto [field] = parse_arguments(policy, msg);
     if (!field)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
@@ -55,8 +55,6 @@ int handle_set_autoconnect(HANDLER_ARGUMENTS)
                          [](uint8_t on) { return static_cast<result_t>(uci_set_autoconnect(on)); });
 }
 
-enum { ACTIVATION_STATE, ACTIVATION_CID, ACTIVATION_FIELDS };
-
 const struct blobmsg_policy policy_set_pdp_context_activation[] = {
     {"state", BLOBMSG_TYPE_INT32},
     {"cid", BLOBMSG_TYPE_INT32},
@@ -64,47 +62,37 @@ const struct blobmsg_policy policy_set_pdp_context_activation[] = {
 
 int handle_set_pdp_context_activation(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[ACTIVATION_FIELDS];
-    parse_arguments(policy_set_pdp_context_activation, ACTIVATION_FIELDS, msg, fields);
-    if (!fields[ACTIVATION_STATE] || !fields[ACTIVATION_CID])
+    const auto [state, cid] = parse_arguments(policy_set_pdp_context_activation, msg);
+    if (!state || !cid)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    return reply_result(ctx, req,
-                        at_set_pdp_context_activation(static_cast<int32_t>(blobmsg_get_u32(fields[ACTIVATION_CID])),
-                                                      blobmsg_get_u32(fields[ACTIVATION_STATE]) != 0));
+    return reply_result(ctx, req, at_set_pdp_context_activation(number_or(cid, 0), blobmsg_get_u32(state) != 0));
 }
-
-enum { CALL_ACTION, CALL_IP_TYPE, CALL_PDP_INDEX, CALL_CDMA_PROFILE, CALL_APN, CALL_FIELDS };
 
 const struct blobmsg_policy policy_rmnet_call[] = {
     {"action", BLOBMSG_TYPE_INT32},           {"ip type", BLOBMSG_TYPE_INT32}, {"pdp index", BLOBMSG_TYPE_INT32},
     {"cdma profile num", BLOBMSG_TYPE_INT32}, {"apn", BLOBMSG_TYPE_STRING},
 };
 
-static void optional_number(struct blob_attr *field, uint8_t *given, int32_t *value)
-{
-    *given = field != nullptr;
-    *value = field ? static_cast<int32_t>(blobmsg_get_u32(field)) : 0;
-}
-
 int handle_rmnet_call(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[CALL_FIELDS];
-    parse_arguments(policy_rmnet_call, CALL_FIELDS, msg, fields);
-    if (!fields[CALL_ACTION])
+    const auto [action, ip_type, pdp_index, cdma_profile, apn] = parse_arguments(policy_rmnet_call, msg);
+    if (!action)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    RmnetCallRequest call = {};
-    call.action = blobmsg_get_u32(fields[CALL_ACTION]) != 0;
-    optional_number(fields[CALL_IP_TYPE], &call.has_ip_type, &call.ip_type);
-    optional_number(fields[CALL_PDP_INDEX], &call.has_pdp_index, &call.pdp_index);
-    optional_number(fields[CALL_CDMA_PROFILE], &call.has_cdma_profile, &call.cdma_profile);
-    if (fields[CALL_APN]) {
-        call.has_apn = 1;
-        call.apn = blobmsg_get_string(fields[CALL_APN]);
-    }
+    const RmnetCallRequest call = {
+        .action = blobmsg_get_u32(action) != 0,
+        .has_ip_type = ip_type != nullptr,
+        .ip_type = number_or(ip_type, 0),
+        .has_pdp_index = pdp_index != nullptr,
+        .pdp_index = number_or(pdp_index, 0),
+        .has_cdma_profile = cdma_profile != nullptr,
+        .cdma_profile = number_or(cdma_profile, 0),
+        .has_apn = apn != nullptr,
+        .apn = text_or(apn, ""),
+    };
     return reply_result(ctx, req, at_rmnet_call(&call));
 }
 
@@ -127,8 +115,7 @@ const struct blobmsg_policy policy_set_sms_message_format[] = {{"format", BLOBMS
 int handle_set_sms_message_format(HANDLER_ARGUMENTS)
 {
     constexpr uint32_t FORMAT_MAX = 1;
-    struct blob_attr *format;
-    parse_arguments(policy_set_sms_message_format, 1, msg, &format);
+    const auto [format] = parse_arguments(policy_set_sms_message_format, msg);
     if (!format || blobmsg_get_u32(format) > FORMAT_MAX)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
@@ -140,8 +127,7 @@ const struct blobmsg_policy policy_set_pcm_loopback_state[] = {{"state", BLOBMSG
 
 int handle_set_pcm_loopback_state(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *state;
-    parse_arguments(policy_set_pcm_loopback_state, 1, msg, &state);
+    const auto [state] = parse_arguments(policy_set_pcm_loopback_state, msg);
     if (!state)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))

@@ -1,7 +1,7 @@
 // Methods of the bus object on the data connection, the radio's switches and calls. All run on the ubus thread.
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 extern const struct blobmsg_policy policy_set_autoconnect[1];
 extern const struct blobmsg_policy policy_set_pdp_context_activation[2];

@@ -52,29 +52,3 @@ bool read_link(const char *path, char *target, size_t size)
     target[length] = '\0';
     return true;
 }
-
-void ms_to_timespec(timespec *out, double ms)
-{
-    out->tv_sec = static_cast<time_t>(ms / 1000);
-    out->tv_nsec = static_cast<long>((ms - static_cast<double>(out->tv_sec) * 1000) * 1000000);
-}
-
-void timespec_diff(const timespec *start, const timespec *end, timespec *out)
-{
-    out->tv_sec = end->tv_sec - start->tv_sec;
-    out->tv_nsec = end->tv_nsec - start->tv_nsec;
-    if (out->tv_sec > 0 && out->tv_nsec < 0) {
-        out->tv_sec--;
-        out->tv_nsec += 1000000000;
-    } else if (out->tv_sec < 0 && out->tv_nsec > 0) {
-        out->tv_sec++;
-        out->tv_nsec -= 1000000000;
-    }
-}
-
-int timespec_before(const timespec *a, const timespec *b)
-{
-    if (a->tv_sec != b->tv_sec)
-        return a->tv_sec < b->tv_sec;
-    return a->tv_nsec < b->tv_nsec;
-}

@@ -1,8 +1,7 @@
-// Small helpers on files and on times.
+// Small helpers on files.
 #pragma once
 
 #include <cstddef>
-#include <ctime>
 
 // The whole file as a heap text with a terminating zero, freed by the caller; null after a log line. `mode` as of
 // fopen.
@@ -14,9 +13,3 @@ int entry_exists(const char *path);
 // The target of a symbolic link, zero-terminated, at most size - 1 bytes of it. False, and `target` untouched, when
 // there is none.
 bool read_link(const char *path, char *target, size_t size);
-
-void ms_to_timespec(timespec *out, double ms);
-// out = end - start, seconds and nanoseconds with the same sign.
-void timespec_diff(const timespec *start, const timespec *end, timespec *out);
-// 1 when a is earlier than b, else 0.
-int timespec_before(const timespec *a, const timespec *b);

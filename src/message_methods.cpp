@@ -5,6 +5,7 @@
 #include <malloc.h>
 #endif
 
+#include "handler.h"
 #include "message_store.h"
 
 const struct blobmsg_policy policy_message_index[1] = {{"index", BLOBMSG_TYPE_INT32}};
@@ -14,53 +15,43 @@ constexpr uint32_t FAILED = UINT32_MAX; // -1 to clients
 
 static bool index_argument(struct blob_attr *msg, int32_t *index)
 {
-    struct blob_attr *field;
-    parse_arguments(policy_message_index, 1, msg, &field);
-    if (!field)
-        return false;
-    *index = static_cast<int32_t>(blobmsg_get_u32(field));
-    return true;
+    const auto [field] = parse_arguments(policy_message_index, msg);
+    *index = number_or(field, 0);
+    return field;
 }
 
-// The int32 elements of "index_list", other elements are skipped. Heap memory.
-struct IndexList {
-    int32_t *indexes = nullptr;
-    uint32_t count = 0;
-
-    IndexList() = default;
-    IndexList(const IndexList &) = delete;
-    IndexList &operator=(const IndexList &) = delete;
-    ~IndexList()
-    {
-        free(indexes);
-    }
-};
-
-enum class ListArgument { missing, no_memory, taken };
-
-static ListArgument index_list_argument(struct blob_attr *msg, IndexList *list)
+static bool is_index(const struct blob_attr *element)
 {
-    struct blob_attr *field, *element;
+    return blobmsg_type(element) == BLOBMSG_TYPE_INT32 && blobmsg_data_len(element) == sizeof(uint32_t);
+}
+
+// Calls `act` with the int32 elements of "index_list", which it may sort; other elements are skipped.
+static int handle_index_list(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg,
+                             int (*act)(int32_t *indexes, uint32_t count))
+{
+    const auto [field] = parse_arguments(policy_message_index_list, msg);
+    struct blob_attr *element;
     size_t rest;
-    uint32_t count = 0;
-    parse_arguments(policy_message_index_list, 1, msg, &field);
+    uint32_t count = 0, taken = 0;
     if (!field)
-        return ListArgument::missing;
+        return UBUS_STATUS_INVALID_ARGUMENT;
     blobmsg_for_each_attr(element, field, rest)
     {
-        count += blobmsg_type(element) == BLOBMSG_TYPE_INT32 && blobmsg_data_len(element) == sizeof(uint32_t);
+        count += is_index(element);
     }
     if (count == 0)
-        return ListArgument::taken;
-    list->indexes = static_cast<int32_t *>(malloc(count * sizeof *list->indexes));
-    if (!list->indexes)
-        return ListArgument::no_memory;
+        return reply_result(ctx, req, 0);
+    int32_t *indexes = static_cast<int32_t *>(malloc(count * sizeof *indexes));
+    if (!indexes)
+        return reply_result(ctx, req, FAILED);
     blobmsg_for_each_attr(element, field, rest)
     {
-        if (blobmsg_type(element) == BLOBMSG_TYPE_INT32 && blobmsg_data_len(element) == sizeof(uint32_t))
-            list->indexes[list->count++] = static_cast<int32_t>(blobmsg_get_u32(element));
+        if (is_index(element))
+            indexes[taken++] = number_or(element, 0);
     }
-    return ListArgument::taken;
+    int result = act(indexes, count);
+    free(indexes);
+    return reply_result(ctx, req, static_cast<uint32_t>(result));
 }
 
 // The C library keeps what was freed for later; a listing or the store may have taken megabytes, and the next one of
@@ -107,13 +98,8 @@ int handle_read_message(HANDLER_ARGUMENTS)
 
 int handle_read_messages(HANDLER_ARGUMENTS)
 {
-    IndexList list;
-    ListArgument argument = index_list_argument(msg, &list);
-    if (argument == ListArgument::missing)
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    if (argument == ListArgument::no_memory)
-        return reply_result(ctx, req, FAILED);
-    return reply_result(ctx, req, static_cast<uint32_t>(mark_messages_read(list.indexes, list.count)));
+    return handle_index_list(ctx, req, msg,
+                             [](int32_t *indexes, uint32_t count) { return mark_messages_read(indexes, count); });
 }
 
 int handle_delete_all_messages(HANDLER_ARGUMENTS)
@@ -139,19 +125,16 @@ static int cmpfunc(const void *a, const void *b)
     return (second > first) - (second < first);
 }
 
+static int delete_listed(int32_t *indexes, uint32_t count)
+{
+    // Highest first: a deletion leaves the positions in front of it as they are.
+    qsort(indexes, count, sizeof *indexes, cmpfunc);
+    delete_messages(indexes, count);
+    give_memory_back();
+    return 0;
+}
+
 int handle_delete_messages(HANDLER_ARGUMENTS)
 {
-    IndexList list;
-    ListArgument argument = index_list_argument(msg, &list);
-    if (argument == ListArgument::missing)
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    if (argument == ListArgument::no_memory)
-        return reply_result(ctx, req, FAILED);
-    if (list.count > 0) {
-        // Highest first: a deletion leaves the positions in front of it as they are.
-        qsort(list.indexes, list.count, sizeof *list.indexes, cmpfunc);
-        delete_messages(list.indexes, list.count);
-        give_memory_back();
-    }
-    return reply_result(ctx, req, 0);
+    return handle_index_list(ctx, req, msg, delete_listed);
 }

@@ -2,7 +2,7 @@
 // 1-based position in the store. Data members come before "result".
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 int handle_get_all_messages(HANDLER_ARGUMENTS);
 int handle_get_message(HANDLER_ARGUMENTS);

@@ -6,12 +6,11 @@
 #include <sms.h>
 
 #include "calls.h"
+#include "handler.h"
 #include "log.h"
 #include "request.h"
 
-enum { SEND_DEST, SEND_TYPE, SEND_CONTENT, SEND_ARGUMENTS };
-
-const struct blobmsg_policy policy_send_message[SEND_ARGUMENTS] = {
+const struct blobmsg_policy policy_send_message[] = {
     {"dest", BLOBMSG_TYPE_STRING},
     {"type", BLOBMSG_TYPE_INT32},
     {"content", BLOBMSG_TYPE_STRING},
@@ -53,21 +52,19 @@ static int send_reply(struct ubus_context *ctx, struct ubus_request_data *req, u
 
 int handle_send_message(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[SEND_ARGUMENTS];
-    parse_arguments(policy_send_message, SEND_ARGUMENTS, msg, fields);
-    if (!fields[SEND_DEST] || !fields[SEND_TYPE] || !fields[SEND_CONTENT]) {
+    const auto [dest, type, content_field] = parse_arguments(policy_send_message, msg);
+    if (!dest || !type || !content_field) {
         CELMUX_LOG(LOG_DEBUG, "UBUS_STATUS_INVALID_ARGUMENT error\n", NAME);
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     if (call_waits(ctx, req, msg, SEND_TIMEOUT_MS))
         return UBUS_STATUS_OK;
-    const char *content = blobmsg_get_string(fields[SEND_CONTENT]);
+    const char *content = blobmsg_get_string(content_field);
     CELMUX_LOG(LOG_DEBUG, "blobmsg_get_string [%s]\n", NAME, content);
     size_t length = strlen(content);
     struct sms_pdu *list = nullptr;
     int result = length > INT_MAX ? -1
-                                  : encode_pdu(blobmsg_get_string(fields[SEND_DEST]),
-                                               static_cast<int>(blobmsg_get_u32(fields[SEND_TYPE])), content,
+                                  : encode_pdu(blobmsg_get_string(dest), number_or(type, 0), content,
                                                static_cast<int>(length), &list, 0);
     if (result != 0) {
         CELMUX_LOG(LOG_DEBUG, "encode_message fail\n", NAME);

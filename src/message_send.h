@@ -2,7 +2,7 @@
 // AT+CMGS. Runs on the ubus thread.
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 int handle_send_message(HANDLER_ARGUMENTS);
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "at_mask.h"
 #include "at_misc.h"
@@ -14,6 +15,7 @@
 #include "log.h"
 #include "profile_store.h"
 #include "request.h"
+#include "result.h"
 #include "sku_profile.h"
 #include "uci_access.h"
 #include "waiting.h"
@@ -118,29 +120,18 @@ static void apply_default_profiles()
     free_profile(&data);
 }
 
-// What each value of "apn.networkmode.mode" means to the modem.
-struct NetworkMode {
-    RatSelection selection;
-    int8_t standalone; // 5G stand-alone switch: 0, 1, or -1 to leave it
-};
-
-static const NetworkMode NETWORK_MODES[] = {
-    {{20, 1, 6, 1, 3, nullptr}, 1}, {{20, 1, 6, 1, 3, nullptr}, 0}, {{14, 0, 0, 0, 0, nullptr}, 1},
-    {{2, 0, 0, 0, 0, nullptr}, -1}, {{1, 0, 0, 0, 0, nullptr}, -1}, {{17, 1, 6, 0, 0, nullptr}, 1},
-};
-static const NetworkMode NO_NETWORK_MODE = {{0, 0, 0, 0, 0, nullptr}, -1};
-
 static int set_network_mode()
 {
+    constexpr size_t MODES_AT_START = std::size(network_modes) - 1;
+    constexpr NetworkMode NO_NETWORK_MODE = {{}, STAND_ALONE_UNCHANGED};
     int32_t value;
-    const NetworkMode *mode = &NO_NETWORK_MODE;
-    if (read_number("apn.networkmode.mode", &value) && value >= 0 &&
-        static_cast<size_t>(value) < sizeof NETWORK_MODES / sizeof NETWORK_MODES[0])
-        mode = &NETWORK_MODES[value];
+    const bool known =
+        read_number("apn.networkmode.mode", &value) && value >= 0 && static_cast<size_t>(value) < MODES_AT_START;
+    const NetworkMode &mode = known ? network_modes[value] : NO_NETWORK_MODE;
     int status = 0;
-    if (mode->standalone >= 0)
-        status |= static_cast<int>(at_set_5gsa(static_cast<uint8_t>(mode->standalone)));
-    if (at_select_rat(&mode->selection) != RESULT_OK) {
+    if (mode.stand_alone != STAND_ALONE_UNCHANGED)
+        status |= static_cast<int>(at_set_5gsa(mode.stand_alone));
+    if (at_select_rat(&mode.selection) != RESULT_OK) {
         CELMUX_LOG(LOG_ERR, "Set network mode failed", "set_modem");
         status = -1;
     }

@@ -9,6 +9,7 @@
 #include "at_rat.h"
 #include "at_text.h"
 #include "calls.h"
+#include "handler.h"
 #include "link.h"
 #include "log.h"
 #include "request.h"
@@ -48,8 +49,7 @@ static int refuse_number(struct ubus_context *ctx, struct ubus_request_data *req
     return reply_result(ctx, req, RESULT_REFUSED);
 }
 
-enum { SELECT_OPERATOR_MODE, SELECT_OPERATOR_FORMAT, SELECT_OPERATOR_OPER, SELECT_OPERATOR_ACT, SELECT_OPERATOR_COUNT };
-const struct blobmsg_policy policy_select_operator[SELECT_OPERATOR_COUNT] = {
+const struct blobmsg_policy policy_select_operator[] = {
     {"mode", BLOBMSG_TYPE_INT32},
     {"format", BLOBMSG_TYPE_INT32},
     {"oper", BLOBMSG_TYPE_STRING},
@@ -58,20 +58,17 @@ const struct blobmsg_policy policy_select_operator[SELECT_OPERATOR_COUNT] = {
 
 int handle_select_operator(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[SELECT_OPERATOR_COUNT];
-    parse_arguments(policy_select_operator, SELECT_OPERATOR_COUNT, msg, fields);
+    const auto [mode, format, oper, act] = parse_arguments(policy_select_operator, msg);
     uint8_t has_mode;
     OperatorInfo info = {};
-    bool in_range = take_byte(fields[SELECT_OPERATOR_MODE], &has_mode, &info.mode);
-    if (!has_mode)
+    if (!mode)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    in_range &= take_byte(fields[SELECT_OPERATOR_FORMAT], &info.has_format, &info.format);
-    in_range &= take_byte(fields[SELECT_OPERATOR_ACT], &info.has_act, &info.act);
-    if (!in_range)
+    if (!take_byte(mode, &has_mode, &info.mode) || !take_byte(format, &info.has_format, &info.format) ||
+        !take_byte(act, &info.has_act, &info.act))
         return refuse_number(ctx, req, "select_operator");
-    if (fields[SELECT_OPERATOR_OPER]) {
+    if (oper) {
         info.has_oper = 1;
-        info.oper = blobmsg_get_string(fields[SELECT_OPERATOR_OPER]);
+        info.oper = blobmsg_get_string(oper);
         info.oper_len = static_cast<uint8_t>(std::min<size_t>(strlen(info.oper), UINT8_MAX));
     }
     if (call_waits(ctx, req, msg))
@@ -79,8 +76,7 @@ int handle_select_operator(HANDLER_ARGUMENTS)
     return reply_result(ctx, req, at_select_operator(&info));
 }
 
-enum { SELECT_RAT_ACT, SELECT_RAT_PREF1, SELECT_RAT_PREF2, SELECT_RAT_COUNT };
-const struct blobmsg_policy policy_select_rat[SELECT_RAT_COUNT] = {
+const struct blobmsg_policy policy_select_rat[] = {
     {"act", BLOBMSG_TYPE_INT32},
     {"pref1", BLOBMSG_TYPE_INT32},
     {"pref2", BLOBMSG_TYPE_INT32},
@@ -88,71 +84,40 @@ const struct blobmsg_policy policy_select_rat[SELECT_RAT_COUNT] = {
 
 int handle_select_rat(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[SELECT_RAT_COUNT];
-    parse_arguments(policy_select_rat, SELECT_RAT_COUNT, msg, fields);
+    const auto [act, pref1, pref2] = parse_arguments(policy_select_rat, msg);
     uint8_t has_act;
     RatSelection selection = {};
-    bool in_range = take_byte(fields[SELECT_RAT_ACT], &has_act, &selection.act);
-    if (!has_act)
+    if (!act)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    in_range &= take_byte(fields[SELECT_RAT_PREF1], &selection.has_pref1, &selection.pref1);
-    in_range &= take_byte(fields[SELECT_RAT_PREF2], &selection.has_pref2, &selection.pref2);
-    if (!in_range)
+    if (!take_byte(act, &has_act, &selection.act) || !take_byte(pref1, &selection.has_pref1, &selection.pref1) ||
+        !take_byte(pref2, &selection.has_pref2, &selection.pref2))
         return refuse_number(ctx, req, "select_rat");
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
     return reply_result(ctx, req, at_select_rat(&selection));
 }
 
-constexpr uint8_t SA_UNCHANGED = 2;
-constexpr struct {
-    RatSelection selection;
-    uint8_t stand_alone; // 5G stand-alone off, on or SA_UNCHANGED
-} network_modes[] = {
-    {{.act = 20, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 1, .pref2 = 3, .bands = nullptr}, 1},
-    {{.act = 20, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 1, .pref2 = 3, .bands = nullptr}, 0},
-    {{.act = 14, .has_pref1 = 0, .pref1 = 0, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, 1},
-    {{.act = 2, .has_pref1 = 0, .pref1 = 0, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, SA_UNCHANGED},
-    {{.act = 1, .has_pref1 = 0, .pref1 = 0, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, SA_UNCHANGED},
-    {{.act = 17, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, 1},
-    {{.act = 17, .has_pref1 = 1, .pref1 = 6, .has_pref2 = 0, .pref2 = 0, .bands = nullptr}, 0},
-};
-
-enum { SET_NETWORK_MODE_MODE, SET_NETWORK_MODE_BANDS, SET_NETWORK_MODE_COUNT };
-const struct blobmsg_policy policy_set_network_mode[SET_NETWORK_MODE_COUNT] = {
+const struct blobmsg_policy policy_set_network_mode[] = {
     {"mode", BLOBMSG_TYPE_INT32},
     {"bands", BLOBMSG_TYPE_STRING},
 };
 
 int handle_set_network_mode(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[SET_NETWORK_MODE_COUNT];
-    parse_arguments(policy_set_network_mode, SET_NETWORK_MODE_COUNT, msg, fields);
-    if (!fields[SET_NETWORK_MODE_MODE])
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    uint32_t mode = blobmsg_get_u32(fields[SET_NETWORK_MODE_MODE]);
-    if (mode >= std::size(network_modes))
+    const auto [number, bands] = parse_arguments(policy_set_network_mode, msg);
+    if (!number || blobmsg_get_u32(number) >= std::size(network_modes))
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    RatSelection selection = network_modes[mode].selection;
-    if (fields[SET_NETWORK_MODE_BANDS])
-        selection.bands = blobmsg_get_string(fields[SET_NETWORK_MODE_BANDS]);
-    result_t result = RESULT_OK;
-    if (network_modes[mode].stand_alone != SA_UNCHANGED)
-        result = at_set_5gsa(network_modes[mode].stand_alone);
+    const NetworkMode &mode = network_modes[blobmsg_get_u32(number)];
+    RatSelection selection = mode.selection;
+    selection.bands = text_or(bands, nullptr);
+    result_t result = mode.stand_alone == STAND_ALONE_UNCHANGED ? RESULT_OK : at_set_5gsa(mode.stand_alone);
     result |= at_select_rat(&selection);
     return reply_result(ctx, req, result);
 }
 
-enum {
-    SELECT_RAT_AND_BAND_RAT,
-    SELECT_RAT_AND_BAND_PREF_ACT1,
-    SELECT_RAT_AND_BAND_PREF_ACT2,
-    SELECT_RAT_AND_BAND_BANDS,
-    SELECT_RAT_AND_BAND_COUNT
-};
-const struct blobmsg_policy policy_select_rat_and_band[SELECT_RAT_AND_BAND_COUNT] = {
+const struct blobmsg_policy policy_select_rat_and_band[] = {
     {"rat", BLOBMSG_TYPE_INT32},
     {"pref_act1", BLOBMSG_TYPE_INT32},
     {"pref_act2", BLOBMSG_TYPE_INT32},
@@ -160,37 +125,25 @@ const struct blobmsg_policy policy_select_rat_and_band[SELECT_RAT_AND_BAND_COUNT
 };
 
 // What makes the arguments inconsistent, or null.
-static const char *take_rat_and_band(struct blob_attr *const fields[], RatAndBand *selection)
+static const char *rat_and_band_fault(const RatAndBand &selection, bool pref_act2_given)
 {
-    selection->rat = static_cast<int32_t>(blobmsg_get_u32(fields[SELECT_RAT_AND_BAND_RAT]));
-    if (fields[SELECT_RAT_AND_BAND_PREF_ACT1])
-        selection->pref_act1 = static_cast<int32_t>(blobmsg_get_u32(fields[SELECT_RAT_AND_BAND_PREF_ACT1]));
-    if (fields[SELECT_RAT_AND_BAND_PREF_ACT2]) {
-        if (!selection->pref_act1)
-            return "preferred act 1 not specified";
-        selection->pref_act2 = static_cast<int32_t>(blobmsg_get_u32(fields[SELECT_RAT_AND_BAND_PREF_ACT2]));
-    }
-    if (fields[SELECT_RAT_AND_BAND_BANDS]) {
-        if (!selection->pref_act1)
-            return "preferred act 1 not specified";
-        if (!selection->pref_act2)
-            return "preferred act 2 not specified";
-        selection->bands = blobmsg_get_string(fields[SELECT_RAT_AND_BAND_BANDS]);
-        if (!*selection->bands)
-            return "selected bands must not be empty";
-    }
+    if ((pref_act2_given || selection.bands) && !selection.pref_act1)
+        return "preferred act 1 not specified";
+    if (selection.bands && !selection.pref_act2)
+        return "preferred act 2 not specified";
+    if (selection.bands && !*selection.bands)
+        return "selected bands must not be empty";
     return nullptr;
 }
 
 int handle_select_rat_and_band(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[SELECT_RAT_AND_BAND_COUNT];
-    parse_arguments(policy_select_rat_and_band, SELECT_RAT_AND_BAND_COUNT, msg, fields);
-    if (!fields[SELECT_RAT_AND_BAND_RAT])
+    const auto [rat, pref_act1, pref_act2, bands] = parse_arguments(policy_select_rat_and_band, msg);
+    if (!rat)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    RatAndBand selection = {};
-    const char *fault = take_rat_and_band(fields, &selection);
-    if (fault) {
+    const RatAndBand selection = {number_or(rat, 0), number_or(pref_act1, 0), number_or(pref_act2, 0),
+                                  text_or(bands, nullptr)};
+    if (const char *fault = rat_and_band_fault(selection, pref_act2)) {
         CELMUX_LOG(LOG_ERR, "%s", "select_rat_and_band", fault);
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
@@ -227,8 +180,7 @@ int handle_scan_network(HANDLER_ARGUMENTS)
     return reply_result(ctx, req, static_cast<uint32_t>(at_enqueue("AT+COPS=?\r", 0)));
 }
 
-enum { AT_PASSTHROUGH_AT, AT_PASSTHROUGH_TIMEOUT_MS, AT_PASSTHROUGH_COUNT };
-const struct blobmsg_policy policy_at_passthrough[AT_PASSTHROUGH_COUNT] = {
+const struct blobmsg_policy policy_at_passthrough[] = {
     {"at", BLOBMSG_TYPE_STRING},
     {"timeout_ms", BLOBMSG_TYPE_INT32},
 };
@@ -237,14 +189,11 @@ int handle_at_passthrough(HANDLER_ARGUMENTS)
 {
     // No other method that needs the modem is served meanwhile, and a negative number would mean weeks.
     constexpr uint32_t LONGEST_MS = 600'000;
-    struct blob_attr *fields[AT_PASSTHROUGH_COUNT];
-    parse_arguments(policy_at_passthrough, AT_PASSTHROUGH_COUNT, msg, fields);
-    if (!fields[AT_PASSTHROUGH_AT])
+    const auto [at, timeout] = parse_arguments(policy_at_passthrough, msg);
+    if (!at)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    uint32_t timeout_ms = AT_TIMEOUT_MS;
-    if (fields[AT_PASSTHROUGH_TIMEOUT_MS])
-        timeout_ms = std::min(blobmsg_get_u32(fields[AT_PASSTHROUGH_TIMEOUT_MS]), LONGEST_MS);
-    const std::string_view command = blobmsg_get_string(fields[AT_PASSTHROUGH_AT]);
+    const uint32_t timeout_ms = std::min(static_cast<uint32_t>(number_or(timeout, AT_TIMEOUT_MS)), LONGEST_MS);
+    const std::string_view command = blobmsg_get_string(at);
     const bool sendable = at_one_command(command);
     if (sendable && call_waits(ctx, req, msg, timeout_ms, timeout_ms))
         return UBUS_STATUS_OK;

@@ -2,7 +2,7 @@
 // thread, block it for their AT exchanges (scan_network for none) and return a bus status.
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 int handle_get_operator_info(HANDLER_ARGUMENTS);
 int handle_select_operator(HANDLER_ARGUMENTS);

@@ -1,7 +1,7 @@
 // Methods of the bus object on APN profiles. All run on the ubus thread.
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 extern const struct blobmsg_policy policy_set_default_apn[5];
 extern const struct blobmsg_policy policy_select_profile[1];

@@ -6,6 +6,7 @@
 
 #include "at_packet.h"
 #include "log.h"
+#include "result.h"
 #include "shell.h"
 #include "text_cut.h"
 #include "uci_access.h"

@@ -1,4 +1,5 @@
 #include "query_methods.h"
+#include "handler.h"
 #include "log.h"
 #include "result.h"
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "at_query.h"
-#include "reply.h"
+#include "handler.h"
 
 constexpr size_t QUERY_TEXT_MAX = 1024;
 

@@ -3,6 +3,7 @@
 #include "at_cell.h"
 #include "at_rat.h"
 #include "cell_figures.h"
+#include "handler.h"
 #include "result.h"
 #include "text_cut.h"
 
@@ -38,13 +39,11 @@ int handle_get_extended_signal_quality(HANDLER_ARGUMENTS)
     return reply_send(ctx, req);
 }
 
-static void add_signal(const ServingCellRecord *cell)
+static void add_signal(const ServingCellRecord &cell)
 {
     Figure text = "Unknown";
-    if (cell->rat == RAT_LTE && cell->rsrp != BYTE_ABSENT)
-        write_lte_rsrp(text, cell->rsrp);
-    else if (cell->rat == RAT_NR && cell->rsrp != BYTE_ABSENT)
-        write_nr_ss_rsrp(text, cell->rsrp);
+    if (const CellFigure *signal = signal_figure(cell.rat))
+        (void)write_figure(text, *signal, cell);
     reply_add_string("signal", text);
 }
 
@@ -72,54 +71,13 @@ int handle_get_signal_quality(HANDLER_ARGUMENTS)
             if (cell.rat == RAT_UMTS)
                 result = add_umts_signal();
             else
-                add_signal(&cell);
+                add_signal(cell);
             if (cell.rat == RAT_NONE)
                 break;
         }
     }
     reply_add_u32("result", result);
     return reply_send(ctx, req);
-}
-
-struct CellFigures {
-    Figure ec_io = "--";
-    Figure lte_signal = "--";
-    Figure rsrq = "--";
-    Figure lte_noise = "--";
-    Figure nr_signal = "--";
-    Figure ss_rsrq = "--";
-    Figure nr_noise = "--";
-};
-
-// Writes the figures that the cell knows over those of an earlier cell of its RAT.
-static void explain(CellFigures *figures, const ServingCellRecord *cell)
-{
-    bool has_rsrp = cell->rsrp != BYTE_ABSENT, has_rsrq = cell->rsrq != BYTE_ABSENT,
-         has_noise = cell->noise < NOISE_ABSENT;
-    switch (cell->rat) {
-    case RAT_LTE:
-        if (has_rsrp)
-            write_lte_rsrp(figures->lte_signal, cell->rsrp);
-        if (has_rsrq)
-            write_lte_rsrq(figures->rsrq, cell->rsrq);
-        if (has_noise)
-            write_lte_sinr(figures->lte_noise, cell->noise);
-        break;
-    case RAT_NR:
-        if (has_rsrp)
-            write_nr_ss_rsrp(figures->nr_signal, cell->rsrp);
-        if (has_rsrq)
-            write_nr_ss_rsrq(figures->ss_rsrq, cell->rsrq);
-        if (has_noise)
-            write_nr_ss_sinr(figures->nr_noise, cell->noise);
-        break;
-    case RAT_UMTS:
-        if (has_rsrp)
-            write_umts_ec_io(figures->ec_io, cell->rsrp);
-        break;
-    default:
-        break;
-    }
 }
 
 struct CellSummary {
@@ -139,37 +97,40 @@ static result_t read_cells(CellSummary *summary)
     return result;
 }
 
-static void add_signal_members(const ServingCellRecord *cell, const ServingCellRecord *best)
+static void add_signal_members(const ServingCellRecord &cell, const ServingCellRecord &best)
 {
-    CellFigures figures;
-    explain(&figures, cell);
-    if (cell->rat == RAT_LTE || cell->rat == RAT_NR)
-        reply_add_u32("pcellid", static_cast<uint32_t>(best->pcellid));
-    if (cell->rat == RAT_LTE)
-        reply_add_string("rsrp", figures.lte_signal);
-    else if (cell->rat == RAT_NR)
-        reply_add_string("ss_rsrp", figures.nr_signal);
-    else if (cell->rat == RAT_UMTS)
-        reply_add_string("ec_io", figures.ec_io);
+    const CellFigure *signal = signal_figure(cell.rat);
+    if (!signal)
+        return;
+    Figure text = "--";
+    (void)write_figure(text, *signal, cell);
+    if (cell.rat != RAT_UMTS)
+        reply_add_u32("pcellid", static_cast<uint32_t>(best.pcellid));
+    reply_add_string(signal->signal_name, text);
+}
+
+static void add_best_cell(const CellSummary &summary, bool with_ecio)
+{
+    const ServingCellRecord *best = summary.best;
+    reply_add_u32("rat", best->rat);
+    reply_add_string("cellid", best->cellid);
+    reply_add_string("band", summary.bands);
+    if (with_ecio)
+        reply_add_u32("ecio", best->ecio);
+    reply_add_string("mcc", best->mcc);
+    reply_add_string("mnc", best->mnc);
+    reply_add_string("lac", best->lac);
 }
 
 int handle_get_current_cell_info(HANDLER_ARGUMENTS)
 {
     CellSummary summary = {};
-    result_t result = read_cells(&summary);
-    const ServingCellRecord *best = summary.best;
-    if (result != RESULT_OK || !best)
+    if (read_cells(&summary) != RESULT_OK || !summary.best)
         return reply_result(ctx, req, RESULT_REFUSED);
     reply_begin();
     for (size_t i = 0; i < summary.count; i++)
-        add_signal_members(&summary.cells[i], best_cell(summary.cells, i + 1));
-    reply_add_u32("rat", best->rat);
-    reply_add_string("cellid", best->cellid);
-    reply_add_string("band", summary.bands);
-    reply_add_u32("ecio", best->ecio);
-    reply_add_string("mcc", best->mcc);
-    reply_add_string("mnc", best->mnc);
-    reply_add_string("lac", best->lac);
+        add_signal_members(summary.cells[i], *best_cell(summary.cells, i + 1));
+    add_best_cell(summary, true);
     reply_add_u32("result", RESULT_OK);
     return reply_send(ctx, req);
 }
@@ -177,30 +138,18 @@ int handle_get_current_cell_info(HANDLER_ARGUMENTS)
 int handle_get_current_cell_info_explained(HANDLER_ARGUMENTS)
 {
     CellSummary summary = {};
-    result_t result = read_cells(&summary);
-    if (result != RESULT_OK)
+    if (read_cells(&summary) != RESULT_OK)
         return reply_result(ctx, req, RESULT_REFUSED);
-    CellFigures figures;
-    for (size_t i = 0; i < summary.count; i++)
-        explain(&figures, &summary.cells[i]);
     reply_begin();
-    reply_add_string("ec_io", figures.ec_io);
-    reply_add_string("lte_signal", figures.lte_signal);
-    reply_add_string("rsrq", figures.rsrq);
-    reply_add_string("lte_noise", figures.lte_noise);
-    reply_add_string("nr_signal", figures.nr_signal);
-    reply_add_string("ss_rsrq", figures.ss_rsrq);
-    reply_add_string("nr_noise", figures.nr_noise);
-    const ServingCellRecord *best = summary.best;
-    if (best) {
-        reply_add_u32("rat", best->rat);
-        reply_add_string("cellid", best->cellid);
-        reply_add_string("band", summary.bands);
-        reply_add_string("mcc", best->mcc);
-        reply_add_string("mnc", best->mnc);
-        reply_add_string("lac", best->lac);
+    for (const CellFigure &figure : cell_figures) {
+        Figure text = "--"; // the last cell of a RAT that knows it counts
+        for (size_t i = 0; i < summary.count; i++)
+            (void)write_figure(text, figure, summary.cells[i]);
+        reply_add_string(figure.name, text);
     }
-    reply_add_u32("result", best ? RESULT_OK : RESULT_REFUSED);
+    if (summary.best)
+        add_best_cell(summary, false);
+    reply_add_u32("result", summary.best ? RESULT_OK : RESULT_REFUSED);
     return reply_send(ctx, req);
 }
 

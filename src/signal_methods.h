@@ -3,7 +3,7 @@
 // a bus status.
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 int handle_get_rssi(HANDLER_ARGUMENTS);
 int handle_get_extended_signal_quality(HANDLER_ARGUMENTS);

@@ -1,9 +1,10 @@
 #include "sim_methods.h"
 
 #include "at_sim.h"
+#include "at_text.h"
 #include "calls.h"
+#include "handler.h"
 #include "result.h"
-#include "text_cut.h"
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
 {
@@ -16,23 +17,19 @@ int handle_get_sim_lock_status(HANDLER_ARGUMENTS)
     return reply_send(ctx, req);
 }
 
-enum { SET_SIM_LOCK_STATUS_PIN, SET_SIM_LOCK_STATUS_ENABLED, SET_SIM_LOCK_STATUS_COUNT };
-const struct blobmsg_policy policy_set_sim_lock_status[SET_SIM_LOCK_STATUS_COUNT] = {
+const struct blobmsg_policy policy_set_sim_lock_status[] = {
     {"pin", BLOBMSG_TYPE_STRING},
     {"enabled", BLOBMSG_TYPE_INT32},
 };
 
 int handle_set_sim_lock_status(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[SET_SIM_LOCK_STATUS_COUNT];
-    parse_arguments(policy_set_sim_lock_status, SET_SIM_LOCK_STATUS_COUNT, msg, fields);
-    if (!fields[SET_SIM_LOCK_STATUS_PIN] || !fields[SET_SIM_LOCK_STATUS_ENABLED])
+    const auto [pin, enabled] = parse_arguments(policy_set_sim_lock_status, msg);
+    if (!pin || !enabled)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    result_t result = at_set_sim_lock_status(blobmsg_get_string(fields[SET_SIM_LOCK_STATUS_PIN]),
-                                             blobmsg_get_u32(fields[SET_SIM_LOCK_STATUS_ENABLED]) != 0);
-    return reply_result(ctx, req, result);
+    return reply_result(ctx, req, at_set_sim_lock_status(blobmsg_get_string(pin), blobmsg_get_u32(enabled) != 0));
 }
 
 int handle_get_sim_remaining_attempts(HANDLER_ARGUMENTS)
@@ -48,10 +45,7 @@ int handle_get_sim_remaining_attempts(HANDLER_ARGUMENTS)
     return reply_send(ctx, req);
 }
 
-enum { GET_REMAINING_PIN_RETRIES_SEL_CODE, GET_REMAINING_PIN_RETRIES_COUNT };
-const struct blobmsg_policy policy_get_remaining_pin_retries[GET_REMAINING_PIN_RETRIES_COUNT] = {
-    {"sel_code", BLOBMSG_TYPE_STRING},
-};
+const struct blobmsg_policy policy_get_remaining_pin_retries[] = {{"sel_code", BLOBMSG_TYPE_STRING}};
 
 int handle_get_remaining_pin_retries(HANDLER_ARGUMENTS)
 {
@@ -64,13 +58,11 @@ int handle_get_remaining_pin_retries(HANDLER_ARGUMENTS)
         {"pin2_retries", "pin2_default_retries"},
         {"puk2_retries", "puk2_default_retries"},
     };
-    struct blob_attr *fields[GET_REMAINING_PIN_RETRIES_COUNT];
-    parse_arguments(policy_get_remaining_pin_retries, GET_REMAINING_PIN_RETRIES_COUNT, msg, fields);
+    const auto [selection] = parse_arguments(policy_get_remaining_pin_retries, msg);
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    struct blob_attr *selection = fields[GET_REMAINING_PIN_RETRIES_SEL_CODE];
     PinRetries retries = {};
-    result_t result = at_get_remaining_pin_retries(selection ? blobmsg_get_string(selection) : nullptr, &retries);
+    result_t result = at_get_remaining_pin_retries(text_or(selection, nullptr), &retries);
     reply_begin();
     reply_add_u32("result", result);
     for (unsigned i = 0; result == RESULT_OK && i < PIN_CODES; i++) {
@@ -83,39 +75,33 @@ int handle_get_remaining_pin_retries(HANDLER_ARGUMENTS)
     return reply_send(ctx, req);
 }
 
-enum { UNLOCK_SIM_PIN, UNLOCK_SIM_PUK, UNLOCK_SIM_COUNT };
-const struct blobmsg_policy policy_unlock_sim[UNLOCK_SIM_COUNT] = {
+const struct blobmsg_policy policy_unlock_sim[] = {
     {"pin", BLOBMSG_TYPE_STRING},
     {"puk", BLOBMSG_TYPE_STRING},
 };
 
 int handle_unlock_sim(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[UNLOCK_SIM_COUNT];
-    parse_arguments(policy_unlock_sim, UNLOCK_SIM_COUNT, msg, fields);
-    if (!fields[UNLOCK_SIM_PIN])
+    const auto [pin, puk] = parse_arguments(policy_unlock_sim, msg);
+    if (!pin)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    const char *puk = fields[UNLOCK_SIM_PUK] ? blobmsg_get_string(fields[UNLOCK_SIM_PUK]) : "";
-    return reply_result(ctx, req, at_unlock_sim(blobmsg_get_string(fields[UNLOCK_SIM_PIN]), *puk ? puk : nullptr));
+    const char *given_puk = text_or(puk, "");
+    return reply_result(ctx, req, at_unlock_sim(blobmsg_get_string(pin), *given_puk ? given_puk : nullptr));
 }
 
-enum { CHANGE_SIM_PIN_PIN, CHANGE_SIM_PIN_NEW_PIN, CHANGE_SIM_PIN_COUNT };
-const struct blobmsg_policy policy_change_sim_pin[CHANGE_SIM_PIN_COUNT] = {
+const struct blobmsg_policy policy_change_sim_pin[] = {
     {"pin", BLOBMSG_TYPE_STRING},
     {"new_pin", BLOBMSG_TYPE_STRING},
 };
 
 int handle_change_sim_pin(HANDLER_ARGUMENTS)
 {
-    struct blob_attr *fields[CHANGE_SIM_PIN_COUNT];
-    parse_arguments(policy_change_sim_pin, CHANGE_SIM_PIN_COUNT, msg, fields);
-    if (!fields[CHANGE_SIM_PIN_PIN] || !fields[CHANGE_SIM_PIN_NEW_PIN])
+    const auto [pin, new_pin] = parse_arguments(policy_change_sim_pin, msg);
+    if (!pin || !new_pin)
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (call_waits(ctx, req, msg))
         return UBUS_STATUS_OK;
-    return reply_result(ctx, req,
-                        at_change_sim_pin(blobmsg_get_string(fields[CHANGE_SIM_PIN_PIN]),
-                                          blobmsg_get_string(fields[CHANGE_SIM_PIN_NEW_PIN])));
+    return reply_result(ctx, req, at_change_sim_pin(blobmsg_get_string(pin), blobmsg_get_string(new_pin)));
 }

@@ -2,7 +2,7 @@
 // status.
 #pragma once
 
-#include "reply.h"
+#include "handler.h"
 
 int handle_get_sim_lock_status(HANDLER_ARGUMENTS);
 int handle_set_sim_lock_status(HANDLER_ARGUMENTS);

@@ -41,11 +41,6 @@ Cut own_line(std::string_view answer, std::string_view prefix)
     return {found ? line : std::string_view(), found};
 }
 
-std::string_view first_line(std::string_view text)
-{
-    return text.substr(0, text.find_first_of("\r\n"));
-}
-
 std::string_view trimmed(std::string_view text)
 {
     constexpr std::string_view AROUND = " \t\r\n";

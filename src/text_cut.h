@@ -22,8 +22,6 @@ bool next_own_line(std::string_view *rest, std::string_view prefix, std::string_
 // The first such line.
 Cut own_line(std::string_view answer, std::string_view prefix);
 
-// The text before the first CR or LF; the whole text without one.
-std::string_view first_line(std::string_view text);
 // The text without its first `count` characters; empty when it has no more.
 constexpr std::string_view behind(std::string_view text, size_t count)
 {

@@ -243,25 +243,6 @@ bool uci_name_taken(const char *package, const char *section)
     return false;
 }
 
-struct OptionValue {
-    const char *package;
-    const char *section;
-    const char *option;
-    const char *value;
-};
-
-static int write_value(UciSession *session, void *state)
-{
-    const OptionValue *value = static_cast<OptionValue *>(state);
-    return uci_session_set(session, value->package, value->section, value->option, value->value);
-}
-
-int uci_write_option(const char *package, const char *section, const char *option, const char *value)
-{
-    OptionValue state = {package, section, option, value};
-    return uci_change_package(package, write_value, &state);
-}
-
 char *uci_read_string(const char *key)
 {
     UciSession session;

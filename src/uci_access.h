@@ -60,8 +60,6 @@ int uci_change_package(const char *package, UciEdit edit, void *state);
 // sections by their places, so who read the package before the last change and saved after it has chosen the same name.
 // Looks for as long as that may still come: 20 ms when others have just changed something, else once.
 bool uci_name_taken(const char *package, const char *section);
-// One option of a section that exists, the same way; a file that holds the value already is not written.
-int uci_write_option(const char *package, const char *section, const char *option, const char *value);
 
 // A heap copy of one option's value, freed by the caller, or null. Any thread.
 char *uci_read_string(const char *key);

@@ -93,19 +93,9 @@ uint8_t blob_get_u8(const blob_attr *attr)
     return static_cast<uint8_t>(read_be(attr, 1));
 }
 
-uint16_t blob_get_u16(const blob_attr *attr)
-{
-    return static_cast<uint16_t>(read_be(attr, 2));
-}
-
 uint32_t blob_get_u32(const blob_attr *attr)
 {
     return static_cast<uint32_t>(read_be(attr, 4));
-}
-
-uint64_t blob_get_u64(const blob_attr *attr)
-{
-    return read_be(attr, 8);
 }
 
 const char *blob_get_string(const blob_attr *attr)
@@ -166,28 +156,9 @@ blob_attr *blob_put(blob_buf *buf, int id, const void *ptr, unsigned int len)
     return attr;
 }
 
-blob_attr *blob_put_u8(blob_buf *buf, int id, uint8_t val)
-{
-    return blob_put(buf, id, &val, 1);
-}
-
-blob_attr *blob_put_u16(blob_buf *buf, int id, uint16_t val)
-{
-    uint8_t bytes[2];
-    write_be(bytes, val, sizeof bytes);
-    return blob_put(buf, id, bytes, sizeof bytes);
-}
-
 blob_attr *blob_put_u32(blob_buf *buf, int id, uint32_t val)
 {
     uint8_t bytes[4];
-    write_be(bytes, val, sizeof bytes);
-    return blob_put(buf, id, bytes, sizeof bytes);
-}
-
-blob_attr *blob_put_u64(blob_buf *buf, int id, uint64_t val)
-{
-    uint8_t bytes[8];
     write_be(bytes, val, sizeof bytes);
     return blob_put(buf, id, bytes, sizeof bytes);
 }
@@ -271,10 +242,5 @@ int blob_parse_untrusted(blob_attr *attr, size_t attr_len, blob_attr **data, con
         data[id] = pos;
     }
     return found;
-}
-
-int blob_parse(blob_attr *attr, blob_attr **data, const blob_attr_info *info, int max)
-{
-    return blob_parse_untrusted(attr, attr ? blob_raw_len(attr) : 0, data, info, max);
 }
 }

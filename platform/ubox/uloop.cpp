@@ -279,11 +279,6 @@ int uloop_timeout_cancel(uloop_timeout *timeout)
     return 0;
 }
 
-int uloop_timeout_remaining(uloop_timeout *timeout)
-{
-    return timeout->pending ? until_ms(due_us(timeout)) : -1;
-}
-
 int uloop_run_timeout(int timeout)
 {
     ending_signal = 0;

@@ -139,16 +139,6 @@ int uci_load(uci_context *ctx, const char *name, uci_package **package)
     return finish(ctx, UCI_OK);
 }
 
-int uci_unload(uci_context *ctx, uci_package *p)
-{
-    if (!ctx)
-        return UCI_ERR_INVAL;
-    if (!p)
-        return finish(ctx, UCI_ERR_INVAL);
-    drop_package(p);
-    return finish(ctx, UCI_OK);
-}
-
 int uci_save(uci_context *ctx, uci_package *p)
 {
     if (!ctx)

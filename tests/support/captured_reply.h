@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "reply.h"
+#include "handler.h"
 
 using Handler = int (*)(struct ubus_context *, struct ubus_object *, struct ubus_request_data *, const char *,
                         struct blob_attr *);

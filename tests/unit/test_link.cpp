@@ -19,10 +19,10 @@
 #include "indications.h"
 #include "link.h"
 #include "message_index.h"
-#include "resp_processor.h"
 #include "port.h"
 #include "queues.h"
 #include "request.h"
+#include "resp_processor.h"
 #include "waiting.h"
 
 #include <cjson/cJSON.h>
@@ -516,23 +516,6 @@ TEST_F(AnswerTest, AnIndexIsNotQueuedTwiceAndAFullQueueAsksForASweep)
         sms_index_done(*element);
         pool_queue_release(&incomming_sms_queue, element);
     }
-}
-
-TEST(TimeHelpers, DifferencesKeepOneSign)
-{
-    timespec start = {5, 900000000}, end = {7, 100000000}, out;
-    timespec_diff(&start, &end, &out);
-    EXPECT_EQ(out.tv_sec, 1);
-    EXPECT_EQ(out.tv_nsec, 200000000);
-    timespec_diff(&end, &start, &out);
-    EXPECT_EQ(out.tv_sec, -1);
-    EXPECT_EQ(out.tv_nsec, -200000000);
-    ms_to_timespec(&out, 3010);
-    EXPECT_EQ(out.tv_sec, 3);
-    EXPECT_EQ(out.tv_nsec, 10000000);
-    EXPECT_EQ(timespec_before(&start, &end), 1);
-    EXPECT_EQ(timespec_before(&end, &start), 0);
-    EXPECT_EQ(timespec_before(&end, &end), 0);
 }
 
 } // namespace

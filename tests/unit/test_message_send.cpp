@@ -5,8 +5,8 @@
 #include "captured_log.h"
 #include "captured_reply.h"
 #include "fake_modem_link.h"
+#include "handler.h"
 #include "log.h"
-#include "reply.h"
 
 class MessageSend : public ::testing::Test {
 protected:

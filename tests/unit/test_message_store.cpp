@@ -13,8 +13,8 @@ extern "C" {
 #include "captured_reply.h"
 #include "fake_files.h"
 #include "fake_shell.h"
+#include "handler.h"
 #include "message_methods.h"
-#include "reply.h"
 #include "stored_messages.h"
 
 using Lines = std::vector<std::string>;

@@ -175,12 +175,6 @@ static inline void ubus_add_uloop(struct ubus_context *ctx)
     uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
 }
 
-/* Serves what has arrived, for users without a loop. */
-static inline void ubus_handle_event(struct ubus_context *ctx)
-{
-    ctx->sock.cb(&ctx->sock, ULOOP_READ);
-}
-
 /* The object stays the caller's and must live until it is removed or the context freed. */
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
@@ -217,19 +211,11 @@ int ubus_notify(struct ubus_context *ctx, struct ubus_object *obj, const char *t
 
 /* The subscriber stays the caller's, as an object does. Subscribing twice delivers twice; to objects of others only. */
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub);
-static inline int ubus_unregister_subscriber(struct ubus_context *ctx, struct ubus_subscriber *sub)
-{
-    return ubus_remove_object(ctx, &sub->obj);
-}
 int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 int ubus_unsubscribe(struct ubus_context *ctx, struct ubus_subscriber *sub, uint32_t id);
 
 int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data);
 /* Several patterns may be registered for one handler. The handler's object is removed with ubus_remove_object. */
 int ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev, const char *pattern);
-static inline int ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev)
-{
-    return ubus_remove_object(ctx, &ev->obj);
-}
 
 #endif

@@ -112,9 +112,6 @@ int uci_set_savedir(struct uci_context *ctx, const char *dir);
  * UCI_ERR_NOTFOUND: there is no such file; UCI_ERR_PARSE: the file is refused, uci_get_errorstr tells the line. */
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package);
 
-/* Frees a package; its unsaved changes are forgotten. */
-int uci_unload(struct uci_context *ctx, struct uci_package *p);
-
 /* Looks up "package[.section[.option]][=value]", loading the package. `str` is cut up and `ptr` points into it; with
  * a null `str` the names in `ptr` are looked up. `extended` allows "@type[n]" for a section, counted from 0 or, with a
  * negative n, from the end; an empty type counts all sections. UCI_OK tells nothing about the section and the option:

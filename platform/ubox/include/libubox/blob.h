@@ -1,8 +1,8 @@
 /*
  * Typed binary attributes. An attribute is a 32-bit big-endian word (bit 31 extended, bits 30..24 id, bits 23..0 length
- * of header and payload) and its payload, padded with zeros to 4 bytes; the padding does not count. Attributes may lie at
- * any address. No function reads past the length that the attribute itself gives; the caller makes sure that this many
- * bytes are there, or uses the functions that are given a length.
+ * of header and payload) and its payload, padded with zeros to 4 bytes; the padding does not count. Attributes may lie
+ * at any address. No function reads past the length that the attribute itself gives; the caller makes sure that this
+ * many bytes are there, or uses the functions that are given a length.
  */
 #ifndef LIBUBOX_BLOB_H
 #define LIBUBOX_BLOB_H
@@ -42,7 +42,8 @@ struct blob_attr_info {
     bool (*validate)(const struct blob_attr_info *, struct blob_attr *);
 };
 
-/* Zero it before the first blob_buf_init. The memory moves when it grows: pointers into it last until the next addition. */
+/* Zero it before the first blob_buf_init. The memory moves when it grows: pointers into it last until the next
+ * addition. */
 struct blob_buf {
     struct blob_attr *head;
     bool (*grow)(struct blob_buf *buf, int minlen);
@@ -103,9 +104,7 @@ static inline bool blob_fits(const struct blob_attr *pos, size_t rem)
 
 /* Values of attributes; 0 when the payload is too short. A string without its terminating zero reads as empty. */
 uint8_t blob_get_u8(const struct blob_attr *attr);
-uint16_t blob_get_u16(const struct blob_attr *attr);
 uint32_t blob_get_u32(const struct blob_attr *attr);
-uint64_t blob_get_u64(const struct blob_attr *attr);
 const char *blob_get_string(const struct blob_attr *attr);
 
 /* Starts (or empties) a buffer with one open attribute of this id. 0, or -1 without memory. */
@@ -120,20 +119,10 @@ bool blob_buf_grow(struct blob_buf *buf, int required);
  */
 struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload);
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len);
-struct blob_attr *blob_put_u8(struct blob_buf *buf, int id, uint8_t val);
-struct blob_attr *blob_put_u16(struct blob_buf *buf, int id, uint16_t val);
 struct blob_attr *blob_put_u32(struct blob_buf *buf, int id, uint32_t val);
-struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint64_t val);
 struct blob_attr *blob_put_string(struct blob_buf *buf, int id, const char *str);
 
-#define blob_put_int8 blob_put_u8
-#define blob_put_int16 blob_put_u16
 #define blob_put_int32 blob_put_u32
-#define blob_put_int64 blob_put_u64
-#define blob_get_int8 (int8_t) blob_get_u8
-#define blob_get_int16 (int16_t) blob_get_u16
-#define blob_get_int32 (int32_t) blob_get_u32
-#define blob_get_int64 (int64_t) blob_get_u64
 
 /* Opens an attribute that takes what is put next. The cookie closes it; null when there is no memory. */
 void *blob_nest_start(struct blob_buf *buf, int id);
@@ -147,7 +136,6 @@ bool blob_check_type(const void *ptr, unsigned int len, int type);
  * info[id]; the others stay null. The last one of several wins. A malformed list ends it. Returns how many were found.
  * attr_len: bytes that are there at attr.
  */
-int blob_parse(struct blob_attr *attr, struct blob_attr **data, const struct blob_attr_info *info, int max);
 int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_attr **data,
                          const struct blob_attr_info *info, int max);
 

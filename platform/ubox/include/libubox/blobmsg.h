@@ -45,16 +45,12 @@ static inline enum blobmsg_type blobmsg_type(const struct blob_attr *attr)
 }
 
 /*
- * Parts of a member. They stay inside the attribute whatever its bytes are: a malformed name reads as empty, a value that
- * is not there has length 0.
+ * Parts of a member. They stay inside the attribute whatever its bytes are: a malformed name reads as empty, a value
+ * that is not there has length 0.
  */
 const char *blobmsg_name(const struct blob_attr *attr);
 void *blobmsg_data(const struct blob_attr *attr);
 size_t blobmsg_data_len(const struct blob_attr *attr);
-static inline size_t blobmsg_len(const struct blob_attr *attr)
-{
-    return blobmsg_data_len(attr);
-}
 
 /* Values; 0 when the value is too short. A string without its terminating zero reads as empty; null attr gives null. */
 uint8_t blobmsg_get_u8(struct blob_attr *attr);
@@ -94,8 +90,9 @@ static inline void blobmsg_close_table(struct blob_buf *buf, void *cookie)
 }
 
 /*
- * Whether the attribute is a well-formed member: header, name, a known type, a value of that type's size. With `name` it
- * must also have a non-empty name. len: bytes that are there at attr. The members of arrays and tables are not looked at.
+ * Whether the attribute is a well-formed member: header, name, a known type, a value of that type's size. With `name`
+ * it must also have a non-empty name. len: bytes that are there at attr. The members of arrays and tables are not
+ * looked at.
  */
 bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len);
@@ -103,7 +100,8 @@ bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len)
 /*
  * Sets tb[i] to the first well-formed member with the name and type of policy[i] (a policy of type 0 takes any), or to
  * null. data, len: the list of members, such as blob_data and blob_len of a message. A malformed list ends the parse.
- * blobmsg_parse_array gives tb[i] the i-th element if its type agrees, else null. Both return 0, or -1 for a bad element.
+ * blobmsg_parse_array gives tb[i] the i-th element if its type agrees, else null. Both return 0, or -1 for a bad
+ * element.
  */
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len);

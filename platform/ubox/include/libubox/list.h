@@ -13,7 +13,6 @@ struct list_head {
     {                                                                                                                  \
         &(name), &(name)                                                                                               \
     }
-#define LIST_HEAD(name) struct list_head name = LIST_HEAD_INIT(name)
 
 static inline void INIT_LIST_HEAD(struct list_head *list)
 {
@@ -49,25 +48,11 @@ static inline void list_del(struct list_head *entry)
     entry->prev = NULL;
 }
 
-static inline void list_del_init(struct list_head *entry)
-{
-    list_del(entry);
-    INIT_LIST_HEAD(entry);
-}
-
 #define list_entry(ptr, type, field) container_of(ptr, type, field)
 #define list_first_entry(list, type, field) list_entry((list)->next, type, field)
-
-#define list_for_each(p, head) for (p = (head)->next; p != (head); p = p->next)
-#define list_for_each_safe(p, n, head) for (p = (head)->next, n = p->next; p != (head); p = n, n = p->next)
 
 #define list_for_each_entry(p, head, field)                                                                            \
     for (p = list_entry((head)->next, __typeof__(*p), field); &p->field != (head);                                     \
          p = list_entry(p->field.next, __typeof__(*p), field))
-
-/* The current element may be deleted while the list is walked. */
-#define list_for_each_entry_safe(p, n, head, field)                                                                    \
-    for (p = list_entry((head)->next, __typeof__(*p), field), n = list_entry(p->field.next, __typeof__(*p), field);    \
-         &p->field != (head); p = n, n = list_entry(n->field.next, __typeof__(*n), field))
 
 #endif

@@ -68,8 +68,6 @@ int uloop_fd_delete(struct uloop_fd *sock);
 int uloop_timeout_set(struct uloop_timeout *timeout, int msecs);
 /* 0, or -1 if it was not pending. */
 int uloop_timeout_cancel(struct uloop_timeout *timeout);
-/* Milliseconds left, -1 if it is not pending. */
-int uloop_timeout_remaining(struct uloop_timeout *timeout);
 
 /*
  * Serves until uloop_cancelled is set, by uloop_end or by SIGINT or SIGTERM.
