@@ -207,12 +207,21 @@ protected:
         }
         return stray_during(call) ? by_stray : wrong;
     }
+    // When the scan that the modem was asked for at `came` was called for; it may have waited behind late answers.
+    Moment scan_before(Moment came) const
+    {
+        Moment last{};
+        for (const Call &call : calls)
+            if (call.question->kind == Kind::scan && call.begin <= came)
+                last = std::max(last, call.begin);
+        return last == Moment{} ? came : last;
+    }
     Verdict failed(const Call &call) const
     {
         Moment limit = call.start + milliseconds(call.question->timeout_ms - 100);
         const Clock::duration about = milliseconds(50); // the scan is queued, or its answer on the way
         for (const Input &input : inputs)
-            if (input.text == "AT+COPS=?" && input.came - about < call.end &&
+            if (input.text == "AT+COPS=?" && std::min(input.came - about, scan_before(input.came)) < call.end &&
                 (input.done == Moment{} || input.done + about > call.start))
                 return refused;
         std::vector<size_t> asked = candidates(call);
