@@ -275,18 +275,15 @@ TEST_F(Profiles, AutoconnectIsOnForEveryNumberButZero)
         int code;
         uint8_t enabled;
     } rows[] = {
-        {"config s 'settings'\n\toption autoconnect '0'\n", 0, 0},
-        {"config s 'settings'\n\toption autoconnect '2'\n", 0, 1},
-        {"config s 'settings'\n\toption autoconnect 'yes'\n", 0, 0},
-        {"config s 'settings'\n", -1, 9},
-        {"config s 'settings'\n\tlist autoconnect '1'\n", -1, 9},
-        {"rubbish\n", 5, 9},
+        {"\toption autoconnect '0'\n", 0, 0},   {"\toption autoconnect '2'\n", 0, 1},
+        {"\toption autoconnect 'yes'\n", 0, 0}, {"", -1, 9},
+        {"\tlist autoconnect '1'\n", -1, 9},    {"rubbish\n", 5, 9},
     };
     uint8_t enabled = 9;
     EXPECT_EQ(uci_get_autoconnect(&enabled), 3);
     for (const auto &row : rows) {
         enabled = 9;
-        write("modem", row.content);
+        write("modem", "config s 'settings'\n" + std::string(row.content));
         EXPECT_EQ(uci_get_autoconnect(&enabled), row.code) << row.content;
         EXPECT_EQ(enabled, row.enabled) << row.content;
     }
