@@ -91,7 +91,9 @@ inline void play_exchanges(const std::string &path, size_t at_least)
             fake_link.answer_in_turn(exchange.answers);
         EXPECT_EQ(reply_of(method->handler, arguments.c_str()), exchange.reply);
         EXPECT_EQ(fake_link.sent, exchange.sent);
-        for (size_t i = 0; i < fake_link.expected.size() && exchange.reply.starts_with(R"({"result":0)"); i++)
-            EXPECT_NE(exchange.answers[i]->find(fake_link.expected[i]), std::string::npos) << "the link would drop it";
+        for (size_t i = 0; i < fake_link.expected.size() && exchange.reply.starts_with(R"({"result":0)"); i++) {
+            const std::string answer = *exchange.answers[i];
+            EXPECT_TRUE(answer == "\r\nOK\r\n" || answer.find(fake_link.expected[i]) != answer.npos) << "not an answer";
+        }
     }
 }

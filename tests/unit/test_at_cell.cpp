@@ -1,9 +1,6 @@
 #include "at_cell.h"
 
-#include <algorithm>
-#include <cstring>
-#include <functional>
-#include <memory>
+#include <array>
 
 #include "cell_answers.h"
 #include "modem_test.h"
@@ -18,37 +15,7 @@ std::string join(std::initializer_list<std::string> fields)
     return text;
 }
 
-// Runs one query with a zeroed output of exactly its size; whether that is still zeroed.
-template<typename Record, typename Function> result_t run(Function function, bool *untouched)
-{
-    auto record = std::make_unique<Record>();
-    memset(static_cast<void *>(record.get()), 0, sizeof *record);
-    result_t code = function(record.get());
-    const auto *bytes = reinterpret_cast<const unsigned char *>(record.get());
-    *untouched = std::all_of(bytes, bytes + sizeof *record, [](unsigned char byte) { return byte == 0; });
-    if constexpr (std::is_same_v<Record, OperatorInfo>)
-        free(record->oper);
-    return code;
-}
-
-using Gtccinfo = std::array<char, 512>;
 using Cells = std::array<ServingCellRecord, SERVING_CELLS>;
-
-struct Query {
-    const char *command, *prefix;
-    std::function<result_t(bool *untouched)> ask;
-};
-
-const std::vector<Query> queries = {
-    {"AT+CSQ\r", "+CSQ:", [](bool *u) { return run<uint8_t>(at_get_rssi, u); }},
-    {"AT+CESQ\r", "+CESQ:", [](bool *u) { return run<ExtendedSignalQuality>(at_get_extended_signal_quality, u); }},
-    {"AT+COPS?\r", "+COPS:", [](bool *u) { return run<OperatorInfo>(at_get_operator_info, u); }},
-    {"AT+GTCCINFO?\r",
-     "+GTCCINFO:", [](bool *u) { return run<Cells>([](Cells *cells) { return at_get_serving_cells(*cells); }, u); }},
-    {"AT+GTCCINFO?\r",
-     "+GTCCINFO:", [](bool *u) { return run<Gtccinfo>([](Gtccinfo *text) { return at_get_gtccinfo(*text); }, u); }},
-    {"AT+GTCELLINFO?\r", "+GTCELLINFO:", [](bool *u) { return run<CellInfo>(at_get_cell_info, u); }},
-};
 
 class Cell : public ModemTest<> {
 protected:
@@ -76,33 +43,6 @@ protected:
         return code == RESULT_OK ? text.data() : "code " + std::to_string(static_cast<int32_t>(code));
     }
 };
-
-TEST_F(Cell, AFailedQueryLeavesItsOutputAlone)
-{
-    for (const Query &query : queries) {
-        const std::string prefix = query.prefix;
-        const struct {
-            Answer answer;
-            result_t code;
-        } rows[] = {
-            {std::nullopt, RESULT_REQUEST_FAILED},
-            {"\r\n+CME ERROR: 10\r\n", RESULT_ERROR},
-            {"\r\n" + prefix + " 7,7,7\r\n\r\nERROR\r\n", RESULT_ERROR},
-            {"", RESULT_ERROR},
-            {"\r\nNO CARRIER\r\n", RESULT_NO_CARRIER},
-            {"\r\nrubbish,1,4,2\r\n", RESULT_ERROR},
-            {"\r\nOK\r\n", RESULT_OK},
-        };
-        for (const auto &row : rows) {
-            fake_link.answer_always(row.answer);
-            bool untouched = false;
-            EXPECT_EQ(query.ask(&untouched), row.code) << prefix << row.answer.value_or("silence");
-            EXPECT_TRUE(untouched) << prefix << row.answer.value_or("silence");
-        }
-        EXPECT_EQ(fake_link.sent.back(), query.command);
-        EXPECT_EQ(fake_link.expected.back(), prefix);
-    }
-}
 
 TEST_F(Cell, SignalLevelOfAnOddAnswer)
 {

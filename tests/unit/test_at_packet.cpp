@@ -30,43 +30,12 @@ protected:
     }
 };
 
-static ApnProfile profile(int32_t family, const char *apn, int32_t auth = 0, const char *user = nullptr,
-                          const char *password = nullptr)
+static ApnProfile profile(int32_t family, const char *apn)
 {
     ApnProfile record = {};
     record.ip_family = family;
     record.apn = apn;
-    record.auth = auth;
-    record.username = user;
-    record.password = password;
     return record;
-}
-
-TEST_F(AtPacket, AuthenticationNamesUserAndPasswordOnlyWhenThereIsOne)
-{
-    const ApnProfile with_user = profile(0, "net", 1, "me", "secret");
-    const ApnProfile without_user = profile(0, "net", 2);
-    const ApnProfile none = profile(0, "net", 0, "me", "secret");
-    const ApnProfile hostile = profile(0, "net", 1, "me\",\"\"\rATZ", "x");
-    struct {
-        int32_t cid;
-        const ApnProfile *record;
-        result_t code;
-        Strings sent;
-    } rows[] = {
-        {1, nullptr, RESULT_OK, {"AT+CGAUTH=1,0,\"\",\"\"\r"}},
-        {2, nullptr, RESULT_REFUSED, {}},
-        {1, &with_user, RESULT_OK, {"AT+CGAUTH=1,1,\"me\",\"secret\"\r"}},
-        {1, &without_user, RESULT_OK, {"AT+CGAUTH=1,2,\"\",\"\"\r"}},
-        {2, &none, RESULT_OK, {"AT+CGAUTH=2,0\r"}},
-        {1, &hostile, RESULT_ERROR, {}},
-    };
-    for (const auto &row : rows) {
-        fake_link.sent.clear();
-        EXPECT_EQ(at_set_pdp_auth(row.cid, row.record), row.code);
-        EXPECT_EQ(fake_link.sent, row.sent);
-    }
-    EXPECT_EQ(log_count("secret"), 0);
 }
 
 TEST_F(AtPacket, ContextTellsTheFamilyBeforeItIsDefined)
@@ -101,6 +70,7 @@ TEST_F(AtPacket, ContextTellsTheFamilyBeforeItIsDefined)
     }
     EXPECT_EQ(log_count("execute: AT+CGDCONT=1,\"IPV6\",\"internet\"\n"), 1);
     EXPECT_EQ(log_count("refused", LOG_ERR), 1);
+    EXPECT_EQ(at_set_pdp_auth(2, nullptr), RESULT_REFUSED) << "IMS has no default";
     answer("\r\n+CME ERROR: 3\r\n");
     EXPECT_EQ(at_set_pdp_context(3, &ipv4), RESULT_ERROR);
 }

@@ -115,17 +115,4 @@ TEST_F(Rat, BandsThatDoNotFitAreAnError)
     EXPECT_STREQ(exact.data(), "b3,II");
 }
 
-TEST_F(Rat, QueryFailuresLeaveTheOutputAlone)
-{
-    for (const Answer &answer : {Answer(), Answer("\r\n+GTACT: 20\r\nERROR\r\n"), Answer("\r\nOK\r\n"), Answer("")}) {
-        fake_link.answer_always(answer);
-        RatAndBand current = {};
-        char bands[4] = "old";
-        at_get_current_rat_and_band(&current, bands);
-        EXPECT_EQ(current.rat, 0);
-        EXPECT_STREQ(bands, "old");
-    }
-    EXPECT_EQ(fake_link.expected.at(0), "+GTACT:");
-}
-
 } // namespace

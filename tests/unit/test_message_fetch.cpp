@@ -188,6 +188,7 @@ protected:
 
 TEST_F(MessageFetchTest, WhatTheSimHolds)
 {
+    const std::string a = deliver("a"), b = deliver("b");
     struct Row {
         const char *what;
         std::map<int, Slot> sim;
@@ -195,22 +196,18 @@ TEST_F(MessageFetchTest, WhatTheSimHolds)
         Places left;
         const char *line;
     } rows[] = {
-        {"unread and read ones", {{1, {0, deliver("a")}}, {2, {1, deliver("b")}}}, {"a", "b"}, {}, ""},
-        {"the user's own",
-         {{1, {2, SUBMIT}}, {2, {3, SUBMIT}}, {3, {3, deliver("a")}}, {4, {0, SUBMIT}}, {5, {0, deliver("b")}}},
+        {"unread and read ones", {{1, {0, a}}, {2, {1, b}}}, {"a", "b"}, {}, ""},
+        {"own ones",
+         {{1, {2, SUBMIT}}, {2, {3, SUBMIT}}, {3, {3, a}}, {4, {0, SUBMIT}}, {5, {0, b}}},
          {"b"},
          {1, 2, 3, 4},
          ""},
         {"a status report", {{1, {0, REPORT}}}, {}, {}, "status report in sms 1, taken off the SIM"},
-        {"damaged twice", {{1, {0, deliver("a"), 2}}, {2, {0, deliver("b")}}}, {"a", "b"}, {}, ""},
-        {"damaged always",
-         {{1, {0, deliver("a"), 9}}, {2, {0, deliver("b")}}},
-         {"b"},
-         {},
-         "sms 1 is unreadable, kept in /data/in_messages.unreadable"},
-        {"a modem that counts otherwise", {{1, {0, deliver("a"), 0, 9}}}, {"a"}, {}, ""},
+        {"damaged twice", {{1, {0, a, 2}}, {2, {0, b}}}, {"a", "b"}, {}, ""},
+        {"damaged always", {{1, {0, a, 9}}, {2, {0, b}}}, {"b"}, {}, "sms 1 is unreadable, kept in /data/in_messages"},
+        {"a modem that counts otherwise", {{1, {0, a, 0, 9}}}, {"a"}, {}, ""},
         {"nothing in the place", {{1, {0, "", 0, 9}}}, {}, {1}, ""},
-        {"twice the same", {{1, {0, deliver("a")}}, {2, {0, deliver("a")}}}, {"a"}, {}, ""},
+        {"twice the same", {{1, {0, a}}, {2, {0, a}}}, {"a"}, {}, ""},
     };
     for (bool announced : {true, false}) {
         for (bool text : {false, true}) {

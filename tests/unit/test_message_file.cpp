@@ -63,32 +63,19 @@ protected:
 };
 
 // Two messages as docs/message-file.md describes them, written by hand.
-static const std::string SINGLE_RECORD = "\xFF"
-                                         "24-03-15\0"
-                                         "09:26:53\0"
-                                         "\1\0\0"
-                                         "\0\0"
-                                         "\1\0\1\0"
-                                         "\5\0"
-                                         "\4\0"
-                                         "1722\0"
-                                         "491\0"
-                                         "\1\0\2\0"
-                                         "Hi"s;
-static const std::string LONG_RECORD = "\2"
-                                       "24-03-16\0"
-                                       "10:00:00\0"
-                                       "\0\1\0"
-                                       "\2\1"
-                                       "\0\3\2\0"
-                                       "\1\0"
-                                       "\2\0"
-                                       "\0"
-                                       "7\0"
-                                       "\2\0\2\0"
-                                       "\0B"
-                                       "\1\0\1\0"
-                                       "\xFF"s;
+static std::string joined(std::initializer_list<std::string> fields)
+{
+    std::string bytes;
+    for (const std::string &field : fields)
+        bytes += field;
+    return bytes;
+}
+
+static const std::string SINGLE_RECORD = joined({"\xFF", "24-03-15\0"s, "09:26:53\0"s, "\1\0\0"s, "\0\0"s, "\1\0\1\0"s,
+                                                 "\5\0"s, "\4\0"s, "1722\0"s, "491\0"s, "\1\0\2\0"s, "Hi"});
+static const std::string LONG_RECORD =
+    joined({"\2", "24-03-16\0"s, "10:00:00\0"s, "\0\1\0"s, "\2\1", "\0\3\2\0"s, "\1\0"s, "\2\0"s, "\0"s, "7\0"s,
+            "\2\0\2\0"s, "\0B"s, "\1\0\1\0"s, "\xFF"});
 
 static std::string replaced(std::string text, const std::string &old, const std::string &with)
 {

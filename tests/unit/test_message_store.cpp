@@ -110,39 +110,29 @@ TEST_F(MessageStore, JoinsThePartsInAnyOrder)
 
 TEST_F(MessageStore, TellsARepetitionFromTheNextMessageOfAConstantReference)
 {
-    struct Part {
-        int index;
-        const char *text, *time;
-    };
-    struct Row {
+    const struct {
         const char *what;
-        std::vector<Part> parts;
+        std::vector<std::string> parts; // each with its number, its text and the time at which it was sent
         Lines messages;
     } rows[] = {
         {"one after the other",
-         {{1, "a", "09:00:00"}, {2, "b", "09:00:01"}, {1, "c", "10:00:00"}, {2, "d", "10:00:01"}},
+         {"1a 09:00:00", "2b 09:00:01", "1c 10:00:00", "2d 10:00:01"},
          {"1=a 2=b +", "1=c 2=d +"}},
-        {"repeated by the network",
-         {{1, "a", "09:00:00"}, {2, "b", "09:00:01"}, {2, "b", "09:00:01"}, {1, "a", "09:00:00"}},
-         {"1=a 2=b +"}},
-        {"the same ending",
-         {{1, "a", "09:00:00"}, {2, "z", "09:00:01"}, {1, "c", "10:00:00"}, {2, "z", "10:00:01"}},
-         {"1=a 2=z +", "1=c 2=z +"}},
-        {"the same ending, repeated while the next one comes",
-         {{1, "a", "09:00:00"}, {2, "z", "09:00:01"}, {1, "c", "10:00:00"}, {2, "z", "09:00:01"}, {2, "d", "10:00:02"}},
+        {"repeated by the network", {"1a 09:00:00", "2b 09:00:01", "2b 09:00:01", "1a 09:00:00"}, {"1=a 2=b +"}},
+        {"the same ending", {"1a 09:00:00", "2z 09:00:01", "1c 10:00:00", "2z 10:00:01"}, {"1=a 2=z +", "1=c 2=z +"}},
+        {"repeated while the next one comes",
+         {"1a 09:00:00", "2z 09:00:01", "1c 10:00:00", "2z 09:00:01", "2d 10:00:02"},
          {"1=a 2=z +", "1=c 2=d +"}},
-        {"mixed",
-         {{1, "a", "09:00:00"}, {1, "c", "10:00:00"}, {2, "b", "09:00:02"}, {2, "d", "10:00:01"}},
-         {"1=a 2=b +", "1=c 2=d +"}},
-        {"within a second",
-         {{1, "a", "09:00:00"}, {2, "b", "09:00:00"}, {2, "d", "09:00:00"}, {1, "c", "09:00:00"}},
-         {"1=a 2=b +", "1=c 2=d +"}},
+        {"mixed", {"1a 09:00:00", "1c 10:00:00", "2b 09:00:02", "2d 10:00:01"}, {"1=a 2=b +", "1=c 2=d +"}},
+        {"within a second", {"1a 09:00:00", "2b 09:00:00", "2d 09:00:00", "1c 09:00:00"}, {"1=a 2=b +", "1=c 2=d +"}},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SetUp();
-        for (const Part &part : row.parts)
-            EXPECT_EQ(add({.text = part.text, .sender = "s", .index = part.index, .total = 2, .time = part.time}),
-                      AddResult::added);
+        for (const std::string &part : row.parts) {
+            const Incoming in = {
+                .text = part.substr(1, 1), .sender = "s", .index = part[0] - '0', .total = 2, .time = part.substr(3)};
+            EXPECT_EQ(add(in), AddResult::added);
+        }
         Lines messages;
         for (std::string line : stored()) {
             line = line.substr(2);

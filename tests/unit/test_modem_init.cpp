@@ -191,6 +191,7 @@ constexpr const char *ABC_ROM = "/rom/etc/config/abc_apn_profile";
 
 TEST_F(ModemInit, SkuDecidesTheLink)
 {
+    const char *const wrong = "/etc/config/xyz_apn_profile";
     const std::string sum_abc = std::string("md5sum ") + ABC;
     const std::string sum_rom = std::string("md5sum ") + ABC_ROM;
     const std::string make_link = std::string("ln -s ") + ABC + " " + LINK;
@@ -211,14 +212,9 @@ TEST_F(ModemInit, SkuDecidesTheLink)
         {"no link, altered file", "abc", nullptr, "a", "b", {sum_abc, sum_rom, restore, make_link}},
         {"no link, no factory copy", "abc", nullptr, "a", nullptr, {make_link}},
         {"no link, no profile", "abc", nullptr, nullptr, "b", {}},
-        {"wrong link",
-         "abc",
-         "/etc/config/xyz_apn_profile",
-         "a",
-         "b",
-         {remove_link, sum_abc, sum_rom, restore, make_link}},
+        {"wrong link", "abc", wrong, "a", "b", {remove_link, sum_abc, sum_rom, restore, make_link}},
         {"no digest", "abc", nullptr, "a", "b", {sum_abc, sum_rom, make_link}},
-        {"wrong link, no profile", "abc", "/etc/config/xyz_apn_profile", nullptr, "b", {remove_link}},
+        {"wrong link, no profile", "abc", wrong, nullptr, "b", {remove_link}},
     };
     for (const auto &row : rows) {
         fake_port.reset();

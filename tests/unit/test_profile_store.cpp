@@ -71,8 +71,9 @@ TEST_F(Profiles, CallsOneAfterTheOther)
 {
     play_exchanges(TEST_DATA_DIR "/profile-exchanges.txt", 35);
     EXPECT_NE(content("profiles").find("option extra 'kept'"), std::string::npos);
-    EXPECT_EQ(fake_wanmd.notices, (Strings{"apn_ipv6", "apn_ipv4", "apn_ipv4v6", "apn_ipv4v6"}));
-    EXPECT_EQ(fake_clock.sleeps, (std::vector<uint32_t>{1000, 1000, 1000, 1000}));
+    EXPECT_EQ(fake_wanmd.notices,
+              (Strings{"apn_ipv6", "apn_ipv4", "apn_ipv4v6", "apn_ipv4", "apn_ipv4", "apn_ipv4v6"}));
+    EXPECT_EQ(fake_clock.sleeps, std::vector<uint32_t>(6, 1000));
     fake_shell.reset();
     EXPECT_EQ(reply_of(handle_delete_profile), DONE);
     EXPECT_EQ(reply_of(handle_delete_profile, R"({"id":-1})"), DONE);
@@ -85,6 +86,7 @@ TEST_F(Profiles, PasswordsAreMaskedInTheLog)
     reply_of(handle_add_profile, R"({"ip":1,"apn":"x","name":"Zürich ☎","username":"u","password":"pä","auth":2})");
     for (const char *line : {"section name: second\n", "password: ******\n", ".name=Zürich ☎\n", ".password=**\n"})
         EXPECT_EQ(log_count(line), 1) << line;
+    reply_of(handle_select_profile, R"({"id":0})");
     EXPECT_EQ(log_count("secret"), 0);
 }
 
@@ -273,18 +275,15 @@ TEST_F(Profiles, AutoconnectIsOnForEveryNumberButZero)
         int code;
         uint8_t enabled;
     } rows[] = {
-        {"config s 'settings'\n\toption autoconnect '0'\n", 0, 0},
-        {"config s 'settings'\n\toption autoconnect '2'\n", 0, 1},
-        {"config s 'settings'\n\toption autoconnect 'yes'\n", 0, 0},
-        {"config s 'settings'\n", -1, 9},
-        {"config s 'settings'\n\tlist autoconnect '1'\n", -1, 9},
-        {"rubbish\n", 5, 9},
+        {"\toption autoconnect '0'\n", 0, 0},   {"\toption autoconnect '2'\n", 0, 1},
+        {"\toption autoconnect 'yes'\n", 0, 0}, {"", -1, 9},
+        {"\tlist autoconnect '1'\n", -1, 9},    {"rubbish\n", 5, 9},
     };
     uint8_t enabled = 9;
     EXPECT_EQ(uci_get_autoconnect(&enabled), 3);
     for (const auto &row : rows) {
         enabled = 9;
-        write("modem", row.content);
+        write("modem", "config s 'settings'\n" + std::string(row.content));
         EXPECT_EQ(uci_get_autoconnect(&enabled), row.code) << row.content;
         EXPECT_EQ(enabled, row.enabled) << row.content;
     }

@@ -1,10 +1,6 @@
 #include "sms_outputs.h"
 
-#include <gtest/gtest.h>
-
 #include <cctype>
-#include <string>
-#include <vector>
 
 namespace {
 

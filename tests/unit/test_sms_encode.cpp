@@ -1,11 +1,7 @@
 #include "sms_outputs.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 

@@ -1,10 +1,5 @@
 #include "sms_outputs.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 namespace {
 
 std::vector<unsigned char> bytes(const std::string &text)

@@ -1,13 +1,9 @@
 // PDUs of other people's modems and of the standards, one row of tests/data/pdu-vectors.jsonl each.
-#include "sms.h"
 #include "sms_outputs.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
 namespace {
 

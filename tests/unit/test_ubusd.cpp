@@ -81,26 +81,16 @@ struct raw_client {
         send_bytes(from_hex(text));
     }
 
-    bool read_exactly(uint8_t *to, size_t size) const
-    {
-        for (size_t have = 0; have < size;) {
-            ssize_t got = recv(fd, to + have, size - have, 0);
-            if (got <= 0)
-                return false;
-            have += static_cast<size_t>(got);
-        }
-        return true;
-    }
-
     // The next message; empty when the connection is closed (or nothing comes for 10 s).
     bytes receive() const
     {
         bytes message(12);
-        if (!read_exactly(message.data(), 12))
+        if (recv(fd, message.data(), 12, MSG_WAITALL) != 12)
             return {};
-        size_t size = blob_read_be32(message.data() + 8) & 0xffffff;
-        message.resize(8 + size);
-        return read_exactly(message.data() + 12, size - 4) ? message : bytes{};
+        message.resize(8 + (blob_read_be32(message.data() + 8) & 0xffffff));
+        const size_t rest = message.size() - 12;
+        const bool whole = rest == 0 || recv(fd, message.data() + 12, rest, MSG_WAITALL) == static_cast<ssize_t>(rest);
+        return whole ? message : bytes{};
     }
     // The next message is this one.
     void expect(const std::string &message, const char *what = "") const
