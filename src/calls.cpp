@@ -19,6 +19,7 @@ extern "C" {
 #include "celmux.h"
 #include "link.h"
 #include "method_table.h"
+#include "mutex_lock.h"
 #include "service.h"
 #include "waiting.h"
 
@@ -68,17 +69,8 @@ static bool worker_started;
 static thread_local const MethodRow *arriving; // a call has come and may be put aside
 static thread_local Call *carried_out;         // the worker's call
 
-struct CallsLock {
-    CallsLock()
-    {
-        pthread_mutex_lock(&calls_mutex);
-    }
-    ~CallsLock()
-    {
-        pthread_mutex_unlock(&calls_mutex);
-    }
-    CallsLock(const CallsLock &) = delete;
-    CallsLock &operator=(const CallsLock &) = delete;
+struct CallsLock : MutexLock {
+    CallsLock() : MutexLock(&calls_mutex) {}
 };
 
 bool worker_takes_reply()

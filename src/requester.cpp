@@ -10,6 +10,7 @@
 #include "link.h"
 #include "log.h"
 #include "modem_init.h"
+#include "mutex_lock.h"
 #include "port.h"
 #include "request.h"
 #include "resp_processor.h"
@@ -29,17 +30,8 @@ static pthread_mutex_t connect_mutex = PTHREAD_MUTEX_INITIALIZER;
 static timespec g_connect_start_t; // when the attempt began
 static uint32_t connect_attempt;   // counts the attempts
 
-struct ConnectLock {
-    ConnectLock()
-    {
-        pthread_mutex_lock(&connect_mutex);
-    }
-    ~ConnectLock()
-    {
-        pthread_mutex_unlock(&connect_mutex);
-    }
-    ConnectLock(const ConnectLock &) = delete;
-    ConnectLock &operator=(const ConnectLock &) = delete;
+struct ConnectLock : MutexLock {
+    ConnectLock() : MutexLock(&connect_mutex) {}
 };
 
 void begin_connect_watch()
