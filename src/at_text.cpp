@@ -151,6 +151,25 @@ result_t at_exchange(const char *command, const char *expected, const char *comp
     return answer->code = at_classify(answer->text, complete_marker);
 }
 
+bool at_ask(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
+            std::string_view *values)
+{
+    at_exchange(command, expected, complete_marker, answer);
+    const Cut line = own_line(answer->view(), expected);
+    *values = line.text;
+    return answer->usable() && line.found;
+}
+
+void take_figures(std::string_view *rest, std::initializer_list<int32_t *> numbers)
+{
+    std::string_view field;
+    for (int32_t *number : numbers) {
+        const uint8_t figure = next_field(rest, &field) ? byte_figure(field) : BYTE_ABSENT;
+        if (figure != BYTE_ABSENT)
+            *number = figure;
+    }
+}
+
 result_t at_send_setter(const char *command, uint32_t timeout_ms)
 {
     AtAnswer answer;

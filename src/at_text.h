@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 
@@ -53,6 +54,10 @@ struct AtAnswer {
 // RESULT_ERROR; request's -1 gives RESULT_REQUEST_FAILED.
 result_t at_exchange(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
                      uint32_t timeout_ms = AT_TIMEOUT_MS);
+// The same, and what stands behind `expected` in the answer's first line that begins so. False when the answer is not
+// usable or has no such line.
+bool at_ask(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
+            std::string_view *values);
 // at_exchange for a command that has no value to read. Refused commands give RESULT_ERROR, nothing is sent.
 result_t at_send_setter(AtCommand *command, const char *function, uint32_t timeout_ms = AT_TIMEOUT_MS);
 result_t at_send_setter(const char *command, uint32_t timeout_ms = AT_TIMEOUT_MS);
@@ -100,6 +105,8 @@ int32_t leading_int(std::string_view text);
 constexpr uint8_t BYTE_ABSENT = 255;
 // Value of a field of 0 to `max`; BYTE_ABSENT for one that is missing, not a number or greater.
 uint8_t byte_figure(std::string_view field, uint8_t max = BYTE_ABSENT - 1);
+// Takes a field off *rest for each of the numbers; those whose field is no such figure stay as they are.
+void take_figures(std::string_view *rest, std::initializer_list<int32_t *> numbers);
 // Value of a field of hexadecimal digits (leading blanks allowed); false when there is no digit or more than 64 bits.
 bool parse_hex(std::string_view text, uint64_t *value);
 
