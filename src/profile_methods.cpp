@@ -1,9 +1,8 @@
 #include "profile_methods.h"
 
+#include "at_packet.h"
 #include "profile_store.h"
 #include "waiting.h"
-
-constexpr int32_t DATA_CONTEXT = 1;
 
 static const char *text_or_empty(const char *text)
 {
