@@ -24,11 +24,17 @@ public:
     }
     void *alloc()
     {
-        return pool_queue_alloc(&queue_);
+        void *element;
+        while (!(element = pool_queue_alloc_for(&queue_, UINT32_MAX))) {
+        }
+        return element;
     }
     void *pop()
     {
-        return pool_queue_pop(&queue_);
+        void *element;
+        while (!(element = pool_queue_pop_for(&queue_, UINT32_MAX))) {
+        }
+        return element;
     }
     void *try_pop()
     {

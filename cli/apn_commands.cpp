@@ -205,6 +205,18 @@ static int edit_profile(const Arguments &arguments)
 
 // ---- use, remove
 
+// The profile of that id, and the id as the argument of a call about it.
+static int name_profile(const char *text, CallArguments &message, Reply &profile)
+{
+    int32_t id = 0;
+    int code = take_id(text, &id);
+    if (code == EXIT_DONE)
+        code = fetch_profile(id, profile);
+    if (code == EXIT_DONE)
+        message.number("id", id);
+    return code;
+}
+
 // The daemon tells nothing of the modem's answer, so the modem is asked what it has now.
 static int check_applied(const char *apn)
 {
@@ -229,13 +241,9 @@ static int use_profile(const Arguments &arguments)
     }
     Reply profile;
     CallArguments message;
-    int32_t id = 0;
-    int code = take_id(wanted, &id);
-    if (code == EXIT_DONE)
-        code = fetch_profile(id, profile);
+    int code = name_profile(wanted, message, profile);
     if (code != EXIT_DONE)
         return code;
-    message.number("id", id);
     code = bus_do("select_profile", &message, "apn");
     return code == EXIT_DONE ? check_applied(profile.text("apn")) : code;
 }
@@ -244,14 +252,8 @@ static int remove_profile(const Arguments &arguments)
 {
     Reply profile;
     CallArguments message;
-    int32_t id = 0;
-    int code = take_id(arguments.at(0), &id); // -1 would remove all
-    if (code == EXIT_DONE)
-        code = fetch_profile(id, profile);
-    if (code != EXIT_DONE)
-        return code;
-    message.number("id", id);
-    return bus_do("delete_profile", &message, "apn");
+    int code = name_profile(arguments.at(0), message, profile); // -1 would remove all
+    return code == EXIT_DONE ? bus_do("delete_profile", &message, "apn") : code;
 }
 
 int command_apn(const Arguments &arguments)

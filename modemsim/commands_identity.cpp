@@ -55,30 +55,11 @@ Reply package(Modem &modem, const AtCommand &)
     return reply_line(fmt::format("+GTPKGVER: \"{}\"", modem.state.identity.package));
 }
 
-/// What card commands answer without a usable card; `absent` is the code of a missing card.
-Reply card_error(const Modem &modem, int absent)
-{
-    switch (modem.state.sim.state) {
-    case SimState::absent:
-        return cme(modem, absent);
-    case SimState::pin:
-        return cme(modem, 11);
-    case SimState::puk:
-        return cme(modem, 12);
-    case SimState::blocked:
-        return cme(modem, 13);
-    case SimState::ready:
-        break;
-    }
-    return modem.sim_awake ? reply_ok() : cme(modem, 14);
-}
-
 Reply imsi(Modem &modem, const AtCommand &command)
 {
-    Reply refused = card_error(modem, 10);
-    if (command.form == Form::test || refused.final != "OK")
-        return refused;
-    return identity(command, modem.state.sim.imsi);
+    if (int refusal = card_refusal(modem))
+        return cme(modem, refusal);
+    return command.form == Form::test ? reply_ok() : identity(command, modem.state.sim.imsi);
 }
 
 Reply iccid(Modem &modem, const AtCommand &command)

@@ -43,24 +43,6 @@ int check_puk(Sim &sim, const std::string &puk)
     return 16;
 }
 
-/// The refusal of a command that needs an unlocked card; 0 when the card serves.
-int card_refusal(const Modem &modem)
-{
-    switch (modem.state.sim.state) {
-    case SimState::absent:
-        return 10;
-    case SimState::pin:
-        return 11;
-    case SimState::puk:
-        return 12;
-    case SimState::blocked:
-        return 13;
-    case SimState::ready:
-        return modem.sim_awake ? 0 : 14;
-    }
-    return 0;
-}
-
 Reply pin_state(const Modem &modem)
 {
     if (modem.state.sim.state != SimState::absent && !modem.sim_awake)
@@ -186,6 +168,23 @@ constexpr CommandRow table[] = {
 std::span<const CommandRow> sim_commands()
 {
     return table;
+}
+
+int card_refusal(const Modem &modem)
+{
+    switch (modem.state.sim.state) {
+    case SimState::absent:
+        return 10;
+    case SimState::pin:
+        return 11;
+    case SimState::puk:
+        return 12;
+    case SimState::blocked:
+        return 13;
+    case SimState::ready:
+        return modem.sim_awake ? 0 : 14;
+    }
+    return 0;
 }
 
 } // namespace modemsim

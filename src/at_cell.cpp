@@ -11,11 +11,10 @@
 result_t at_get_rssi(uint8_t *rssi)
 {
     AtAnswer answer;
-    at_exchange("AT+CSQ\r", "+CSQ:", "+CSQ: ", &answer);
-    Cut value = own_line(answer.view(), "+CSQ:");
-    if (!answer.usable() || !value.found)
+    std::string_view rest;
+    if (!at_ask("AT+CSQ\r", "+CSQ:", "+CSQ: ", &answer, &rest))
         return answer.code;
-    uint8_t figure = byte_figure(value.text);
+    uint8_t figure = byte_figure(rest);
     *rssi = figure == BYTE_ABSENT ? RSSI_UNKNOWN : figure;
     return answer.code;
 }
@@ -24,9 +23,8 @@ result_t at_get_extended_signal_quality(ExtendedSignalQuality *quality)
 {
     constexpr uint8_t UNKNOWN = 99; // of the first two, beside their range
     AtAnswer answer;
-    at_exchange("AT+CESQ\r", "+CESQ:", "+CESQ: ", &answer);
-    Cut value = own_line(answer.view(), "+CESQ:");
-    if (!answer.usable() || !value.found)
+    std::string_view rest;
+    if (!at_ask("AT+CESQ\r", "+CESQ:", "+CESQ: ", &answer, &rest))
         return answer.code;
     const struct {
         uint8_t *figure;
@@ -40,7 +38,6 @@ result_t at_get_extended_signal_quality(ExtendedSignalQuality *quality)
                    {&quality->ss_rsrq, NR_RSRQ_MAX},
                    {&quality->ss_rsrp, NR_RSRP_MAX},
                    {&quality->ss_sinr, 127}};
-    std::string_view rest = value.text;
     for (const auto &[figure, max] : figures) {
         std::string_view field; // empty when the answer has no more
         next_field(&rest, &field);
@@ -75,11 +72,10 @@ static void take_optional(uint8_t *given, uint8_t *value, std::string_view field
 result_t at_get_operator_info(OperatorInfo *info)
 {
     AtAnswer answer;
-    at_exchange("AT+COPS?\r", "+COPS:", "+COPS: ", &answer);
-    Cut value = own_line(answer.view(), "+COPS:");
-    if (!answer.usable() || !value.found)
+    std::string_view rest;
+    if (!at_ask("AT+COPS?\r", "+COPS:", "+COPS: ", &answer, &rest))
         return answer.code;
-    std::string_view rest = value.text, field;
+    std::string_view field;
     if (next_field(&rest, &field))
         info->mode = byte_figure(field);
     if (next_field(&rest, &field))

@@ -25,13 +25,10 @@ result_t at_get_pcm_loopback_state(uint8_t *enabled)
 {
     constexpr const char *MARKER = "+GTPCMLOOPBACK:";
     AtAnswer answer;
-    result_t code = at_exchange("AT+GTPCMLOOPBACK?\r", MARKER, MARKER, &answer);
-    if (!answer.usable())
-        return code;
-    std::string_view state = trimmed(own_line(answer.view(), MARKER).text);
-    if (!state.empty())
-        *enabled = state.front() != '0';
-    return code;
+    std::string_view state;
+    if (at_ask("AT+GTPCMLOOPBACK?\r", MARKER, MARKER, &answer, &state) && !trimmed(state).empty())
+        *enabled = trimmed(state).front() != '0';
+    return answer.code;
 }
 
 result_t at_set_pcm_loopback_state(const char *state)

@@ -11,8 +11,6 @@
 #include "waiting.h"
 #include "wanmd.h"
 
-constexpr int32_t DATA_CONTEXT = 1;
-constexpr int32_t IMS_CONTEXT = 2;
 constexpr int32_t FAMILY_IPV4 = 0;
 constexpr int32_t FAMILY_IPV6 = 2;
 constexpr int32_t FAMILY_IPV4V6 = 3;

@@ -1,5 +1,4 @@
-// PDP contexts, data calls and what goes with them. Context 1 carries the internet connection, context 2 the IMS
-// connection.
+// PDP contexts, data calls and what goes with them.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +8,9 @@
 #include "result.h"
 
 struct ApnProfile;
+
+constexpr int32_t DATA_CONTEXT = 1; // carries the internet connection
+constexpr int32_t IMS_CONTEXT = 2;
 
 struct RmnetCallRequest {
     uint8_t action; // 1 start, 0 stop

@@ -251,16 +251,10 @@ static bool write_bands(std::span<char> bands, std::string_view codes)
 result_t at_get_current_rat_and_band(RatAndBand *current, std::span<char> bands)
 {
     AtAnswer answer;
-    at_exchange("AT+GTACT?\r", "+GTACT:", "+GTACT:", &answer);
-    Cut value = own_line(answer.view(), "+GTACT:");
-    if (!answer.usable() || !value.found)
+    std::string_view rest;
+    if (!at_ask("AT+GTACT?\r", "+GTACT:", "+GTACT:", &answer, &rest))
         return answer.code;
-    std::string_view rest = value.text, field;
-    for (int32_t *number : {&current->rat, &current->pref_act1, &current->pref_act2}) {
-        uint8_t figure = next_field(&rest, &field) ? byte_figure(field) : BYTE_ABSENT;
-        if (figure != BYTE_ABSENT)
-            *number = figure;
-    }
+    take_figures(&rest, {&current->rat, &current->pref_act1, &current->pref_act2});
     if (!bands.empty() && !write_bands(bands, rest)) {
         log_error("band list too long");
         return RESULT_ERROR;

@@ -40,26 +40,19 @@ result_t at_get_remaining_pin_retries(const char *selection, PinRetries *retries
 result_t at_get_sim_remaining_attempts(int32_t *pin, int32_t *puk)
 {
     AtAnswer answer;
-    at_exchange("AT+TPIN?\r", "+TPIN:", "+TPIN: ", &answer);
-    Cut value = own_line(answer.view(), "+TPIN:");
-    if (!answer.usable() || !value.found)
+    std::string_view rest;
+    if (!at_ask("AT+TPIN?\r", "+TPIN:", "+TPIN: ", &answer, &rest))
         return answer.code;
-    std::string_view rest = value.text, field;
-    for (int32_t *count : {pin, puk}) {
-        uint8_t figure = next_field(&rest, &field) ? byte_figure(field) : BYTE_ABSENT;
-        if (figure != BYTE_ABSENT)
-            *count = figure;
-    }
+    take_figures(&rest, {pin, puk});
     return answer.code;
 }
 
 result_t at_get_sim_lock_status(uint8_t *enabled)
 {
     AtAnswer answer;
-    at_exchange("AT+CLCK=\"SC\",2\r", "+CLCK:", "+CLCK:", &answer);
-    Cut value = own_line(answer.view(), "+CLCK:");
-    if (answer.usable() && value.found)
-        *enabled = trimmed(value.text).starts_with('1');
+    std::string_view state;
+    if (at_ask("AT+CLCK=\"SC\",2\r", "+CLCK:", "+CLCK:", &answer, &state))
+        *enabled = trimmed(state).starts_with('1');
     return answer.code;
 }
 

@@ -152,6 +152,15 @@ result_t at_exchange(const char *command, const char *expected, const char *comp
     return answer->code = at_classify(answer->text, complete_marker);
 }
 
+bool at_ask(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
+            std::string_view *values)
+{
+    at_exchange(command, expected, complete_marker, answer);
+    const Cut line = own_line(answer->view(), expected);
+    *values = line.text;
+    return answer->usable() && line.found;
+}
+
 result_t at_send_setter(const char *command, uint32_t timeout_ms)
 {
     AtAnswer answer;

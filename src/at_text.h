@@ -54,6 +54,10 @@ struct AtAnswer {
 // RESULT_ERROR; request's -1 gives RESULT_REQUEST_FAILED.
 result_t at_exchange(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
                      uint32_t timeout_ms = AT_TIMEOUT_MS);
+// The same, and what stands behind `expected` in the answer's first line that begins so. False when the answer is not
+// usable or has no such line.
+bool at_ask(const char *command, const char *expected, const char *complete_marker, AtAnswer *answer,
+            std::string_view *values);
 // at_exchange for a command that has no value to read. Refused commands give RESULT_ERROR, nothing is sent.
 result_t at_send_setter(AtCommand *command, const char *function, uint32_t timeout_ms = AT_TIMEOUT_MS);
 result_t at_send_setter(const char *command, uint32_t timeout_ms = AT_TIMEOUT_MS);

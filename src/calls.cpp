@@ -19,6 +19,7 @@ extern "C" {
 #include "handler.h"
 #include "link.h"
 #include "log.h"
+#include "mutex_lock.h"
 #include "result.h"
 #include "waiting.h"
 
@@ -67,17 +68,8 @@ static bool worker_started;
 // What the calling thread is at.
 static thread_local const MethodRow *arriving; // a call has come and may be put aside
 
-struct CallsLock {
-    CallsLock()
-    {
-        pthread_mutex_lock(&calls_mutex);
-    }
-    ~CallsLock()
-    {
-        pthread_mutex_unlock(&calls_mutex);
-    }
-    CallsLock(const CallsLock &) = delete;
-    CallsLock &operator=(const CallsLock &) = delete;
+struct CallsLock : MutexLock {
+    CallsLock() : MutexLock(&calls_mutex) {}
 };
 
 int serve_call(const MethodRow &row, struct ubus_context *ctx, struct ubus_object *obj, struct ubus_request_data *req,

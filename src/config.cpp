@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <strings.h>
 
 #include <cjson/cJSON.h>
@@ -75,13 +76,31 @@ static void read_number(const cJSON *settings, const char *key, uint32_t *value)
 }
 
 // The place of `text` among the names, or -1.
-static int index_of(const char *text, const char *const names[], int count, bool exact)
+static int index_of(const char *text, std::span<const char *const> names)
 {
-    for (int i = 0; i < count; i++) {
-        if ((exact ? strcmp(text, names[i]) : strcasecmp(text, names[i])) == 0)
-            return i;
+    for (size_t i = 0; i < names.size(); i++) {
+        if (strcasecmp(text, names[i]) == 0)
+            return static_cast<int>(i);
     }
     return -1;
+}
+
+// *value becomes the place of a member's text among the names; without the member it stays. -1, after a log line that
+// names the `supported` ones, for any other text.
+static int read_choice(const cJSON *settings, const char *key, std::span<const char *const> names, const char *what,
+                       const char *supported, uint32_t *value)
+{
+    const cJSON *item = cJSON_GetObjectItem(settings, key);
+    if (!cJSON_IsString(item))
+        return 0;
+    int index = index_of(item->valuestring, names);
+    if (index < 0) {
+        CELMUX_LOG(LOG_ERR, "invalid %s setting: %s(only support %s)", "parse_settings", what, item->valuestring,
+                   supported);
+        return -1;
+    }
+    *value = static_cast<uint32_t>(index);
+    return 0;
 }
 
 static int parse_serial(const cJSON *settings)
@@ -92,37 +111,13 @@ static int parse_serial(const cJSON *settings)
 
     read_number(settings, "serial_speed", &settings_g.serial_speed);
     read_number(settings, "serial_databits", &settings_g.serial_databits);
-    const cJSON *item = cJSON_GetObjectItem(settings, "serial_stopbits");
-    if (cJSON_IsString(item)) {
-        int index = index_of(item->valuestring, stopbits, 3, true);
-        if (index < 0) {
-            CELMUX_LOG(LOG_ERR, "invalid stop bit setting: %s(only support \"1\",\"1.5\",\"2\")", "parse_settings",
-                       item->valuestring);
-            return -1;
-        }
-        settings_g.serial_stopbits = static_cast<uint32_t>(index);
-    }
-    item = cJSON_GetObjectItem(settings, "serial_parity");
-    if (cJSON_IsString(item)) {
-        int index = index_of(item->valuestring, parities, 5, false);
-        if (index < 0) {
-            CELMUX_LOG(LOG_ERR, "invalid parity setting: %s(only support \"none\",\"even\",\"odd\",\"mark\",\"space\")",
-                       "parse_settings", item->valuestring);
-            return -1;
-        }
-        settings_g.serial_parity = static_cast<uint32_t>(index);
-    }
-    item = cJSON_GetObjectItem(settings, "serial_flowcontrol");
-    if (cJSON_IsString(item)) {
-        int index = index_of(item->valuestring, flowcontrols, 3, false);
-        if (index < 0) {
-            CELMUX_LOG(LOG_ERR, "invalid flowcontrol setting: %s(only support \"software\",\"hardware\")",
-                       "parse_settings", item->valuestring);
-            return -1;
-        }
-        settings_g.serial_flowcontrol = static_cast<uint32_t>(index);
-    }
-    return 0;
+    if (read_choice(settings, "serial_stopbits", stopbits, "stop bit", R"("1","1.5","2")",
+                    &settings_g.serial_stopbits) != 0 ||
+        read_choice(settings, "serial_parity", parities, "parity", R"("none","even","odd","mark","space")",
+                    &settings_g.serial_parity) != 0)
+        return -1;
+    return read_choice(settings, "serial_flowcontrol", flowcontrols, "flowcontrol", R"("software","hardware")",
+                       &settings_g.serial_flowcontrol);
 }
 
 int parse_settings()
@@ -146,7 +141,7 @@ int parse_settings()
         return -1;
     }
     static const char *const types[] = {"file", "serial"};
-    int index = index_of(type->valuestring, types, 2, false);
+    int index = index_of(type->valuestring, types);
     if (index < 0) {
         log_error("invalid port type: %s(only support \"file\",\"serial\")", type->valuestring);
         return -1;

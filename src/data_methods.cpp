@@ -165,12 +165,12 @@ static int reply_apn(struct ubus_context *ctx, struct ubus_request_data *req, in
 
 int handle_get_current_apn(HANDLER_ARGUMENTS)
 {
-    return reply_apn(ctx, req, 1, "Unavailable");
+    return reply_apn(ctx, req, DATA_CONTEXT, "Unavailable");
 }
 
 int handle_get_current_ims_apn(HANDLER_ARGUMENTS)
 {
-    return reply_apn(ctx, req, 2, "");
+    return reply_apn(ctx, req, IMS_CONTEXT, "");
 }
 
 int handle_check_connectivity(HANDLER_ARGUMENTS)

@@ -8,6 +8,7 @@
 
 #include "file_ops.h"
 #include "message_record.h"
+#include "mutex_lock.h"
 
 // A full store refuses further messages, which then stay on the SIM.
 constexpr uint32_t MOST_MESSAGES = 20000;
@@ -33,17 +34,8 @@ struct MessageArray {
 extern MessageArray message_array; // guarded by message_array_mutex
 extern pthread_mutex_t message_array_mutex;
 
-struct MessageArrayLock {
-    MessageArrayLock()
-    {
-        pthread_mutex_lock(&message_array_mutex);
-    }
-    ~MessageArrayLock()
-    {
-        pthread_mutex_unlock(&message_array_mutex);
-    }
-    MessageArrayLock(const MessageArrayLock &) = delete;
-    MessageArrayLock &operator=(const MessageArrayLock &) = delete;
+struct MessageArrayLock : MutexLock {
+    MessageArrayLock() : MutexLock(&message_array_mutex) {}
 };
 
 // The caller holds the mutex of these; array_append takes the message over when it returns 0, -1 means full or no

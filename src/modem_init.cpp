@@ -21,8 +21,6 @@
 #include "waiting.h"
 
 constexpr int TRIES = 3;
-constexpr int32_t DATA_CONTEXT = 1;
-constexpr int32_t IMS_CONTEXT = 2;
 
 // A setting with its guard: `command` is sent; when its answer holds `marker` (set_if ABSENT: does not hold it),
 // `setting` follows.

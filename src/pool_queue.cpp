@@ -3,10 +3,7 @@
 
 #include "pool_queue.h"
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "waiting.h"
@@ -22,8 +19,6 @@ struct Ring {
     std::atomic<int32_t> *count;
     std::atomic<uint32_t> *take_index;
     std::atomic<uint32_t> *give_index;
-    std::atomic<uint32_t> *waiters;
-    sem_t *sem;
     std::atomic<uint32_t> *event;
     std::atomic<uint32_t> *event_waiters;
 };
@@ -31,25 +26,14 @@ struct Ring {
 
 static Ring free_ring_of(PoolQueue *q)
 {
-    return {q->free_ring,      q->capacity,      q->capacity, &q->free_count, &q->alloc_index,
-            &q->release_index, &q->free_waiters, q->free_sem, &q->free_event, &q->free_event_waiters};
+    return {q->free_ring,    q->capacity,       q->capacity,    &q->free_count,
+            &q->alloc_index, &q->release_index, &q->free_event, &q->free_event_waiters};
 }
 
 static Ring msg_ring_of(PoolQueue *q)
 {
-    return {q->msg_ring,    q->capacity,     0,          &q->msg_count, &q->pop_index,
-            &q->push_index, &q->msg_waiters, q->msg_sem, &q->msg_event, &q->msg_event_waiters};
-}
-
-// Takes one off a counter of waiters unless it is 0 already, so that two givers never make it wrap.
-static bool retract(std::atomic<uint32_t> *waiters)
-{
-    uint32_t seen = waiters->load();
-    while (seen != 0) {
-        if (waiters->compare_exchange_weak(seen, seen - 1))
-            return true;
-    }
-    return false;
+    return {q->msg_ring,   q->capacity,          0, &q->msg_count, &q->pop_index, &q->push_index,
+            &q->msg_event, &q->msg_event_waiters};
 }
 
 // Takes one off the count. Never below 0, not even for a moment: two threads whose last tries before they sleep overlap
@@ -99,28 +83,9 @@ static void give(const Ring &ring, void *element)
         usleep(SPIN_US);
     slot.store(reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(element) + turn), std::memory_order_release);
     ring.count->fetch_add(1);
-    if (retract(ring.waiters))
-        sem_post(ring.sem);
     ring.event->fetch_add(1);
     if (ring.event_waiters->load() != 0)
         wake_word(ring.event);
-}
-
-static void *take(const Ring &ring)
-{
-    for (;;) {
-        void *element = try_take(ring);
-        if (element)
-            return element;
-        ring.waiters->fetch_add(1);
-        element = try_take(ring);
-        if (element) {
-            (void)retract(ring.waiters); // 0 already: a giver has posted for us, and some sleeper retries once
-            return element;
-        }
-        while (sem_wait(ring.sem) == -1 && errno == EINTR) {
-        }
-    }
 }
 
 // `woken` ends the wait without an element when the event moved but nothing was there to take.
@@ -145,36 +110,6 @@ static void *take_for(const Ring &ring, uint32_t timeout_ms, bool end_when_woken
     }
 }
 
-// The embedded unnamed semaphore, or where the system has none a named one that leaves no name behind.
-static sem_t *open_semaphore(sem_t *embedded, const void *name_part)
-{
-    int status;
-    do {
-        status = sem_init(embedded, 0, 0);
-    } while (status == -1 && errno == EINTR);
-    if (status == 0)
-        return embedded;
-
-    char name[128];
-    snprintf(name, sizeof name, "%d_%p", static_cast<int>(getpid()), name_part);
-    sem_t *named;
-    do {
-        named = sem_open(name, O_CREAT | O_EXCL, 0600, 0);
-    } while (named == SEM_FAILED && errno == EINTR);
-    if (named == SEM_FAILED)
-        return nullptr;
-    sem_unlink(name);
-    return named;
-}
-
-static void close_semaphore(sem_t *sem, sem_t *embedded)
-{
-    if (sem == embedded)
-        sem_destroy(sem);
-    else if (sem)
-        sem_close(sem);
-}
-
 static uint32_t next_power_of_two(uint32_t value)
 {
     value--;
@@ -195,9 +130,7 @@ int pool_queue_init(PoolQueue *queue, uint32_t element_size, uint32_t capacity)
     queue->storage = static_cast<unsigned char *>(calloc(queue->capacity, queue->elem_size));
     queue->free_ring = new_ring(queue->capacity);
     queue->msg_ring = new_ring(queue->capacity);
-    queue->free_sem = open_semaphore(&queue->free_sem_embedded, &queue->free_sem_embedded);
-    queue->msg_sem = open_semaphore(&queue->msg_sem_embedded, queue);
-    if (!queue->storage || !queue->free_ring || !queue->msg_ring || !queue->free_sem || !queue->msg_sem) {
+    if (!queue->storage || !queue->free_ring || !queue->msg_ring) {
         pool_queue_destroy(queue);
         return -1;
     }
@@ -206,23 +139,19 @@ int pool_queue_init(PoolQueue *queue, uint32_t element_size, uint32_t capacity)
     queue->free_count = static_cast<int32_t>(queue->capacity);
     queue->msg_count = 0;
     for (std::atomic<uint32_t> *counter :
-         {&queue->free_waiters, &queue->free_event, &queue->free_event_waiters, &queue->alloc_index,
-          &queue->release_index, &queue->msg_waiters, &queue->msg_event, &queue->msg_event_waiters, &queue->pop_index,
-          &queue->push_index})
+         {&queue->free_event, &queue->free_event_waiters, &queue->alloc_index, &queue->release_index, &queue->msg_event,
+          &queue->msg_event_waiters, &queue->pop_index, &queue->push_index})
         counter->store(0);
     return 0;
 }
 
 void pool_queue_destroy(PoolQueue *queue)
 {
-    close_semaphore(queue->free_sem, &queue->free_sem_embedded);
-    close_semaphore(queue->msg_sem, &queue->msg_sem_embedded);
     free(queue->storage);
     free(queue->free_ring);
     free(queue->msg_ring);
     queue->storage = nullptr;
     queue->free_ring = queue->msg_ring = nullptr;
-    queue->free_sem = queue->msg_sem = nullptr;
 }
 
 void *pool_queue_try_alloc(PoolQueue *queue)
@@ -233,11 +162,6 @@ void *pool_queue_try_alloc(PoolQueue *queue)
 void *pool_queue_alloc_for(PoolQueue *queue, uint32_t timeout_ms)
 {
     return take_for(free_ring_of(queue), timeout_ms, false);
-}
-
-void *pool_queue_alloc(PoolQueue *queue)
-{
-    return take(free_ring_of(queue));
 }
 
 void pool_queue_release(PoolQueue *queue, void *element)
@@ -258,11 +182,6 @@ void *pool_queue_try_pop(PoolQueue *queue)
 void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms)
 {
     return take_for(msg_ring_of(queue), timeout_ms, true);
-}
-
-void *pool_queue_pop(PoolQueue *queue)
-{
-    return take(msg_ring_of(queue));
 }
 
 void pool_queue_wake(PoolQueue *queue)

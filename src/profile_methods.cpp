@@ -1,12 +1,11 @@
 #include "profile_methods.h"
 
+#include "at_packet.h"
 #include "calls.h"
 #include "handler.h"
 #include "log.h"
 #include "profile_store.h"
 #include "waiting.h"
-
-constexpr int32_t DATA_CONTEXT = 1;
 
 static const char *text_or_empty(const char *text)
 {

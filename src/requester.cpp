@@ -12,6 +12,7 @@
 #include "log.h"
 #include "message_index.h"
 #include "modem_init.h"
+#include "mutex_lock.h"
 #include "queues.h"
 #include "request.h"
 #include "shell.h"
@@ -32,17 +33,8 @@ static pthread_mutex_t connect_mutex = PTHREAD_MUTEX_INITIALIZER;
 static timespec g_connect_start_t; // when the attempt began
 static uint32_t connect_attempt;   // counts the attempts
 
-struct ConnectLock {
-    ConnectLock()
-    {
-        pthread_mutex_lock(&connect_mutex);
-    }
-    ~ConnectLock()
-    {
-        pthread_mutex_unlock(&connect_mutex);
-    }
-    ConnectLock(const ConnectLock &) = delete;
-    ConnectLock &operator=(const ConnectLock &) = delete;
+struct ConnectLock : MutexLock {
+    ConnectLock() : MutexLock(&connect_mutex) {}
 };
 
 void begin_connect_watch()

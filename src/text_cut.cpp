@@ -108,6 +108,16 @@ uint8_t byte_figure(std::string_view field, uint8_t max)
     return value <= max ? static_cast<uint8_t>(value) : BYTE_ABSENT;
 }
 
+void take_figures(std::string_view *rest, std::initializer_list<int32_t *> numbers)
+{
+    std::string_view field;
+    for (int32_t *number : numbers) {
+        const uint8_t figure = next_field(rest, &field) ? byte_figure(field) : BYTE_ABSENT;
+        if (figure != BYTE_ABSENT)
+            *number = figure;
+    }
+}
+
 static int hex_digit(char c)
 {
     if (c >= '0' && c <= '9')

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 
@@ -46,6 +47,8 @@ int32_t leading_int(std::string_view text);
 constexpr uint8_t BYTE_ABSENT = 255;
 // Value of a field of 0 to `max`; BYTE_ABSENT for one that is missing, not a number or greater.
 uint8_t byte_figure(std::string_view field, uint8_t max = BYTE_ABSENT - 1);
+// Takes a field off *rest for each of the numbers; those whose field is no such figure stay as they are.
+void take_figures(std::string_view *rest, std::initializer_list<int32_t *> numbers);
 // Value of a field of hexadecimal digits (leading blanks allowed); false when there is no digit or more than 64 bits.
 bool parse_hex(std::string_view text, uint64_t *value);
 

@@ -18,13 +18,7 @@ void write_be(void *to, uint64_t value, size_t size)
 
 uint64_t read_be(const blob_attr *attr, size_t size)
 {
-    if (blob_len(attr) < size)
-        return 0;
-    auto *bytes = static_cast<const uint8_t *>(blob_data(attr));
-    uint64_t value = 0;
-    for (size_t i = 0; i < size; i++)
-        value = (value << 8) | bytes[i];
-    return value;
+    return blob_len(attr) < size ? 0 : blob_read_be(blob_data(attr), size);
 }
 
 void set_header(blob_attr *attr, unsigned int id, size_t raw_len)

@@ -48,13 +48,7 @@ int blob_type_of(int type)
 
 uint64_t value(const blob_attr *attr, size_t size)
 {
-    if (blobmsg_data_len(attr) < size)
-        return 0;
-    auto *bytes = static_cast<const uint8_t *>(blobmsg_data(attr));
-    uint64_t result = 0;
-    for (size_t i = 0; i < size; i++)
-        result = (result << 8) | bytes[i];
-    return result;
+    return blobmsg_data_len(attr) < size ? 0 : blob_read_be(blobmsg_data(attr), size);
 }
 
 // Appends the attribute with its name; null and nothing added when it does not fit.

@@ -79,6 +79,8 @@ private:
     int send_client_event(bus_client &client, blob_attr *data);
     void pass_answer(bus_client &client, bus_message &message, blob_attr **tb);
 
+    // The object of the request, which is to be the client's own.
+    int find_subscriber(bus_client &client, blob_attr **tb, bus_object **subscriber);
     int resolve_type(bus_client &client, blob_attr **tb, std::shared_ptr<bus_object_type> &type);
     int forward_call(bus_client &client, const message_header &header, blob_attr **tb, const bus_object &object);
     void end_subscription(bus_object &subscriber, bus_object &target);

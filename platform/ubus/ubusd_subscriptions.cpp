@@ -13,15 +13,22 @@ void remove_one(std::vector<uint32_t> &ids, uint32_t id)
 
 } // namespace
 
-int broker::handle_subscribe(bus_client &client, blob_attr **tb)
+int broker::find_subscriber(bus_client &client, blob_attr **tb, bus_object **subscriber)
 {
     if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_TARGET])
         return UBUS_STATUS_INVALID_ARGUMENT;
-    auto subscriber = objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
-    if (subscriber == objects.end())
+    auto found = objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
+    if (found == objects.end())
         return UBUS_STATUS_NOT_FOUND;
-    if (subscriber->second.owner != &client)
-        return UBUS_STATUS_INVALID_ARGUMENT;
+    *subscriber = &found->second;
+    return found->second.owner == &client ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
+}
+
+int broker::handle_subscribe(bus_client &client, blob_attr **tb)
+{
+    bus_object *subscriber;
+    if (int status = find_subscriber(client, tb, &subscriber))
+        return status;
     auto target = objects.find(blob_get_u32(tb[UBUS_ATTR_TARGET]));
     if (target == objects.end())
         return UBUS_STATUS_NOT_FOUND;
@@ -30,8 +37,8 @@ int broker::handle_subscribe(bus_client &client, blob_attr **tb)
     if (client.subscription_count >= subscriptions_per_client_max)
         return UBUS_STATUS_NO_MEMORY;
     client.subscription_count++;
-    subscriber->second.targets.push_back(target->first);
-    target->second.subscribers.push_back(subscriber->first);
+    subscriber->targets.push_back(target->first);
+    target->second.subscribers.push_back(subscriber->id);
     if (target->second.subscribers.size() == 1)
         send_active(target->second);
     return UBUS_STATUS_OK;
@@ -39,17 +46,13 @@ int broker::handle_subscribe(bus_client &client, blob_attr **tb)
 
 int broker::handle_unsubscribe(bus_client &client, blob_attr **tb)
 {
-    if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_TARGET])
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    auto subscriber = objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
-    if (subscriber == objects.end())
-        return UBUS_STATUS_NOT_FOUND;
-    if (subscriber->second.owner != &client)
-        return UBUS_STATUS_INVALID_ARGUMENT;
+    bus_object *subscriber;
+    if (int status = find_subscriber(client, tb, &subscriber))
+        return status;
     const uint32_t target = blob_get_u32(tb[UBUS_ATTR_TARGET]);
-    if (std::ranges::count(subscriber->second.targets, target) == 0)
+    if (std::ranges::count(subscriber->targets, target) == 0)
         return UBUS_STATUS_NOT_FOUND;
-    end_subscription(subscriber->second, objects.at(target));
+    end_subscription(*subscriber, objects.at(target));
     return UBUS_STATUS_OK;
 }
 

@@ -54,9 +54,11 @@ struct lookup {
         text = call.args[0];
         return uci_lookup_ptr(call.ctx, &ptr, text.data(), true);
     }
-    bool complete() const
+    // As run, for what is to be there.
+    int find(const invocation &call)
     {
-        return (ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) != 0;
+        int err = run(call);
+        return err == UCI_OK && (ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) == 0 ? UCI_ERR_NOTFOUND : err;
     }
 };
 
@@ -78,11 +80,9 @@ static std::string joined(uci_option *o, bool in_quotes)
 static int get(invocation &call)
 {
     lookup found;
-    int err = found.run(call);
+    int err = found.find(call);
     if (err != UCI_OK)
         return report(call, err);
-    if (!found.complete())
-        return report(call, UCI_ERR_NOTFOUND);
     if (!found.ptr.s)
         return report(call, UCI_ERR_INVAL);
     if (found.ptr.o)
@@ -184,11 +184,9 @@ static int show(invocation &call)
 {
     if (!call.args.empty()) {
         lookup found;
-        int err = found.run(call);
+        int err = found.find(call);
         if (err != UCI_OK)
             return report(call, err);
-        if (!found.complete())
-            return report(call, UCI_ERR_NOTFOUND);
         show_package(found.ptr.p, found.ptr.s, found.ptr.o);
         return 0;
     }

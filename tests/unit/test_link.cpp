@@ -255,7 +255,7 @@ TEST_F(LinkTest, ListenerCutsALineWithoutEndAtItsLimit)
 // Puts a text on its way to the port, as the link does with what belongs to no command.
 void queue_text(const char *text)
 {
-    TextElem *element = static_cast<TextElem *>(pool_queue_alloc(&at_tx_queue));
+    TextElem *element = static_cast<TextElem *>(pool_queue_try_alloc(&at_tx_queue));
     *element = {strdup(text), static_cast<uint32_t>(strlen(text)), 0};
     pool_queue_push(&at_tx_queue, element);
 }
@@ -329,7 +329,7 @@ struct AnswerTest : LinkTest {
     }
     static void burst(const std::string &text)
     {
-        TextElem *element = static_cast<TextElem *>(pool_queue_alloc(&at_rx_queue));
+        TextElem *element = static_cast<TextElem *>(pool_queue_try_alloc(&at_rx_queue));
         *element = {strdup(text.c_str()), 1024};
         pool_queue_push(&at_rx_queue, element);
     }

@@ -51,10 +51,18 @@ struct blob_buf {
     void *buf;
 };
 
-static inline uint32_t blob_read_be32(const void *p)
+static inline uint64_t blob_read_be(const void *p, size_t size)
 {
     const uint8_t *b = (const uint8_t *)p;
-    return ((uint32_t)b[0] << 24) | ((uint32_t)b[1] << 16) | ((uint32_t)b[2] << 8) | (uint32_t)b[3];
+    uint64_t value = 0;
+    for (size_t i = 0; i < size; i++)
+        value = (value << 8) | b[i];
+    return value;
+}
+
+static inline uint32_t blob_read_be32(const void *p)
+{
+    return (uint32_t)blob_read_be(p, sizeof(uint32_t));
 }
 
 static inline void *blob_data(const struct blob_attr *attr)
