@@ -17,8 +17,10 @@ TEST_F(Uci, TwoProcessesThatAddSectionsDoNotMixThem)
             if (uci_load(u.ctx, "p", &p) || uci_add_section(u.ctx, p, "profile", &s) || uci_save(u.ctx, p))
                 return 1;
             std::string name = "p." + std::string(s->e.name);
-            if (u.change(uci_set, name + ".apn=" + std::to_string(writer)) || uci_commit(u.ctx, &p, false))
+            if (u.change(uci_set, name + ".apn=" + std::to_string(writer)))
                 return 2;
+            if ((i % 2 && u.save() != UCI_OK) || u.commit() != UCI_OK)
+                return 3;
         }
         return 0;
     });
@@ -68,9 +70,9 @@ TEST_F(Uci, RefusesWhatIsNoFile)
 TEST_F(Uci, LoadsTenMegabytesOfAnyShape)
 {
     constexpr size_t size = 10000000;
-    auto repeated = [](std::string text, const char *before, const char *behind) {
+    auto repeated = [](std::string text, const std::string &line, const char *behind_number = nullptr) {
         for (int i = 0; text.size() < size; i++)
-            text += before + std::to_string(i) + behind;
+            text += behind_number ? line + std::to_string(i) + behind_number : line;
         return text;
     };
     const struct {
@@ -79,8 +81,8 @@ TEST_F(Uci, LoadsTenMegabytesOfAnyShape)
     } rows[] = {
         {repeated("config t s\n", "option o", " v\n"), "p.s.o0"},
         {repeated("", "config t n", "\n option a b\n"), "p.n0.a"},
-        {repeated("", "config t #", "\n"), "p.@t[-1]"},
-        {repeated("config t s\n", "list l ", "\n"), "p.s.l"},
+        {repeated("", "config t\n"), "p.@t[-1]"},
+        {repeated("config t s\n", "list l v\n"), "p.s.l"},
         {"config t s\n option o '" + std::string(size, '\'') + "x'\n", "p.s.o"},
     };
     for (const auto &row : rows) {
