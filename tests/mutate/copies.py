@@ -20,9 +20,9 @@ timeout -s KILL "$limit" "$@"
 exit $?
 """
 PLACED = 'mount --bind "$1" "$2" && cd "$2" && shift 2 && exec "$@"'
-UNSHARE = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"] + (
-    [] if os.geteuid() == 0 else ["--user", "--map-root-user"])
-CONFIGURE = ["cmake", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DCELMUX_PLATFORM=bundled", "-DBUILD_SHARED_LIBS=ON",
+UNSHARE = ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc",
+           *([] if os.geteuid() == 0 else ["--user", "--map-root-user"])]
+CONFIGURE = ["cmake", "-G", "Ninja", "-DCELMUX_PLATFORM=bundled", "-DBUILD_SHARED_LIBS=ON",
              "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
 # `a || b && c` without brackets is what a fault makes, no fault of ours.
 NO_ERRORS = "-Wno-error=parentheses"
@@ -71,7 +71,7 @@ class Outcome:
     def __init__(self, status, seconds, limit, output):
         self.seconds = seconds
         self.output = output
-        failed = re.findall(r"^\[  FAILED  \] ([\w/.]+)", output, re.MULTILINE)
+        failed = re.findall(r"^\[  FAILED  \] (\w[\w/]*\.[\w/]+)", output, re.MULTILINE)
         begun = re.findall(r"^\[ RUN      \] ([\w/.]+)", output, re.MULTILINE)
         self.how = "ok" if status == 0 else "time-out" if seconds >= limit else "failed"
         names = failed or begun[-1:] or ["(before the first test)"]
@@ -136,8 +136,8 @@ def find_tests(copy):
     return [Test(name, entry.get("command") or [str(copy.place / "build" / "tests" / name)]) for name, entry in tests]
 
 
-def configure(copy, folder, flags=""):
-    copy.run(*CONFIGURE, f"-DCMAKE_CXX_FLAGS={NO_ERRORS} {flags}", "-S", ".", "-B", folder)
+def configure(copy, folder, build_type, flags=""):
+    copy.run(*CONFIGURE, f"-DCMAKE_BUILD_TYPE={build_type}", f"-DCMAKE_CXX_FLAGS={NO_ERRORS} {flags}", "-S", ".", "-B", folder)
 
 
 def time_tests(copy, tests, longest):
@@ -156,7 +156,7 @@ def time_tests(copy, tests, longest):
 def find_reach(copy, tests):
     """Which tests run which lines: {path: {line: names of tests}}, from a build of the libraries that counts. A line without an
     entry has no code of its own; of a program that a test starts nothing is known."""
-    configure(copy, "reach", "--coverage -fprofile-update=atomic")
+    configure(copy, "reach", "Debug", "--coverage -fprofile-update=atomic")
     build = copy.folder / "build"
     libraries = [str(path.relative_to(build)) for path in build.rglob("*.so")]
     copy.build(*libraries, folder="reach")
