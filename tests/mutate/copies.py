@@ -172,7 +172,25 @@ def find_reach(copy, tests):
         counted = [str(path.relative_to(copy.folder)) for path in (copy.folder / "reach").rglob("*.gcda")]
         if counted:
             note_lines(copy, reach, test.name, copy.run("gcov", "--json-format", "--stdout", *counted).stdout)
+    add_children(copy, reach, {test.name for test in tests if forks(copy, test)})
     return reach
+
+
+def forks(copy, test):
+    objects = (copy.folder / "build" / "tests" / "CMakeFiles" / f"{test.name}.dir").rglob("*.o")
+    return any(b"\0fork\0" in path.read_bytes() for path in objects)
+
+
+def add_children(copy, reach, forking):
+    """A child that is killed, or ends by _exit(), takes what it has counted with it. Where one may have been, whoever runs a line
+    of a file is taken to run them all."""
+    for path, lines in reach.items():
+        source = copy.folder / path
+        everyone = set().union(*lines.values())
+        if not (source.is_file() and "fork(" in source.read_text()):
+            everyone &= forking
+        for users in lines.values():
+            users |= everyone
 
 
 def note_lines(copy, reach, name, report):
