@@ -137,6 +137,8 @@ static bool parse_change(std::string_view package, std::string_view text, uci_ch
     bool has_option = names.find('.') != std::string_view::npos;
     change.section = take_until(names, '.');
     change.option = names;
+    if (change.kind == change_kind::set && has_value && change.value.empty()) // means as much as none
+        change.kind = change_kind::remove;
     return is_valid_change(change, has_option, has_value);
 }
 

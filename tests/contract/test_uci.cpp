@@ -256,8 +256,12 @@ TEST_F(Uci, AppliesEveryKindOfPendingLine)
     EXPECT_EQ(u.value("p.main.many"), "[b c][d]");
     EXPECT_EQ(u.value("p.@profile[2].apn"), "third");
     EXPECT_EQ(u.value("p.renamed.x"), "bare");
-    put(root / "pending/p", "-p.main.one\n-p.cfg\n-p.main\n");
-    EXPECT_EQ(value("p.main"), "<none>");
+    for (std::string lines : {"-p.main.one\n-p.cfg\n-p.main\n", "p.main.none=''\np.main.one=''\np.main=''\n"}) {
+        put(root / "pending/p", "p.main.one=''\n");
+        EXPECT_EQ(value("p.main.one"), "<none>");
+        put(root / "pending/p", lines);
+        EXPECT_EQ(value("p.main"), "<none>") << lines;
+    }
     put(root / "pending/p", "p.main.one='2'\n");
     ASSERT_EQ(u.commit(), UCI_OK);
     EXPECT_EQ(value("p.main.one"), "2");
