@@ -25,11 +25,6 @@ int change_apply(uci_loaded_package &p, const uci_change &change)
     case change_kind::set:
         if (of_section)
             return section_set_type(*s, change.value) ? UCI_OK : UCI_ERR_MEM;
-        if (change.value.empty()) { // as much as no option
-            if (o)
-                option_remove(p, o);
-            return UCI_OK;
-        }
         return option_set(p, *s, change.option, change.value) ? UCI_OK : UCI_ERR_MEM;
     case change_kind::add_value:
         return option_add_value(p, *s, change.option, change.value) ? UCI_OK : UCI_ERR_MEM;
