@@ -120,7 +120,7 @@ static void process_bytes(const char *data, size_t size)
         data += used;
         size -= used;
         act_on(item);
-    } while (size > 0 || item.kind != LinkItem::Kind::nothing);
+    } while (running.load() && (size > 0 || item.kind != LinkItem::Kind::nothing));
 }
 
 static void process_time()

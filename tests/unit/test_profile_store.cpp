@@ -55,10 +55,10 @@ protected:
 
 static const std::string DONE = R"({"result":0})";
 
-static ApnProfile profile_with(const std::string &apn) // which must outlive it
+static ApnProfile profile_with(const char *apn) // which must outlive it
 {
     ApnProfile record = {};
-    record.apn = apn.c_str();
+    record.apn = apn;
     return record;
 }
 
@@ -109,7 +109,7 @@ TEST_F(Profiles, FailuresOfThePackageAreTheLibrarysCodes)
 TEST_F(Profiles, AValueIsStoredWholeOrTheProfileNotAtAll)
 {
     const std::string longest(UCI_VALUE_MAX, 'a'), too_long = longest + "a";
-    ApnProfile record = profile_with(longest);
+    ApnProfile record = profile_with(longest.c_str());
     EXPECT_EQ(add_profile_section(&record), 0);
     EXPECT_NE(content("profiles").find("'" + longest + "'"), std::string::npos);
     const std::string before = content("profiles");
@@ -207,7 +207,7 @@ TEST_F(Profiles, NothingOfTwoWritersIsLost)
         _exit(add_by_tool(root.path, EACH));
     for (int i = 0; i < EACH; i++) {
         const std::string apn = "ours" + std::to_string(i);
-        ApnProfile record = profile_with(apn);
+        ApnProfile record = profile_with(apn.c_str());
         EXPECT_EQ(add_profile_section(&record), 0);
     }
     int status = 0, of_tool = 0;

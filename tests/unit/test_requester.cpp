@@ -114,6 +114,7 @@ TEST_F(Requester, TheExpectedModemIsInitialised)
         int result;
     } rows[] = {{{std::nullopt, std::nullopt, known}, -1}, {{busy, busy, std::nullopt, busy, busy, known}, 0}};
     for (const auto &row : rows) {
+        TearDown();
         SetUp();
         clear_log();
         running.store(1);
@@ -131,9 +132,7 @@ TEST_F(Requester, TheExpectedModemIsInitialised)
         EXPECT_EQ(g_sms_sweep.load(), 1); // messages came while nobody listened
         EXPECT_EQ(log_count("requester thread exit gracefully", LOG_INFO), 1);
         EXPECT_TRUE(fake_shell.commands.empty());
-        pool_queue_destroy(&incomming_sms_queue);
     }
-    SetUp();
 }
 
 TEST_F(Requester, AnyOtherModemStopsTheDaemon)
