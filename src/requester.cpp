@@ -193,10 +193,12 @@ static bool modem_is_expected()
         AtAnswer answer;
         if (request("AT+CGMI?", &answer.text, "+CGMI:", 1, AT_TIMEOUT_MS) != 0)
             failed++;
-        else if (!answer.has_error("+CME ERROR: 14")) // SIM busy
-            return answer.text && strstr(answer.text, "Fibocom");
-        else
+        else if (answer.usable())
+            return strstr(answer.text, "Fibocom");
+        else if (answer.has_error("+CME ERROR: 14")) // SIM busy
             (void)sleep_while_running(PASS_MS);
+        else
+            failed++; // an error may answer what a daemon that was killed had asked
     }
     CELMUX_LOG(LOG_INFO, "%s failed", "get_modem_manufacturer", "AT+CGMI?");
     return false;

@@ -416,8 +416,10 @@ TEST_P(WhoseAnswerWith, TroubleOfOneKind)
     mix(GetParam().rates, GetParam().exchanges, {1, 3}, asked);
     expect_promise();
     size_t own = 2;
+    std::unique_lock lock(adversary.mutex);
     for (const auto &[number, given] : adversary.given)
         own += given.final == "ERROR"; // may be a stray: the modem is asked once more
+    lock.unlock();
     bool well = GetParam().rates.empty() && counts[right] == static_cast<int>(calls.size());
     EXPECT_TRUE(!well || modem.count("AT+CGMI?") + modem.count("AT+GMM?") <= before + own)
         << "a modem that is well is asked more than callers ask";

@@ -110,9 +110,10 @@ TEST_F(Requester, TheExpectedModemIsInitialised)
 {
     const Answer busy = "\r\n+CME ERROR: 14\r\n", known = ok_answer({"+CGMI: \"Fibocom Wireless Inc.\""});
     struct {
-        std::vector<Answer> answers; // the second one during a scan
+        std::vector<Answer> answers; // of a killed daemon's command, or during a scan
         int result;
-    } rows[] = {{{std::nullopt, std::nullopt, known}, -1}, {{busy, busy, std::nullopt, busy, busy, known}, 0}};
+    } rows[] = {{{std::nullopt, "\r\n+CMS ERROR: 321\r\n", known}, -1},
+                {{busy, busy, std::nullopt, busy, busy, known}, 0}};
     for (const auto &row : rows) {
         TearDown();
         SetUp();
@@ -140,7 +141,7 @@ TEST_F(Requester, AnyOtherModemStopsTheDaemon)
     struct {
         Answer answer;
         size_t tries;
-    } rows[] = {{ok_answer({"+CGMI: \"Quectel\""}), 1}, {"\r\n+CME ERROR: 100\r\n", 1}, {std::nullopt, 3}};
+    } rows[] = {{ok_answer({"+CGMI: \"Quectel\""}), 1}, {"\r\n+CME ERROR: 100\r\n", 3}, {std::nullopt, 3}};
     for (const auto &row : rows) {
         fake_link.reset();
         fake_shell.reset();
