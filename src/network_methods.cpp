@@ -8,6 +8,7 @@
 #include "at_misc.h"
 #include "at_rat.h"
 #include "at_text.h"
+#include "call_limit.h"
 #include "request.h"
 
 int handle_get_operator_info(HANDLER_ARGUMENTS)
@@ -227,7 +228,9 @@ int handle_scan_network(HANDLER_ARGUMENTS)
     log_enter("scan_network");
     if (!g_scanning.load() && call_waits(ctx, req, msg)) // while one runs, the next is refused at once
         return UBUS_STATUS_OK;
-    return reply_result(ctx, req, static_cast<uint32_t>(at_enqueue("AT+COPS=?\r", 0)));
+    uint32_t timeout_ms = AT_TIMEOUT_MS;
+    int result = limit_to_call(&timeout_ms) ? at_enqueue("AT+COPS=?\r", 0) : -1;
+    return reply_result(ctx, req, static_cast<uint32_t>(result));
 }
 
 enum { AT_PASSTHROUGH_AT, AT_PASSTHROUGH_TIMEOUT_MS, AT_PASSTHROUGH_COUNT };
