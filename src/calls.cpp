@@ -90,7 +90,14 @@ static bool turn_is_over(const Call &call, int64_t now)
     return now - call.came_ms >= (link_silent() ? call.own_ms : call.patience_ms);
 }
 
-static void set_over_timer()
+static void wake_worker()
+{
+    work_word.fetch_add(1);
+    wake_word(&work_word);
+}
+
+// Sets the timer to the next moment at which a waiting call may be over. False when none waits.
+static bool set_over_timer()
 {
     int64_t now = monotonic_ms(), next = INT64_MAX;
     {
@@ -104,6 +111,7 @@ static void set_over_timer()
         uloop_timeout_cancel(&over_timer);
     else
         uloop_timeout_set(&over_timer, static_cast<int>(next > now ? next - now : LOOK_AGAIN_MS));
+    return next != INT64_MAX;
 }
 
 static struct blob_attr *copy_of(const struct blob_attr *msg)
@@ -143,9 +151,8 @@ static bool put_aside(struct ubus_context *ctx, struct ubus_request_data *req, s
         call->state = State::waiting;
         waiting_bytes += bytes;
     }
-    work_word.fetch_add(1);
-    wake_word(&work_word);
-    set_over_timer();
+    wake_worker();
+    (void)set_over_timer();
     return true;
 }
 
@@ -156,7 +163,8 @@ bool call_waits(struct ubus_context *ctx, struct ubus_request_data *req, struct 
         return false;
     if (put_aside(ctx, req, msg, own_ms, patience_ms))
         return true;
-    CELMUX_LOG(LOG_ERR, "too many calls wait, %s refused", "ubus_handler", arriving->name);
+    CELMUX_LOG(LOG_ERR, "%s, %s refused", "ubus_handler", stopping ? "the daemon stops" : "too many calls wait",
+               arriving->name);
     if (arriving->kind == Kind::set_up) {
         (void)reply_result(ctx, req, RESULT_REQUEST_FAILED);
         return true;
@@ -318,11 +326,14 @@ static void end_turns(bool all)
     }
 }
 
+// The worker passes over a call whose time is over and sleeps; when the modem has spoken before this thread looks, the
+// call has time again.
 static void tend_calls()
 {
     end_turns(false);
     answer_calls();
-    set_over_timer();
+    if (set_over_timer())
+        wake_worker();
 }
 
 static void on_done(struct uloop_fd *watch, unsigned)
@@ -364,27 +375,34 @@ static bool some_taken()
                        [](const Call &call) { return call.state == State::taken && call.wanted; });
 }
 
+// Of those who call while the daemon stops: refused, or answered if that needs neither modem nor script.
+static void take_in_calls()
+{
+    uloop_cancelled = false; // else libubus reads nothing
+    ubus_handle_event(bus);
+}
+
 void answer_calls_for_stop()
 {
     {
         CallsLock lock;
         stopping = true;
     }
-    work_word.fetch_add(1);
-    wake_word(&work_word);
+    wake_worker();
     end_turns(true);
     const int64_t deadline = monotonic_ms() + STOP_PATIENCE_MS;
     for (;;) {
         bool more = some_taken(); // asked first: what is done after the answers were given needs another look
         answer_calls();
-        int64_t left = deadline - monotonic_ms();
-        if (!more || left <= 0)
-            break;
-        pollfd entry = {done_watch.fd, POLLIN, 0};
-        (void)poll(&entry, 1, static_cast<int>(left)); // a signal only makes the look come early
+        int64_t left = more ? deadline - monotonic_ms() : 0;
+        pollfd entries[] = {{done_watch.fd, POLLIN, 0}, {bus->sock.fd, POLLIN, 0}};
+        (void)poll(entries, 2, left > 0 ? static_cast<int>(left) : 0); // a signal only makes the look come early
+        if (entries[1].revents)
+            take_in_calls();
         uint64_t count;
-        if (read(done_watch.fd, &count, sizeof count) == -1)
-            continue;
+        (void)!read(done_watch.fd, &count, sizeof count); // perhaps nothing is done yet
+        if (left <= 0)
+            break;
     }
     for (Call &call : calls) { // what the worker is at does not end: a script, say
         bool taken = false;

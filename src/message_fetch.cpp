@@ -387,6 +387,12 @@ void fetch_listed(MessageFetch *fetch)
     result_t code = list_in_pdu_mode(fetch, &answer);
     bool listed = code == RESULT_OK || sim_unusable(answer);
     Listing outcome = code == RESULT_OK ? take_listed(fetch, answer) : Listing::nothing;
+    // A modem that shows the same again, although all of it was taken, would be listed without end.
+    uint64_t shown = outcome == Listing::taken ? fingerprint_of(answer.view()) : 0;
+    const bool again = shown != 0 && shown == fetch->last_taken;
+    fetch->last_taken = again ? 0 : shown;
+    if (again)
+        outcome = Listing::failed;
     return_pdu_mode(fetch);
     if (!running.load())
         return;

@@ -16,6 +16,7 @@ struct MessageFetch {
     bool may_list;              // cleared by a listing that failed, until it is tried again
     bool pdu_mode_borrowed;     // the modem was in text mode and is to be put back into it
     bool trouble;               // messages wait on the SIM or in memory: that was logged
+    uint64_t last_taken;        // fingerprint of the last listing if messages were taken from it, else 0
     timespec failed;            // when the last listing did
     uint32_t pause_ms;          // from then on until the next one
 };

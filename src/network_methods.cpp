@@ -8,6 +8,7 @@
 #include "at_misc.h"
 #include "at_rat.h"
 #include "at_text.h"
+#include "call_limit.h"
 #include "calls.h"
 #include "handler.h"
 #include "link.h"
@@ -177,7 +178,9 @@ int handle_scan_network(HANDLER_ARGUMENTS)
 {
     if (!g_scanning.load() && call_waits(ctx, req, msg)) // while one runs, the next is refused at once
         return UBUS_STATUS_OK;
-    return reply_result(ctx, req, static_cast<uint32_t>(at_enqueue("AT+COPS=?\r", 0)));
+    uint32_t timeout_ms = AT_TIMEOUT_MS;
+    int result = limit_to_call(&timeout_ms) ? at_enqueue("AT+COPS=?\r", 0) : -1;
+    return reply_result(ctx, req, static_cast<uint32_t>(result));
 }
 
 const struct blobmsg_policy policy_at_passthrough[] = {

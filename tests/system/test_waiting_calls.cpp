@@ -173,6 +173,7 @@ TEST_F(WaitingCalls, AreSixtyFourAtMost)
     EXPECT_EQ(late.ask("wanmd_disable").result(), request_failed);
     EXPECT_EQ(late.ask("at_passthrough", {{"at", "AT"}}).data,
               json({{"result", -1}, {"resp", "failure to send at command"}}));
+    EXPECT_EQ(late.ask("scan_network").data["result"], -1) << "a scan would have all that wait refused";
     EXPECT_EQ(late.ask("set_sms_message_format", {{"format", 2}}).status, 2);
     EXPECT_EQ(late.ask("get_autoconnect").result(), 0);
     EXPECT_LT(steady_clock::now() - begin, milliseconds(3000));
@@ -217,6 +218,22 @@ TEST_F(WaitingCalls, AllHaveTheirAnswerAtAStop)
     std::optional<ExitStatus> status = daemon.celmuxd().wait_exit(milliseconds(3000));
     ASSERT_TRUE(status.has_value());
     EXPECT_EQ(status->code, 0);
+}
+
+TEST_F(WaitingCalls, MayComeWhileTheStopWaitsForAScript)
+{
+    PipelinedCaller one = caller(), late = caller();
+    root.write_file("/sbin/nvram", "echo > /tmp/hangs; sleep 60\n");
+    (void)one.call("wanmd_disable");
+    ASSERT_TRUE(wait_for([&] { return root.exists("/tmp/hangs"); }));
+    daemon.celmuxd().signal(SIGTERM);
+    std::this_thread::sleep_for(milliseconds(300)); // the event loop has ended
+    auto begin = steady_clock::now();
+    for (const char *method : {"get_autoconnect", "get_imei", "wanmd_enable"})
+        (void)late.call(method);
+    EXPECT_THAT(results(late.answers(3, milliseconds(3000))), ElementsAre(0, request_failed, request_failed));
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(2000));
+    EXPECT_EQ(one.answers(1, milliseconds(3000)).size(), 1U);
 }
 
 TEST_F(WaitingCalls, AreForgottenWithTheirBroker)

@@ -78,7 +78,8 @@ protected:
         static const std::string saved = folder + "/saved";
         uci_access_set_folders(folder.c_str(), saved.c_str());
         sim.clear();
-        text_mode = silent = deaf_to_deletion = false;
+        text_mode = silent = deaf_to_deletion = keeps_all = false;
+        stray.clear();
         next_place = 0;
         fake_link.answer = [this](const std::string &command) { return modem(command); };
         fetch = message_fetch_start();
@@ -123,12 +124,13 @@ protected:
             std::string all = "\r\n";
             for (auto &[index, slot] : sim)
                 all += entry("+CMGL: ", index, slot);
-            return text_mode ? "\r\n+CMS ERROR: 302\r\n" : all + OK;
+            return text_mode ? "\r\n+CMS ERROR: 302\r\n" : all + stray + OK;
         }
         if (deaf_to_deletion)
             return std::nullopt;
         EXPECT_TRUE(command.starts_with("AT+CMGD=")) << command;
-        sim.erase(place);
+        if (!keeps_all)
+            sim.erase(place);
         if (place == next_place) {
             next_place = 0;
             sim[place] = {0, deliver("next")}; // the network waited for room
@@ -182,6 +184,8 @@ protected:
     }();
     std::map<int, Slot> sim;
     bool text_mode, silent, deaf_to_deletion;
+    bool keeps_all;    // the modem says that it deletes, and does not
+    std::string stray; // what it says behind a listing
     int next_place; // gets another message when it is cleared
     MessageFetch fetch;
 };
@@ -333,6 +337,25 @@ TEST_F(MessageFetchTest, AModemThatDoesNotListIsAskedLessAndLess)
     pass(10);
     EXPECT_EQ(fake_link.sent, Lines{"AT+CMGL=4\r"}) << "no SIM";
     EXPECT_EQ(fake_link.timeouts.front(), 10000u);
+}
+
+TEST_F(MessageFetchTest, AListingThatNeverEndsIsAskedForLessAndLess)
+{
+    for (bool lies : {true, false}) {
+        SetUp();
+        keeps_all = lies;
+        stray = lies ? "" : "00112233445566\r\n";
+        sim[1] = {0, deliver("a")};
+        pass(720);
+        EXPECT_EQ(texts(), Lines{"a"});
+        EXPECT_LT(std::count(fake_link.sent.begin(), fake_link.sent.end(), "AT+CMGL=4\r"), 60);
+        EXPECT_EQ(log_count("messages wait: the modem does not let them go", LOG_ERR), 1);
+        keeps_all = false;
+        stray.clear();
+        pass(61);
+        EXPECT_EQ(left(), Places{});
+        EXPECT_EQ(log_count("no messages wait any more", LOG_ERR), 1);
+    }
 }
 
 TEST_F(MessageFetchTest, ADeletionWithoutAnAnswer)

@@ -175,6 +175,12 @@ static inline void ubus_add_uloop(struct ubus_context *ctx)
     uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
 }
 
+/* Serves what has arrived, outside the loop. */
+static inline void ubus_handle_event(struct ubus_context *ctx)
+{
+    ctx->sock.cb(&ctx->sock, ULOOP_READ);
+}
+
 /* The object stays the caller's and must live until it is removed or the context freed. */
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj);
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj);
