@@ -1,4 +1,4 @@
-// What every command of the tool is: a row of the table in commands.cpp and a function. Each family of commands has a
+// What every command of the tool is: a row of the table in commands.h and a function. Each family of commands has a
 // file of its own, <family>_commands.cpp, and a header of the same name that declares its functions.
 #pragma once
 
@@ -62,10 +62,8 @@ struct Command {
     }
 };
 
-// The row of this name, or null.
-const Command *find_command(const char *name);
-// All rows in the order of the help; ends with a row without a function.
-extern const Command commands[];
+// The row of this name, or null. A table ends with a row without a function.
+const Command *find_command(const Command *table, const char *name);
 
 // Says "celmux: ..." and how the command is used on standard error; returns EXIT_USAGE. printf format.
 [[gnu::format(printf, 2, 3)]] int usage_error(const char *command, const char *format, ...);

@@ -1,24 +1,20 @@
 // The table of commands, in the order of the help.
 
-#include "command.h"
-
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include "commands.h"
 
 #include "apn_commands.h"
 #include "connection_commands.h"
 #include "help.h"
 #include "network_commands.h"
-#include "output.h"
 #include "pin_commands.h"
 #include "radio_commands.h"
 #include "sms_commands.h"
 #include "status_commands.h"
-#include "text.h"
 
-Options options = {nullptr, 0, false};
+static int command_help(const Arguments &arguments)
+{
+    return show_help(commands, arguments.count ? arguments.at(0) : nullptr);
+}
 
 const Command commands[] = {
     {"status", 0, command_status,
@@ -186,56 +182,3 @@ const Command commands[] = {
      ""},
     {"", 0, nullptr, nullptr},
 };
-
-const Command *find_command(const char *name)
-{
-    for (const Command *row = commands; row->run; row++)
-        if (strcmp(row->name, name) == 0)
-            return row;
-    return nullptr;
-}
-
-static void say(const char *message, const char *more)
-{
-    char line[512];
-    escape_text(message, line, sizeof(line));
-    output_flush();
-    fprintf(stderr, "celmux: %s%s\n", line, more);
-}
-
-int fail(ExitCode code, const char *format, ...)
-{
-    char message[512];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(message, sizeof(message), format, arguments);
-    va_end(arguments);
-    say(message, "");
-    return code;
-}
-
-int usage_error(const char *command, const char *format, ...)
-{
-    char message[512];
-    int used = command ? snprintf(message, sizeof(message), "%s: ", command) : 0;
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(message + used, sizeof(message) - static_cast<size_t>(used), format, arguments);
-    va_end(arguments);
-    char more[64];
-    snprintf(more, sizeof(more), " (see 'celmux help%s%s')", command ? " " : "", command ? command : "");
-    say(message, more);
-    return EXIT_USAGE;
-}
-
-bool parse_number(const char *text, int32_t lowest, int32_t highest, int32_t *value)
-{
-    size_t length = strlen(text);
-    if (length == 0 || length > 10 || strspn(text, "0123456789") != length)
-        return false;
-    long long number = atoll(text);
-    if (number < lowest || number > highest)
-        return false;
-    *value = static_cast<int32_t>(number);
-    return true;
-}

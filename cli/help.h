@@ -3,7 +3,6 @@
 
 #include "command.h"
 
-// `celmux help [COMMAND]`, `celmux --help`.
-int command_help(const Arguments &arguments);
-// One line: "usage: celmux bands [show | set BANDS]".
-void print_usage_line(const Command &command);
+// Prints the list of all commands of the table, or the help of the one of that name when `name` is not null. An exit
+// status.
+int show_help(const Command *table, const char *name);

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "bus.h"
-#include "command.h"
+#include "commands.h"
 #include "help.h"
 #include "output.h"
 
@@ -69,12 +69,12 @@ static int run(Arguments words)
     if (code != EXIT_DONE)
         return code;
     const char *name = words.count ? words.at(0) : help ? "help" : "status";
-    const Command *command = find_command(name);
+    const Command *command = find_command(commands, name);
     if (!command)
         return usage_error(nullptr, "there is no command %s", name);
     if (help && words.count) {
         output_start(false);
-        return command_help({1, words.values});
+        return show_help(commands, name);
     }
     Arguments rest = words.count ? Arguments{words.count - 1, words.values + 1} : Arguments{0, words.values};
     if (command->most_arguments >= 0 && rest.count > command->most_arguments)

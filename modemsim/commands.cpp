@@ -12,14 +12,4 @@ Reply run_command(Modem &modem, const AtCommand &command)
     return reply_error();
 }
 
-Reply cme(const Modem &modem, int code)
-{
-    return reply_cme(modem.state.settings.cmee, code);
-}
-
-Reply cms(const Modem &modem, int code)
-{
-    return reply_cms(modem.state.settings.cmee, code);
-}
-
 } // namespace modemsim

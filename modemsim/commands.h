@@ -29,16 +29,7 @@ std::span<const CommandRow> call_commands();
 /// Carries one command out. Commands that the modem does not know answer ERROR.
 Reply run_command(Modem &modem, const AtCommand &command);
 
-/// The +CME ERROR of a command that needs an unlocked card; 0 when the card serves.
-int card_refusal(const Modem &modem);
-/// What a short message command answers while the card does not serve; final "OK" when it does.
-Reply sms_card_error(const Modem &modem, const AtCommand &command);
-
 /// The end of AT+CMGS: `data` is the message text without its Ctrl-Z.
 Reply submit_message(Modem &modem, const AtCommand &command, std::string_view data);
-
-/// `+CME ERROR` in the form that the modem is set to.
-Reply cme(const Modem &modem, int code);
-Reply cms(const Modem &modem, int code);
 
 } // namespace modemsim

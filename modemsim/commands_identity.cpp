@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "refusals.h"
+
 namespace modemsim {
 
 namespace {

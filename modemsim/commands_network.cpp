@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include "refusals.h"
+
 namespace modemsim {
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "refusals.h"
+
 namespace modemsim {
 
 namespace {
@@ -168,23 +170,6 @@ constexpr CommandRow table[] = {
 std::span<const CommandRow> sim_commands()
 {
     return table;
-}
-
-int card_refusal(const Modem &modem)
-{
-    switch (modem.state.sim.state) {
-    case SimState::absent:
-        return 10;
-    case SimState::pin:
-        return 11;
-    case SimState::puk:
-        return 12;
-    case SimState::blocked:
-        return 13;
-    case SimState::ready:
-        return modem.sim_awake ? 0 : 14;
-    }
-    return 0;
 }
 
 } // namespace modemsim

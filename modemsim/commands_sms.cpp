@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "refusals.h"
+
 namespace modemsim {
 
 namespace {
@@ -213,27 +215,6 @@ constexpr CommandRow table[] = {
 std::span<const CommandRow> sms_commands()
 {
     return table;
-}
-
-Reply sms_card_error(const Modem &modem, const AtCommand &command)
-{
-    switch (modem.state.sim.state) {
-    case SimState::absent:
-        if (modem.state.behaviour.no_sim == NoSimStyle::fm160 && command.name == "+CMGF")
-            return cme(modem, 10);
-        if (modem.state.behaviour.no_sim == NoSimStyle::fm160 && command.name == "+CPMS")
-            return reply_error();
-        return cms(modem, 310);
-    case SimState::pin:
-        return cms(modem, 311);
-    case SimState::puk:
-        return cms(modem, 316);
-    case SimState::blocked:
-        return cms(modem, 310);
-    case SimState::ready:
-        break;
-    }
-    return modem.sim_awake ? reply_ok() : cms(modem, 314);
 }
 
 Reply submit_message(Modem &modem, const AtCommand &command, std::string_view data)

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <utility>
 
+#include "refusals.h"
+
 namespace modemsim {
 
 namespace {

@@ -1,44 +1,15 @@
 // Bytes become lines; reports are given out at once, prompts and final result codes are acted on.
 
-#include "link_machine.h"
-#include "link_parts.h"
+#include "link_bytes.h"
 
 #include <cstdlib>
 #include <cstring>
 
+#include "link_exchange.h"
+#include "link_judge.h"
+#include "link_queue.h"
+#include "link_step.h"
 #include "text_cut.h"
-
-// Takes the text that has come, up to the end of the last complete line, out of the machine. Null without memory.
-char *take_text(LinkMachine *m)
-{
-    char *text = m->text;
-    if (m->line == m->length) {
-        m->text = nullptr;
-        m->length = m->capacity = m->line = 0;
-        return text;
-    }
-    char *copy = static_cast<char *>(malloc(m->line + 1));
-    if (copy) {
-        memcpy(copy, text, m->line);
-        copy[m->line] = '\0';
-    }
-    m->length -= m->line;
-    memmove(text, text + m->line, m->length + 1);
-    m->line = 0;
-    return copy;
-}
-
-void drop_text(LinkMachine *m)
-{
-    free(take_text(m));
-    m->header_open = false;
-    m->overflow = false;
-}
-
-bool in_exchange(const LinkMachine *m)
-{
-    return m->phase == LinkPhase::sent || m->phase == LinkPhase::confirming;
-}
 
 // Gives a report out at once. In an answer it stays where it stands as well, since some callers want the text as it
 // came.
@@ -76,7 +47,7 @@ bool in_text_listing(const LinkMachine *m)
     return false;
 }
 
-bool is_prompt(std::string_view line)
+static bool is_prompt(std::string_view line)
 {
     return line == ">" || line.starts_with("> ");
 }
@@ -214,7 +185,7 @@ static void judge_before(LinkMachine *m, std::string_view behind, int64_t now, L
     m->more = false;
 }
 
-size_t machine_take(LinkMachine *m, const char *data, size_t size, int64_t now, LinkItem *item)
+size_t take_bytes(LinkMachine *m, const char *data, size_t size, int64_t now, LinkItem *item)
 {
     *item = {};
     for (size_t at = 0; at < size;) {

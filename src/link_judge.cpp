@@ -1,11 +1,15 @@
 // A final result code has come: is what stands before it the answer to the command under way?
 
-#include "link_parts.h"
+#include "link_judge.h"
 
 #include <cstdlib>
 #include <cstring>
 
 #include "at_mask.h"
+#include "link_exchange.h"
+#include "link_memory.h"
+#include "link_queue.h"
+#include "link_step.h"
 #include "log.h"
 #include "text_cut.h"
 
@@ -21,19 +25,9 @@ struct Traits {
     bool text_listing;
 };
 
-bool holds(std::string_view text, std::string_view part)
+static bool holds(std::string_view text, std::string_view part)
 {
     return text.find(part) != std::string_view::npos;
-}
-
-bool has_line_of(std::string_view text, std::string_view name)
-{
-    std::string_view rest = text, line;
-    while (next_line(&rest, &line)) {
-        if (line.starts_with(name))
-            return true;
-    }
-    return false;
 }
 
 static Traits traits_of(const LinkMachine *m, std::string_view answer)
@@ -230,17 +224,6 @@ static void join_candidate(LinkMachine *m)
     }
     m->overflow = false;
     free(more);
-}
-
-char *take_candidate(LinkMachine *m)
-{
-    char *text = m->candidate;
-    m->candidate = nullptr;
-    if (m->spoiled) {
-        free(text);
-        text = nullptr;
-    }
-    return text;
 }
 
 // Another final result code has come behind the one in doubt, before the mark's answer: it is the command's own.

@@ -1,11 +1,15 @@
-// Callers, the port and time. What has come is judged in link_judge.cpp; link_parts.h names the parts.
+// Callers, the port and time. What has come is read in link_bytes.cpp and judged in link_judge.cpp.
 
 #include "link_machine.h"
-#include "link_parts.h"
 
 #include <cstdlib>
 #include <cstring>
 
+#include "link_bytes.h"
+#include "link_exchange.h"
+#include "link_judge.h"
+#include "link_queue.h"
+#include "link_step.h"
 #include "log.h"
 
 constexpr int64_t LINE_END_PATIENCE = 20 * MS; // for the LF behind a CR, and for text behind what looks like a prompt
@@ -15,80 +19,6 @@ constexpr int64_t OWED_PATIENCE = 1000 * MS;   // for an answer that no caller w
 constexpr int64_t OWED_LIMIT = 10000 * MS;     // the same, while nobody does
 constexpr int64_t SCAN_LIMIT = 300000 * MS;
 constexpr int64_t SCAN_END_PATIENCE = 2000 * MS; // for the final result code behind the operators
-
-std::string_view view(const LinkMachine *m)
-{
-    return {m->text ? m->text : "", m->length};
-}
-
-uint32_t next_number(LinkMachine *m)
-{
-    if (++m->last_number == 0)
-        m->last_number = 1;
-    return m->last_number;
-}
-
-// There is room for it.
-void put_first(LinkMachine *m, const LinkCommand &command)
-{
-    memmove(m->waiting + 1, m->waiting, m->waiting_count * sizeof m->waiting[0]);
-    m->waiting[0] = command;
-    m->waiting_count++;
-}
-
-static void start_exchange(LinkMachine *m, int64_t now)
-{
-    LinkCommand next = m->waiting[0];
-    if (now < m->not_before)
-        return;
-    if (m->escape)
-        (void)m->send(LINK_ESCAPE, strlen(LINK_ESCAPE), 0);
-    if (!m->send(next.text, strlen(next.text), next.number)) {
-        m->not_before = now + MARK_RENEWAL;
-        return;
-    }
-    m->waiting_count--;
-    memmove(m->waiting, m->waiting + 1, m->waiting_count * sizeof m->waiting[0]);
-    m->due = next;
-    note_asked(m, next.text);
-    m->tells_itself = !m->in_step;
-    m->phase = LinkPhase::queued;
-    m->commands++;
-}
-
-// May the next command be sent out of step, because its own answer cannot be mistaken? Whose answer the maker's name is
-// does not matter, it never changes.
-static bool tells_itself(const LinkMachine *m)
-{
-    const LinkCommand &next = m->waiting[0];
-    int question = next.expected ? question_of(next.text) : -1;
-    return !m->mark_out && question != -1 && (!is_owed(m, question) || question == question_of("AT+CGMI?"));
-}
-
-// Does what can be done now.
-void pump(LinkMachine *m, int64_t now)
-{
-    if (m->phase == LinkPhase::confirming)
-        get_in_step(m, now);
-    if (m->phase != LinkPhase::idle || m->waiting_count == 0)
-        return;
-    if (m->in_step || tells_itself(m))
-        start_exchange(m, now);
-    else
-        get_in_step(m, now);
-}
-
-// The exchange is over. `text` is its answer or null; taken over.
-void finish(LinkMachine *m, char *text, LinkItem *item)
-{
-    bool awaited = m->due.caller != LinkCaller::nobody;
-    *item = {LinkItem::Kind::answer, m->due.number, awaited, m->due.kind == CommandKind::scan, text};
-    free(m->candidate);
-    m->candidate = nullptr;
-    free(m->due.text);
-    m->due = {};
-    m->phase = LinkPhase::idle;
-}
 
 void machine_init(LinkMachine *m, bool probed, bool (*send)(const char *text, size_t length, uint32_t number))
 {
@@ -175,6 +105,11 @@ void machine_write_failed(LinkMachine *m, uint32_t number, int64_t now, LinkItem
         m->escape = m->escape || m->due.caller == LinkCaller::sends;
         finish(m, nullptr, item);
     }
+}
+
+size_t machine_take(LinkMachine *m, const char *data, size_t size, int64_t now, LinkItem *item)
+{
+    return take_bytes(m, data, size, now, item);
 }
 
 bool machine_send_message(LinkMachine *m, uint32_t number, const char *pdu)

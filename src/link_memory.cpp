@@ -1,12 +1,13 @@
 // What is known of how this modem answers: what it was asked of late, which commands it answers by their names, and how
 // long it takes.
 
-#include "link_parts.h"
+#include "link_memory.h"
 
 #include <algorithm>
 #include <cctype>
 #include <span>
 
+#include "link_exchange.h"
 #include "link_text.h"
 
 // An answer is early when it took less than three quarters of the shortest time. With more than one half, of an answer

@@ -1,8 +1,11 @@
 // Getting in step: marks.
 
-#include "link_parts.h"
+#include "link_step.h"
 
 #include <cstring>
+
+#include "link_exchange.h"
+#include "link_memory.h"
 
 constexpr int64_t MARK_RENEWAL_LATER = 5000 * MS; // by a modem that has been silent for long
 constexpr int64_t LONG_SILENCE = 60000 * MS;

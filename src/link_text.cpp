@@ -133,6 +133,16 @@ bool is_report(std::string_view line, std::string_view command)
     return find_report(line) && name_of_line(line, command) != LineName::own;
 }
 
+bool has_line_of(std::string_view text, std::string_view name)
+{
+    std::string_view rest = text, line;
+    while (next_line(&rest, &line)) {
+        if (line.starts_with(name))
+            return true;
+    }
+    return false;
+}
+
 bool is_report_header(std::string_view line)
 {
     const Report *report = find_report(line);

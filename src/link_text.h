@@ -35,6 +35,9 @@ LineName name_of_line(std::string_view line, std::string_view command);
 // The name in front of a line, as "+CSQ" of "+CSQ: 20,99"; empty when it carries none.
 std::string_view name_in(std::string_view line);
 
+// Does a line of the text begin with `name`?
+bool has_line_of(std::string_view text, std::string_view name);
+
 // Does the line begin an entry of a message listing in text form ("+CMGL: 1,"REC READ",..."), behind which any text may
 // follow?
 bool begins_message_text(std::string_view line);

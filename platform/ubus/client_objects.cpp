@@ -1,6 +1,8 @@
-#include "client.h"
+#include "client_objects.h"
 
 #include <cstdlib>
+
+#include "client_requests.h"
 
 namespace {
 

@@ -1,15 +1,7 @@
-#include "client.h"
+#include "client_incoming.h"
+#include "client_requests.h"
 
 namespace {
-
-int deliver_notification(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method,
-                         blob_attr *msg)
-{
-    ubus_subscriber *sub = container_of(obj, ubus_subscriber, obj);
-    return sub->cb ? sub->cb(ctx, obj, req, method, msg) : static_cast<int>(UBUS_STATUS_OK);
-}
-
-const ubus_method notification_method = UBUS_METHOD_NOARG(nullptr, deliver_notification);
 
 int request_subscription(ubus_context *ctx, ubus_subscriber *sub, uint32_t id, ubus_msg_type type)
 {
@@ -22,42 +14,6 @@ int request_subscription(ubus_context *ctx, ubus_subscriber *sub, uint32_t id, u
 
 } // namespace
 
-void take_subscription_change(ubus_context *ctx, uint8_t type, ubus_object *obj, blob_attr **tb)
-{
-    if (!obj)
-        return;
-    if (type == UBUS_MSG_NOTIFY && tb[UBUS_ATTR_ACTIVE]) {
-        obj->has_subscribers = blob_get_u8(tb[UBUS_ATTR_ACTIVE]);
-        if (obj->subscribe_cb)
-            obj->subscribe_cb(ctx, obj);
-    }
-    if (type == UBUS_MSG_UNSUBSCRIBE && tb[UBUS_ATTR_TARGET] && obj->methods == &notification_method) {
-        ubus_subscriber *sub = container_of(obj, ubus_subscriber, obj);
-        if (sub->remove_cb)
-            sub->remove_cb(ctx, sub, blob_get_u32(tb[UBUS_ATTR_TARGET]));
-    }
-}
-
-void take_notify_status(ubus_request *req, uint32_t peer, blob_attr **tb)
-{
-    for (int i = 0; i < req->n_awaited; i++) {
-        if (req->awaited[i] != peer)
-            continue;
-        req->awaited[i] = req->awaited[--req->n_awaited];
-        break;
-    }
-    blob_attr *subscriber;
-    size_t left;
-    if (peer == req->peer && tb[UBUS_ATTR_SUBSCRIBERS]) { // of the broker: whose answers will come
-        blob_for_each_attr(subscriber, tb[UBUS_ATTR_SUBSCRIBERS], left)
-        {
-            if (blob_len(subscriber) == sizeof(uint32_t) && req->n_awaited < UBUS_MAX_NOTIFY_PEERS)
-                req->awaited[req->n_awaited++] = blob_get_u32(subscriber);
-        }
-    }
-    req->status_msg = req->n_awaited == 0;
-}
-
 extern "C" {
 
 int ubus_register_subscriber(ubus_context *ctx, ubus_subscriber *sub)
@@ -65,7 +21,7 @@ int ubus_register_subscriber(ubus_context *ctx, ubus_subscriber *sub)
     if (sub->new_obj_cb)
         return UBUS_STATUS_NOT_SUPPORTED;
     INIT_LIST_HEAD(&sub->list);
-    sub->obj.methods = &notification_method;
+    sub->obj.methods = &ubus_notification_method;
     sub->obj.n_methods = 1;
     return ubus_add_object(ctx, &sub->obj);
 }

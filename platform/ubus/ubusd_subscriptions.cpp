@@ -1,6 +1,8 @@
-#include "ubusd_broker.h"
+#include "ubusd_subscriptions.h"
 
 #include <algorithm>
+
+#include "ubusd_calls.h"
 
 namespace {
 
@@ -11,26 +13,43 @@ void remove_one(std::vector<uint32_t> &ids, uint32_t id)
         ids.erase(found);
 }
 
-} // namespace
-
-int broker::find_subscriber(bus_client &client, blob_attr **tb, bus_object **subscriber)
+int find_subscriber(bus_state &bus, bus_client &client, blob_attr **tb, bus_object **subscriber)
 {
     if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_TARGET])
         return UBUS_STATUS_INVALID_ARGUMENT;
-    auto found = objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
-    if (found == objects.end())
+    auto found = bus.objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
+    if (found == bus.objects.end())
         return UBUS_STATUS_NOT_FOUND;
     *subscriber = &found->second;
     return found->second.owner == &client ? UBUS_STATUS_OK : UBUS_STATUS_INVALID_ARGUMENT;
 }
 
-int broker::handle_subscribe(bus_client &client, blob_attr **tb)
+void send_active(bus_state &bus, const bus_object &target)
+{
+    const uint8_t active = !target.subscribers.empty();
+    blob_builder blob;
+    blob.put_u32(UBUS_ATTR_OBJID, target.id).put(UBUS_ATTR_ACTIVE, &active, 1);
+    target.owner->sink->send(make_message({0, UBUS_MSG_NOTIFY, ++bus.event_seq, 0}, blob.bytes()));
+}
+
+void end_subscription(bus_state &bus, bus_object &subscriber, bus_object &target)
+{
+    remove_one(subscriber.targets, target.id);
+    remove_one(target.subscribers, subscriber.id);
+    subscriber.owner->subscription_count--;
+    if (target.subscribers.empty())
+        send_active(bus, target);
+}
+
+} // namespace
+
+int handle_subscribe(bus_state &bus, bus_client &client, blob_attr **tb)
 {
     bus_object *subscriber;
-    if (int status = find_subscriber(client, tb, &subscriber))
+    if (int status = find_subscriber(bus, client, tb, &subscriber))
         return status;
-    auto target = objects.find(blob_get_u32(tb[UBUS_ATTR_TARGET]));
-    if (target == objects.end())
+    auto target = bus.objects.find(blob_get_u32(tb[UBUS_ATTR_TARGET]));
+    if (target == bus.objects.end())
         return UBUS_STATUS_NOT_FOUND;
     if (target->second.owner == &client)
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -40,28 +59,28 @@ int broker::handle_subscribe(bus_client &client, blob_attr **tb)
     subscriber->targets.push_back(target->first);
     target->second.subscribers.push_back(subscriber->id);
     if (target->second.subscribers.size() == 1)
-        send_active(target->second);
+        send_active(bus, target->second);
     return UBUS_STATUS_OK;
 }
 
-int broker::handle_unsubscribe(bus_client &client, blob_attr **tb)
+int handle_unsubscribe(bus_state &bus, bus_client &client, blob_attr **tb)
 {
     bus_object *subscriber;
-    if (int status = find_subscriber(client, tb, &subscriber))
+    if (int status = find_subscriber(bus, client, tb, &subscriber))
         return status;
     const uint32_t target = blob_get_u32(tb[UBUS_ATTR_TARGET]);
     if (std::ranges::count(subscriber->targets, target) == 0)
         return UBUS_STATUS_NOT_FOUND;
-    end_subscription(*subscriber, objects.at(target));
+    end_subscription(bus, *subscriber, bus.objects.at(target));
     return UBUS_STATUS_OK;
 }
 
-int broker::handle_notify(bus_client &client, const message_header &header, blob_attr **tb)
+int handle_notify(bus_state &bus, bus_client &client, const message_header &header, blob_attr **tb)
 {
     if (!tb[UBUS_ATTR_OBJID] || !tb[UBUS_ATTR_METHOD])
         return UBUS_STATUS_INVALID_ARGUMENT;
-    auto found = objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
-    if (found == objects.end())
+    auto found = bus.objects.find(blob_get_u32(tb[UBUS_ATTR_OBJID]));
+    if (found == bus.objects.end())
         return UBUS_STATUS_NOT_FOUND;
     const bus_object &object = found->second;
     if (object.owner != &client)
@@ -79,37 +98,19 @@ int broker::handle_notify(bus_client &client, const message_header &header, blob
     // Who is too far behind to take it loses this one; with a reply wanted his notifier waits for it until his time is
     // up.
     for (uint32_t subscriber : object.subscribers)
-        (void)forward_call(client, header, tb, objects.at(subscriber));
+        (void)forward_call(client, header, tb, bus.objects.at(subscriber));
     return no_status;
 }
 
-void broker::send_active(const bus_object &target)
-{
-    const uint8_t active = !target.subscribers.empty();
-    blob_builder blob;
-    blob.put_u32(UBUS_ATTR_OBJID, target.id).put(UBUS_ATTR_ACTIVE, &active, 1);
-    target.owner->sink->send(make_message({0, UBUS_MSG_NOTIFY, ++event_seq, 0}, blob.bytes()));
-}
-
-void broker::end_subscription(bus_object &subscriber, bus_object &target)
-{
-    remove_one(subscriber.targets, target.id);
-    remove_one(target.subscribers, subscriber.id);
-    subscriber.owner->subscription_count--;
-    if (target.subscribers.empty())
-        send_active(target);
-}
-
-// The object goes: its targets lose a subscriber, its subscribers are told.
-void broker::end_subscriptions(bus_object &object)
+void end_subscriptions(bus_state &bus, bus_object &object)
 {
     while (!object.targets.empty())
-        end_subscription(object, objects.at(object.targets.back()));
+        end_subscription(bus, object, bus.objects.at(object.targets.back()));
     while (!object.subscribers.empty()) {
-        bus_object &subscriber = objects.at(object.subscribers.back());
+        bus_object &subscriber = bus.objects.at(object.subscribers.back());
         blob_builder blob;
         blob.put_u32(UBUS_ATTR_OBJID, subscriber.id).put_u32(UBUS_ATTR_TARGET, object.id);
-        subscriber.owner->sink->send(make_message({0, UBUS_MSG_UNSUBSCRIBE, ++event_seq, 0}, blob.bytes()));
-        end_subscription(subscriber, object);
+        subscriber.owner->sink->send(make_message({0, UBUS_MSG_UNSUBSCRIBE, ++bus.event_seq, 0}, blob.bytes()));
+        end_subscription(bus, subscriber, object);
     }
 }

@@ -1,4 +1,4 @@
-// What the client library's own sources share: one message at a time, in and out, and the wait for an answer.
+// The client library's connection: one message at a time, in and out.
 #pragma once
 
 #include "protocol.h"
@@ -38,25 +38,8 @@ int send_message(ubus_context *ctx, const message_header &header, blob_attr *blo
 // The connection is of no use any more; the loop learns of it through the descriptor.
 void fail_connection(ubus_context *ctx);
 
-// Acts on a message and frees it. Calls are put aside while the client waits for an answer.
-void dispatch_message(ubus_context *ctx, client_message &message);
-
-// Subscribers of an object came or went, or the target of a subscription is gone.
-void take_subscription_change(ubus_context *ctx, uint8_t type, ubus_object *obj, blob_attr **tb);
-// One answer to a notification: the broker's list of subscribers, or that of one of them.
-void take_notify_status(ubus_request *req, uint32_t peer, blob_attr **tb);
-
-// Serves the calls that were put aside.
-void serve_pending(ubus_context *ctx);
-void forget_pending(ubus_context *ctx);
-
-// Sends a request and waits for the status that ends it. The request's callbacks and priv are the caller's.
-int run_request(ubus_context *ctx, ubus_request *req, ubus_msg_type type, uint32_t peer, blob_attr *blob,
-                int timeout_ms);
-
-// Registers all objects of the context with a new broker; the first failure's status.
-int register_all(ubus_context *ctx);
-void forget_objects(ubus_context *ctx);
+// Drops what has arrived of a message that is not whole.
+void reset_reader(ubus_context *ctx);
 
 // A buffer for one message, freed with it.
 struct message_buffer {
@@ -73,5 +56,3 @@ struct message_buffer {
     message_buffer(const message_buffer &) = delete;
     message_buffer &operator=(const message_buffer &) = delete;
 };
-
-constexpr int broker_timeout_ms = 5000;
