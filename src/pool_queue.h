@@ -1,6 +1,6 @@
-// A fixed-capacity multi-producer, multi-consumer FIFO that owns the pool of its elements: take a free element, fill it,
-// push it; pop it, use it, release it. Both rings are lock-free; semaphores and an event count only let a thread sleep.
-// No memory is allocated after pool_queue_init.
+// A fixed-capacity multi-producer, multi-consumer FIFO that owns the pool of its elements: take a free element, fill
+// it, push it; pop it, use it, release it. Both rings are lock-free; semaphores and an event count only let a thread
+// sleep. No memory is allocated after pool_queue_init.
 #pragma once
 
 #include <atomic>
@@ -50,11 +50,15 @@ void pool_queue_release(PoolQueue *queue, void *element);
 
 // Appends an element of this queue's pool. Never fails.
 void pool_queue_push(PoolQueue *queue, void *element);
-// The oldest element, or null at once / null after `timeout_ms` without one or when pool_queue_wake was called / after a
-// wait without end.
+// The oldest element, or null at once / null after `timeout_ms` without one or when pool_queue_wake was called / after
+// a wait without end.
 void *pool_queue_try_pop(PoolQueue *queue);
-void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms);
+void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms, const uint32_t *since = nullptr);
 void *pool_queue_pop(PoolQueue *queue);
+
+// Taken before a look at what pool_queue_wake tells of, and given to pool_queue_pop_for as *since behind it: a push or
+// wake in between ends that wait at once.
+uint32_t pool_queue_event(const PoolQueue *queue);
 
 // Ends every pool_queue_pop_for and pool_queue_alloc_for that sleeps now, so that its caller looks at the world again.
 void pool_queue_wake(PoolQueue *queue);

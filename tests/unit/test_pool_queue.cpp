@@ -114,6 +114,11 @@ TEST_F(QueueTest, APushOrAWakeEndsATimedPopAtOnce)
             pool_queue_wake(&queue);
         sleeper.join();
     }
+    uint32_t since = pool_queue_event(&queue);
+    pool_queue_wake(&queue); // before the sleep begins
+    int64_t begin = monotonic_ms();
+    EXPECT_EQ(pool_queue_pop_for(&queue, 20000, &since), nullptr);
+    EXPECT_LT(monotonic_ms() - begin, 10000);
 }
 
 // Several producers and consumers, blocking and timed, on a queue far smaller than the load: nothing lost, nothing
