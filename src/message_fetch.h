@@ -23,8 +23,8 @@ struct MessageFetch {
 
 MessageFetch message_fetch_start();
 
-// Takes the next place off incomming_sms_queue, waiting for one for up to so many ms.
-bool next_announced(int32_t *place, uint32_t wait_ms);
+// Takes the next place off incomming_sms_queue, waiting for one for up to so many ms; `since` as of pool_queue_pop_for.
+bool next_announced(int32_t *place, uint32_t wait_ms, const uint32_t *since = nullptr);
 // Takes the message in this place and those behind it in incomming_sms_queue, as many as one save serves.
 void fetch_announced(MessageFetch *fetch, int32_t place);
 // Takes what the SIM holds if that is due: wanted (g_sms_sweep) and not tried a short time ago in vain.

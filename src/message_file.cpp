@@ -108,8 +108,7 @@ static bool read_records(MessageReader *reader, MessageArray *array, bool *same)
     return !reader->failed;
 }
 
-// The file is about to be replaced by one that may hold less: it is kept under another name. False when that fails.
-static bool set_aside(const char *path, const char *suffix, const char *reason)
+bool keep_message_file(const char *path, const char *suffix, const char *reason)
 {
     char kept[PATH_MAX];
     if (snprintf(kept, sizeof kept, "%s%s", path, suffix) >= PATH_MAX)
@@ -168,8 +167,8 @@ static int read_open_file(int fd, const char *path, MessageArray *array)
     if (outcome.result < 0 && first_failure())
         print_out("load message data file failed.\n");
     // What cannot be kept must not be replaced either: as if it could not be read.
-    bool kept = (outcome.complete || set_aside(path, ".full", "not read completely")) &&
-                (outcome.intact || set_aside(path, ".damaged", "damaged"));
+    bool kept = (outcome.complete || keep_message_file(path, ".full", "not read completely")) &&
+                (outcome.intact || keep_message_file(path, ".damaged", "damaged"));
     if (outcome.result < 0 || !kept) {
         array_free(array);
         return -1;
@@ -218,7 +217,7 @@ static int take_up_file(const char *path, MessageArray *array)
         fits = merge_stored(&joined, array->items[i]);
     if (!fits) {
         array_free(&joined);
-        return set_aside(path, ".full", "does not fit into the store") ? 0 : -1;
+        return keep_message_file(path, ".full", "does not fit into the store") ? 0 : -1;
     }
     if (array->count > 0)
         joined.file.current = false;
@@ -297,14 +296,20 @@ static int append_to_file(const char *path, MessageArray *array)
     return 0;
 }
 
+int create_temporary_file(const char *path)
+{
+    constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    (void)file_unlink(path); // left by a power cut, or a link that somebody put there
+    int fd = file_open(path, FLAGS);
+    if (fd < 0 && errno == ENOENT && file_make_folder(path) == 0)
+        fd = file_open(path, FLAGS);
+    return fd;
+}
+
 static int write_whole_file(const char *path, const MessageArray *array, FileIdentity *identity)
 {
     RecordWriter writer;
-    (void)file_unlink(path); // left by a power cut, or a link that somebody put there
-    constexpr int FLAGS = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
-    writer.fd = file_open(path, FLAGS);
-    if (writer.fd < 0 && errno == ENOENT && file_make_folder(path) == 0)
-        writer.fd = file_open(path, FLAGS);
+    writer.fd = create_temporary_file(path);
     if (writer.fd < 0) {
         if (first_failure())
             print_out(OPEN_FAILED, errno, strerror(errno));

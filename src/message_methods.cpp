@@ -54,8 +54,8 @@ static int handle_index_list(struct ubus_context *ctx, struct ubus_request_data 
     return reply_result(ctx, req, static_cast<uint32_t>(result));
 }
 
-// The C library keeps what was freed for later; a listing or the store may have taken megabytes, and the next one of
-// that size may be weeks away.
+// The C library keeps what was freed for later; the store may have taken megabytes, and the next time of that size may
+// be weeks away.
 static void give_memory_back()
 {
 #ifdef __GLIBC__
@@ -65,16 +65,10 @@ static void give_memory_back()
 
 int handle_get_all_messages(HANDLER_ARGUMENTS)
 {
-    constexpr int KEPT_SIZE = 64 * 1024; // of the reply's buffer
     reply_begin();
     int result = list_messages(&g_reply_buf);
     reply_add_u32("result", static_cast<uint32_t>(result));
-    int status = reply_send(ctx, req);
-    if (g_reply_buf.buflen > KEPT_SIZE) {
-        blob_buf_free(&g_reply_buf);
-        give_memory_back();
-    }
-    return status;
+    return reply_send(ctx, req);
 }
 
 int handle_get_message(HANDLER_ARGUMENTS)

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 extern "C" {
 #include <libubox/blobmsg.h>
@@ -13,6 +14,7 @@ extern "C" {
 
 #include "log.h"
 #include "message_file.h"
+#include "message_merge.h"
 
 // What the daemon may put into a reply: a bus message of 1 MiB less its own attributes, "truncated" and "result".
 constexpr size_t REPLY_LIMIT = (1u << 20) - 256;
@@ -50,20 +52,41 @@ int retry_messages(const char *path)
     return message_array.present && !last_save_failed.load() ? 0 : -1;
 }
 
+// Takes the older file's messages into the store, in place of `own` where it is JSON text. False, and the store as it
+// was, when it tells nothing or something would be lost.
+static bool take_older_file(MessageArray *own, int loaded)
+{
+    if (loaded < 0 || message_array.count == 0)
+        return false;
+    if (loaded == 1)
+        return own->count == 0 || keep_message_file(MESSAGE_FILE, ".replaced", "replaced by the older one");
+    for (uint32_t i = 0; i < message_array.count; i++) {
+        if (!merge_stored(own, message_array.items[i]))
+            return false;
+    }
+    std::swap(*own, message_array);
+    return true;
+}
+
 void start_message_store()
 {
     if (load_messages(MESSAGE_FILE) == 1)
         (void)save_messages(MESSAGE_FILE); // a failure is printed, the next save tries again
     if (!file_present(LEGACY_MESSAGE_FILE))
         return;
-    uint32_t before = message_array.count;
-    FileIdentity own = message_array.file.identity;
-    int loaded = load_messages(LEGACY_MESSAGE_FILE);
-    message_array.file.identity = own; // the next save replaces that file, not the older one
-    bool changed = loaded == 1 || message_array.count != before;
-    if (changed && save_messages(MESSAGE_FILE) != 0)
-        return;                             // the older file still is the only one that holds these messages
-    (void)file_unlink(LEGACY_MESSAGE_FILE); // read again at the next start
+    MessageArray own = message_array;
+    FileIdentity identity = own.file.identity;
+    message_array = {};
+    const int loaded = load_messages(LEGACY_MESSAGE_FILE);
+    const bool useful = loaded >= 0 && message_array.count > 0;
+    const bool taken = take_older_file(&own, loaded);
+    if (!taken)
+        std::swap(own, message_array);
+    array_free(&own);
+    message_array.file = {false, message_array.count, identity}; // the next save replaces that file, not the older one
+    // Unless the older file still is the only one that holds these messages; it is read again at the next start.
+    if (taken ? save_messages(MESSAGE_FILE) == 0 : loaded >= 0 && !useful)
+        (void)file_unlink(LEGACY_MESSAGE_FILE);
 }
 
 void save_and_free_messages()
@@ -202,7 +225,7 @@ static void add_fields(struct blob_buf *reply, const MessageFields &fields, cons
     blobmsg_close_array(reply, array);
 }
 
-// The buffer is kept from call to call: it grows only when it is too small.
+// In one piece: growing bit by bit would copy a listing again and again.
 static bool make_room(struct blob_buf *reply, size_t size)
 {
     size_t needed = blob_pad_len(reply->head) + size;

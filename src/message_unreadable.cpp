@@ -6,6 +6,7 @@
 #include <fcntl.h>
 
 #include "file_ops.h"
+#include "message_file.h"
 
 constexpr size_t FILE_ROOM = 64 * 1024;
 constexpr size_t LINE_ROOM = 4096; // ten times what a PDU takes
@@ -40,14 +41,14 @@ static int replace_file(const char *text, size_t size)
 {
     char temporary[64];
     snprintf(temporary, sizeof temporary, "%s.tmp", UNREADABLE_FILE);
-    int fd = file_open(temporary, O_WRONLY | O_CREAT | O_TRUNC);
+    int fd = create_temporary_file(temporary);
     if (fd < 0)
         return -1;
     bool written = file_write(fd, text, size) == 0 && file_sync(fd) == 0;
     written = file_close(fd) == 0 && written;
     if (written && file_rename(temporary, UNREADABLE_FILE) == 0)
         return file_sync_folder(UNREADABLE_FILE);
-    (void)file_unlink(temporary); // the next one truncates it anyway
+    (void)file_unlink(temporary); // the next one does so anyway
     return -1;
 }
 

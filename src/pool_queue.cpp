@@ -88,12 +88,13 @@ static void give(const Ring &ring, void *element)
         wake_word(ring.event);
 }
 
-// `woken` ends the wait without an element when the event moved but nothing was there to take.
-static void *take_for(const Ring &ring, uint32_t timeout_ms, bool end_when_woken)
+// `end_when_woken` ends the wait without an element when the event moved, since *since if given, but nothing was there
+// to take.
+static void *take_for(const Ring &ring, uint32_t timeout_ms, bool end_when_woken, const uint32_t *since)
 {
     int64_t deadline = monotonic_ms() + timeout_ms;
     for (;;) {
-        uint32_t seen = ring.event->load();
+        uint32_t seen = since ? *since : ring.event->load();
         void *element = try_take(ring);
         if (element)
             return element;
@@ -161,7 +162,7 @@ void *pool_queue_try_alloc(PoolQueue *queue)
 
 void *pool_queue_alloc_for(PoolQueue *queue, uint32_t timeout_ms)
 {
-    return take_for(free_ring_of(queue), timeout_ms, false);
+    return take_for(free_ring_of(queue), timeout_ms, false, nullptr);
 }
 
 void pool_queue_release(PoolQueue *queue, void *element)
@@ -179,9 +180,14 @@ void *pool_queue_try_pop(PoolQueue *queue)
     return try_take(msg_ring_of(queue));
 }
 
-void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms)
+uint32_t pool_queue_event(const PoolQueue *queue)
 {
-    return take_for(msg_ring_of(queue), timeout_ms, true);
+    return queue->msg_event.load();
+}
+
+void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms, const uint32_t *since)
+{
+    return take_for(msg_ring_of(queue), timeout_ms, true, since);
 }
 
 void pool_queue_wake(PoolQueue *queue)

@@ -44,7 +44,11 @@ void pool_queue_release(PoolQueue *queue, void *element);
 void pool_queue_push(PoolQueue *queue, void *element);
 // The oldest element, or null at once / null after `timeout_ms` without one or when pool_queue_wake was called.
 void *pool_queue_try_pop(PoolQueue *queue);
-void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms);
+void *pool_queue_pop_for(PoolQueue *queue, uint32_t timeout_ms, const uint32_t *since = nullptr);
+
+// Taken before a look at what pool_queue_wake tells of, and given to pool_queue_pop_for as *since behind it: a push or
+// wake in between ends that wait at once.
+uint32_t pool_queue_event(const PoolQueue *queue);
 
 // Ends every pool_queue_pop_for and pool_queue_alloc_for that sleeps now, so that its caller looks at the world again.
 void pool_queue_wake(PoolQueue *queue);

@@ -152,7 +152,7 @@ static uint32_t idle_wait_ms(const RequesterState *state)
     return left < IDLE_CEILING_MS ? static_cast<uint32_t>(left) : IDLE_CEILING_MS;
 }
 
-static void serve_messages(RequesterState *state)
+static void serve_messages(RequesterState *state, uint32_t since)
 {
     if (g_scanning.load()) {
         // Every command is refused during a scan; an index taken now would be lost.
@@ -165,7 +165,7 @@ static void serve_messages(RequesterState *state)
         return;
     }
     fetch_listed(&state->fetch);
-    if (next_announced(&place, listing_is_due(&state->fetch) ? 0 : idle_wait_ms(state)))
+    if (next_announced(&place, listing_is_due(&state->fetch) ? 0 : idle_wait_ms(state), &since))
         fetch_announced(&state->fetch, place);
 }
 
@@ -176,13 +176,14 @@ RequesterState requester_start()
 
 void requester_pass(RequesterState *state)
 {
+    const uint32_t since = pool_queue_event(&incomming_sms_queue); // who wants something from now on ends the wait
     if (g_connecting.load()) {
         watch_connection(state);
         (void)sleep_while_running(PASS_MS);
         return;
     }
     run_routine(state);
-    serve_messages(state);
+    serve_messages(state, since);
 }
 
 static bool modem_is_expected()

@@ -29,9 +29,12 @@ void uci_access_set_folders(const char *confdir, const char *savedir)
     pending_folder = savedir ? savedir : PENDING_FOLDER;
 }
 
-UciSession::UciSession() : UciSession(config_folder, pending_folder) {}
+UciSession::UciSession() : UciSession(config_folder, pending_folder)
+{
+    shared = true;
+}
 
-UciSession::UciSession(const char *confdir, const char *savedir) : context(uci_alloc_context())
+UciSession::UciSession(const char *confdir, const char *savedir) : context(uci_alloc_context()), shared(false)
 {
     if (!context || (uci_set_confdir(context, confdir) == UCI_OK && uci_set_savedir(context, savedir) == UCI_OK))
         return;
@@ -57,6 +60,9 @@ static int look_up(UciSession *session, const char *key, Lookup *lookup)
     if (!session->context || !copy_text(lookup->key, key))
         return NOT_THERE;
     lookup->found = {};
+    if (session->shared && !uci_wait_until_free(config_folder, pending_folder, key))
+        return UCI_ERR_IO;
+    session->shared = false;
     return uci_lookup_ptr(session->context, &lookup->found, lookup->key, true);
 }
 

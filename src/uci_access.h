@@ -12,11 +12,12 @@ constexpr size_t UCI_NAME_SIZE = 64;  // of a section's name, with its terminati
 constexpr size_t UCI_VALUE_MAX = 512; // longest value that the daemon stores, in bytes
 
 // One look at the configuration: opened at the start of its scope, closed at its end. Belongs to one thread. All
-// functions that take one return 0, libuci's error number (1 to 7), or -1: what `key` names does not exist, a value is
-// refused, or there is no memory for a context. A key is "package.section" or "package.section.option", the section
-// also as "@type[n]".
+// functions that take one return 0, libuci's error number (1 to 7; 4 also when others keep the package locked), or -1:
+// what `key` names does not exist, a value is refused, or there is no memory for a context. A key is "package.section"
+// or "package.section.option", the section also as "@type[n]".
 struct UciSession {
     uci_context *context;
+    bool shared; // the first look is still to come, at files that others may have locked
 
     UciSession();
     UciSession(const char *confdir, const char *savedir);

@@ -18,6 +18,7 @@
 
 #include "log.h"
 #include "text_cut.h"
+#include "waiting.h"
 
 // libuci's error numbers.
 constexpr int OK = 0;
@@ -28,6 +29,7 @@ constexpr int IO_FAILED = 4;
 
 constexpr size_t FILE_SIZE_MAX = size_t{1} << 20;
 constexpr long LOCK_WAIT_MS = 5000;
+constexpr long READ_WAIT_MS = 2000;
 constexpr long COMMIT_WAIT_MS = 2000;
 constexpr long PAUSE_MS = 2;
 constexpr time_t LEFT_BEHIND_S = 10; // older temporary files belong to nobody any more
@@ -56,10 +58,10 @@ static void pause_shortly()
     nanosleep(&pause, nullptr);
 }
 
-static bool lock(int fd)
+static bool lock(int fd, int operation = LOCK_EX, long limit_ms = LOCK_WAIT_MS)
 {
-    for (long waited = 0; flock(fd, LOCK_EX | LOCK_NB) != 0; waited += PAUSE_MS) {
-        if ((errno != EWOULDBLOCK && errno != EINTR) || waited >= LOCK_WAIT_MS)
+    for (long waited = 0; flock(fd, operation | LOCK_NB) != 0; waited += PAUSE_MS) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || waited >= limit_ms || !running.load())
             return false;
         pause_shortly();
     }
@@ -183,6 +185,24 @@ static int open_pending(const UciFile &file, int *fd, UciText *text)
     if (*fd == -1)
         return errno == ENOENT || errno == ENOTDIR ? OK : IO_FAILED;
     return lock(*fd) ? read_text(*fd, text) : IO_FAILED;
+}
+
+static bool wait_until_free(const char *folder, const char *package, size_t length)
+{
+    char path[UCI_PATH_SIZE];
+    int size = snprintf(path, sizeof path, "%s/%.*s", folder, static_cast<int>(length), package);
+    int fd = size > 0 && static_cast<size_t>(size) < sizeof path ? open_regular(path) : -1;
+    bool is_free = fd == -1 || lock(fd, LOCK_SH, READ_WAIT_MS);
+    close_locked(fd);
+    if (!is_free)
+        log_error("%s is locked", path);
+    return is_free;
+}
+
+bool uci_wait_until_free(const char *confdir, const char *savedir, const char *package)
+{
+    const size_t length = strcspn(package, ".");
+    return wait_until_free(confdir, package, length) && wait_until_free(savedir, package, length);
 }
 
 int uci_file_open(UciFile *file, const char *confdir, const char *savedir, const char *package)

@@ -45,6 +45,10 @@ int uci_file_open(UciFile *file, const char *confdir, const char *savedir, const
 // between, nothing was done, and the package is to be opened again.
 int uci_file_replace(UciFile *file, const char *text, size_t size, bool *current);
 
+// Waits for up to 2 s, or until the daemon stops, until nobody has locked the package's files. libuci, which locks them
+// to read, would wait without end. `package` may have a section behind it. False when somebody still has.
+bool uci_wait_until_free(const char *confdir, const char *savedir, const char *package);
+
 // What is pending now and when that last changed; false when nothing ever was.
 bool uci_pending_read(const char *savedir, const char *package, UciText *text, time_t *changed);
 

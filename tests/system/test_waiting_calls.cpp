@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include "daemon.h"
 #include "pipelined_caller.h"
@@ -234,6 +237,19 @@ TEST_F(WaitingCalls, MayComeWhileTheStopWaitsForAScript)
     EXPECT_THAT(results(late.answers(3, milliseconds(3000))), ElementsAre(0, request_failed, request_failed));
     EXPECT_LT(steady_clock::now() - begin, milliseconds(2000));
     EXPECT_EQ(one.answers(1, milliseconds(3000)).size(), 1U);
+}
+
+TEST_F(WaitingCalls, DoNotWaitForWhoeverHasLockedTheSettings)
+{
+    constexpr int64_t not_readable = 4;
+    PipelinedCaller one = caller(), other = caller();
+    int fd = open(root.path("/etc/config/modem").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    EXPECT_EQ(one.ask("get_autoconnect").result(), not_readable);
+    EXPECT_EQ(other.ask("get_imei").result(), 0);
+    (void)one.call("get_autoconnect");
+    EXPECT_EQ(daemon.stop().code, 0) << "and no thread is left behind";
+    close(fd);
 }
 
 TEST_F(WaitingCalls, AreForgottenWithTheirBroker)

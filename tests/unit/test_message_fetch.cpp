@@ -186,7 +186,7 @@ protected:
     bool text_mode, silent, deaf_to_deletion;
     bool keeps_all;    // the modem says that it deletes, and does not
     std::string stray; // what it says behind a listing
-    int next_place; // gets another message when it is cleared
+    int next_place;    // gets another message when it is cleared
     MessageFetch fetch;
 };
 
@@ -254,6 +254,7 @@ TEST_F(MessageFetchTest, TheUnreadMarkIsSetWhenItChanges)
 TEST_F(MessageFetchTest, WhatIsUnreadableIsKept)
 {
     sim[7] = {1, deliver("a"), 99};
+    fake_files.no_folder = true; // and no message before that would have it made
     pass();
     std::string damaged = deliver("a").erase(40, 1);
     EXPECT_EQ(fake_files.content(UNREADABLE_FILE), "7 1 20 " + damaged + "\n");

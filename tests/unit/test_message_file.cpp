@@ -429,7 +429,8 @@ TEST_F(MessageFile, StartMovesTheOlderFile)
         {"records only", MAGIC + SINGLE_RECORD, "", {"491 read Hi"}},
         {"JSON in the file itself", "[" + long_object() + "]", "", {"7 2=\0B 1=\xFF"s}},
         {"both: the older one replaces", MAGIC + SINGLE_RECORD, "[" + long_object() + "]", {"7 2=\0B 1=\xFF"s}},
-        {"older one broken", MAGIC + SINGLE_RECORD, "[", {}},
+        {"older one broken", MAGIC + SINGLE_RECORD, "[", {"491 read Hi"}},
+        {"older one empty", MAGIC + SINGLE_RECORD, "[]", {"491 read Hi"}},
         {"older one with records", MAGIC + SINGLE_RECORD, MAGIC + LONG_RECORD, {"491 read Hi", "7 2=\0B 1=\xFF"s}},
     };
     for (const Row &row : rows) {
@@ -440,6 +441,9 @@ TEST_F(MessageFile, StartMovesTheOlderFile)
         start_message_store();
         EXPECT_EQ(stored(), row.messages) << row.what;
         EXPECT_FALSE(fake_files.has(legacy)) << row.what;
+        EXPECT_TRUE(row.file[0] == '[' || file().starts_with(row.file) ||
+                    fake_files.content(PATH + ".replaced") == row.file)
+            << row.what << ": what the file held is kept";
         EXPECT_EQ(restarted(), row.messages) << row.what;
     }
     SetUp();
@@ -448,6 +452,11 @@ TEST_F(MessageFile, StartMovesTheOlderFile)
     fake_files.cut = true;
     start_message_store();
     EXPECT_TRUE(fake_files.has(legacy)) << "not removed before its messages are saved";
+    SetUp();
+    fake_files.put(legacy, "[" + object() + "]");
+    fake_files.open_error = EIO;
+    start_message_store();
+    EXPECT_TRUE(fake_files.has(legacy)) << "not removed unread";
 }
 
 // Every operation of a save fails once, and the power is cut at every operation once.

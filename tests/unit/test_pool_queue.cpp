@@ -106,6 +106,11 @@ TEST_F(QueueTest, APushOrAWakeEndsATimedPopAtOnce)
             pool_queue_wake(&queue);
         sleeper.join();
     }
+    uint32_t since = pool_queue_event(&queue);
+    pool_queue_wake(&queue); // before the sleep begins
+    int64_t begin = monotonic_ms();
+    EXPECT_EQ(pool_queue_pop_for(&queue, 20000, &since), nullptr);
+    EXPECT_LT(monotonic_ms() - begin, 10000);
 }
 
 // More threads than processors, so that some are interrupted at every place while the others go around the ring. An

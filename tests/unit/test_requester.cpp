@@ -30,10 +30,10 @@ MessageFetch message_fetch_start()
     return {};
 }
 
-bool next_announced(int32_t *place, uint32_t wait_ms)
+bool next_announced(int32_t *place, uint32_t wait_ms, const uint32_t *since)
 {
     void *element =
-        wait_ms ? pool_queue_pop_for(&incomming_sms_queue, wait_ms) : pool_queue_try_pop(&incomming_sms_queue);
+        wait_ms ? pool_queue_pop_for(&incomming_sms_queue, wait_ms, since) : pool_queue_try_pop(&incomming_sms_queue);
     if (!element)
         return false;
     memcpy(place, element, sizeof *place);
