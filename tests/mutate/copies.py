@@ -22,7 +22,7 @@ exit $?
 PLACED = 'mount --bind "$1" "$2" && cd "$2" && shift 2 && exec "$@"'
 UNSHARE = ["setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc",
            *([] if os.geteuid() == 0 else ["--user", "--map-root-user"])]
-CONFIGURE = ["cmake", "-G", "Ninja", "-DCELMUX_PLATFORM=bundled", "-DBUILD_SHARED_LIBS=ON",
+CONFIGURE = ["cmake", "-G", "Ninja", "-DCELMUX_PLATFORM=bundled", "-DCELMUX_SHARED=ON",
              "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
 # `a || b && c` without brackets is what a fault makes, no fault of ours.
 NO_ERRORS = "-Wno-error=parentheses"
