@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <stdexcept>
 
-#include "pipelined_caller.h"
 #include "random_arguments.h"
 
 extern "C" {
@@ -88,7 +87,7 @@ static int64_t wait_of(const std::string &method, const json &arguments)
     return needs_modem ? callers_patience_ms : 0;
 }
 
-void CallAccount::count(const std::string &call, const CallOutcome &outcome)
+void CallAccount::count(const std::string &call, const PipelinedAnswer &outcome)
 {
     figures_.calls++;
     if (outcome.status == UBUS_STATUS_INVALID_ARGUMENT) {
@@ -103,7 +102,7 @@ void CallAccount::count(const std::string &call, const CallOutcome &outcome)
     }
 }
 
-void CallAccount::answered(const std::string &method, const json &arguments, const CallOutcome &outcome,
+void CallAccount::answered(const std::string &method, const json &arguments, const PipelinedAnswer &outcome,
                            steady_clock::time_point begin, int64_t limit_ms)
 {
     std::lock_guard lock(mutex_);
@@ -149,7 +148,7 @@ Clients::Clients(const std::string &socket, uint64_t seed, Ledger &ledger, CallA
     : socket_(socket), ledger_(ledger), account_(account), patience_ms_(count * longest_call_ms)
 {
     constexpr size_t method_count = 68;
-    methods_ = BusClient(socket).methods();
+    methods_ = PipelinedCaller(socket).methods();
     for (const auto &[name, arguments] : methods_)
         names_.push_back(name);
     if (names_.size() != method_count)
@@ -201,7 +200,7 @@ void Clients::run(int number, uint64_t seed)
 {
     constexpr int64_t pause_ms = 25;
     Random random(seed * 1000 + static_cast<uint64_t>(number));
-    std::optional<BusClient> client;
+    std::optional<PipelinedCaller> client;
     while (!ending_) {
         busy_++;
         try {
@@ -217,10 +216,10 @@ void Clients::run(int number, uint64_t seed)
     }
 }
 
-CallOutcome Clients::account_call(BusClient &client, const std::string &method, const json &arguments)
+PipelinedAnswer Clients::account_call(PipelinedCaller &client, const std::string &method, const json &arguments)
 {
     steady_clock::time_point begin = steady_clock::now();
-    CallOutcome outcome = client.call(method, arguments, milliseconds(patience_ms_));
+    PipelinedAnswer outcome = client.ask(method, arguments, milliseconds(patience_ms_));
     account_.answered(method, arguments, outcome, begin, limit_of(method, arguments));
     if (outcome.status == UBUS_STATUS_CONNECTION_FAILED)
         throw std::runtime_error("the broker has gone");
@@ -228,7 +227,7 @@ CallOutcome Clients::account_call(BusClient &client, const std::string &method, 
 }
 
 // New messages only come behind the others, so what was read at an index is what is deleted there.
-void Clients::delete_known(BusClient &client, Random &random, const std::string &method)
+void Clients::delete_known(PipelinedCaller &client, Random &random, const std::string &method)
 {
     constexpr int64_t highest = 12, never_reached = 1000000;
     std::lock_guard lock(deleting_);
@@ -257,7 +256,7 @@ void Clients::delete_known(BusClient &client, Random &random, const std::string 
                  method == "delete_message" ? json{{"index", indexes[0]}} : json{{"index_list", indexes}});
 }
 
-void Clients::call(BusClient &client, Random &random)
+void Clients::call(PipelinedCaller &client, Random &random)
 {
     constexpr int deaths_per_mille = 50;
     constexpr int bad_per_mille = 150;

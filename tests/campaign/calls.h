@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "bus_client.h"
 #include "ledger.h"
+#include "pipelined_caller.h"
 #include "random.h"
 
 // The daemon serves one call at a time. So the time that a call took beyond queueing is that since it was made or, if
@@ -30,7 +30,7 @@ public:
     explicit CallAccount(int64_t slack_ms) : slack_ms_(slack_ms) {}
 
     // A call that was made at `begin` has been answered now.
-    void answered(const std::string &method, const nlohmann::json &arguments, const CallOutcome &outcome,
+    void answered(const std::string &method, const nlohmann::json &arguments, const PipelinedAnswer &outcome,
                   std::chrono::steady_clock::time_point begin, int64_t limit_ms);
     void died();
     // From now on calls may fail: the daemon is being stopped.
@@ -40,7 +40,7 @@ public:
     CallFigures figures() const;
 
 private:
-    void count(const std::string &call, const CallOutcome &outcome);
+    void count(const std::string &call, const PipelinedAnswer &outcome);
 
     int64_t slack_ms_;
     mutable std::mutex mutex_; // protects all below
@@ -69,10 +69,10 @@ public:
 
 private:
     void run(int number, uint64_t seed);
-    void call(BusClient &client, Random &random);
+    void call(PipelinedCaller &client, Random &random);
     void ask_and_die(Random &random, const std::string &method, const nlohmann::json &arguments);
-    void delete_known(BusClient &client, Random &random, const std::string &method);
-    CallOutcome account_call(BusClient &client, const std::string &method, const nlohmann::json &arguments);
+    void delete_known(PipelinedCaller &client, Random &random, const std::string &method);
+    PipelinedAnswer account_call(PipelinedCaller &client, const std::string &method, const nlohmann::json &arguments);
 
     std::string socket_;
     Ledger &ledger_;

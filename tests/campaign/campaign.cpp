@@ -17,7 +17,6 @@
 #include <stdexcept>
 #include <unistd.h>
 
-#include "bus_client.h"
 #include "calls.h"
 #include "ledger.h"
 #include "mischief.h"
@@ -102,7 +101,7 @@ public:
     bool answers()
     {
         try {
-            CallOutcome outcome = BusClient(socket()).call("get_imei", json::object(), milliseconds(20000));
+            PipelinedAnswer outcome = PipelinedCaller(socket()).ask("get_imei", json::object(), milliseconds(20000));
             return outcome.status == 0 && outcome.result() == 0;
         } catch (const std::runtime_error &) {
             return false; // no broker yet
@@ -120,7 +119,7 @@ public:
     bool quick_call_answered()
     {
         try {
-            return BusClient(socket()).call("get_autoconnect", json::object(), milliseconds(2000)).status == 0;
+            return PipelinedCaller(socket()).ask("get_autoconnect", json::object(), milliseconds(2000)).status == 0;
         } catch (const std::runtime_error &) {
             return false; // no broker yet
         }
@@ -279,7 +278,7 @@ void Campaign::lose_broker()
 
 json Campaign::call(const std::string &method, const json &arguments)
 {
-    CallOutcome outcome = BusClient(rig_.socket()).call(method, arguments, recovery_limit);
+    PipelinedAnswer outcome = PipelinedCaller(rig_.socket()).ask(method, arguments, recovery_limit);
     if (outcome.status != 0)
         throw Fault(fmt::format("{} gave status {} in a calm", method, outcome.status));
     return outcome.data;

@@ -12,9 +12,9 @@
 #include <sms.h>
 #include <unistd.h>
 
-#include "../campaign/bus_client.h"
 #include "adversary.h"
 #include "daemon.h"
+#include "pipelined_caller.h"
 
 namespace {
 
@@ -102,7 +102,7 @@ protected:
         call.command = fmt::format(fmt::runtime(call.question->command), unique++);
         return call;
     }
-    void run(BusClient &client, Call &call)
+    void run(PipelinedCaller &client, Call &call)
     {
         const Question &question = *call.question;
         json arguments = json::object();
@@ -113,7 +113,7 @@ protected:
         else if (question.kind == Kind::message)
             arguments = {{"dest", "+491701234567"}, {"type", 0}, {"content", call.command}};
         call.begin = Clock::now();
-        CallOutcome outcome = client.call(question.method, arguments, milliseconds(120000));
+        PipelinedAnswer outcome = client.ask(question.method, arguments, milliseconds(120000));
         call.end = Clock::now();
         call.result = outcome.status == 0 ? outcome.result() : -1000 - outcome.status;
         if (outcome.data.is_object() && outcome.data.contains(question.key))
@@ -142,7 +142,7 @@ protected:
             for (int i = 0; i < clients; i++)
                 threads.emplace_back([&, i, clients] {
                     std::mt19937 random(static_cast<unsigned>(seed * 10000 + i * 100 + clients));
-                    BusClient client(socket);
+                    PipelinedCaller client(socket);
                     for (int left = exchanges / static_cast<int>(rounds.size()) / clients; left > 0; left--) {
                         Call call = make_call(random, bag);
                         if (Clock::now() > end)
