@@ -113,7 +113,8 @@ static bool whole_hex(std::string_view field, uint64_t *value)
     return field.find_first_not_of("0123456789ABCDEFabcdef") == std::string_view::npos && parse_hex(field, value);
 }
 
-// All ones stand for an area that is not known, whatever the width; a wider number than the RAT has is no area.
+// A number whose bits are all ones stands for an unknown area, whatever its width. A number with more bits than areas
+// of the RAT have is no area.
 static void take_area(ServingCellRecord *cell, std::string_view field)
 {
     constexpr uint64_t ONES_16 = 0xFFFF, ONES_24 = 0xFFFFFF;
@@ -211,7 +212,7 @@ static bool take_cell(ServingCellRecord *cell, std::string_view line)
     return true;
 }
 
-// What stands behind the marker's line; not found without such a line.
+// The text behind the line that begins with the marker; not found when there is no such line.
 static Cut behind_line(std::string_view answer, std::string_view marker)
 {
     std::string_view line;
@@ -242,7 +243,7 @@ static std::string_view whole_lines(std::string_view text, size_t room)
     return text.substr(0, end == std::string_view::npos ? 0 : end + 1);
 }
 
-// The line is somebody else's: the lines of a cell listing carry no name of their own.
+// Does the line belong to something else? The lines of a cell listing carry no name of their own.
 static bool foreign(std::string_view line)
 {
     return line.starts_with('+');
@@ -275,7 +276,7 @@ result_t at_get_gtccinfo(std::span<char> text)
     return RESULT_OK;
 }
 
-// The value of `key` in one line; "--" stays for one that is empty or no figure.
+// Copies the value of `key` in one line; the value stays "--" when it is empty or no figure.
 static void take_figure(std::span<char> out, std::string_view line, std::string_view key)
 {
     Cut value = after_marker(behind(line, line.find(key)), ":");

@@ -1,5 +1,4 @@
-// Runs on the thread at_listener. It never interprets the text and never waits for longer than it takes the stop event
-// to come.
+// Runs on the thread at_listener. It does not interpret the text, and every wait of it ends with the stop event.
 
 #include "at_listener.h"
 
@@ -103,7 +102,8 @@ static bool ends_with_result(const Assembly &assembly)
     return text.ends_with('\n') && is_final_result(line, CommandKind::dial);
 }
 
-// Behind a chunk: waits as long as the silence that ends a burst. True when reading is to go on.
+// Called after each chunk: waits for more, for as long as the silence that ends a burst. Returns true when reading must
+// go on.
 static bool burst_goes_on(int fd, const Assembly *assembly, bool chunk_full)
 {
     uint32_t gap = settings_g.burst_gap_ms;
@@ -171,7 +171,8 @@ static Reading read_burst(int fd, Assembly *assembly, int *fruitless)
         message_enqueue(assembly);
         return Reading::again;
     }
-    // A device that hung up is readable for ever: pace it, and open it anew when that does not end.
+    // A device that has hung up stays readable for ever. So the reads are paced, and it is opened anew when that does
+    // not end.
     if (port_gone(fd) || ++*fruitless >= FRUITLESS_LIMIT)
         return Reading::lost;
     return sleep_while_running(FRUITLESS_PAUSE_MS) ? Reading::again : Reading::stopped;

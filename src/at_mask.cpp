@@ -53,7 +53,7 @@ static void take_name(SecretScan *scan, char c)
     }
 }
 
-// Moves on by one character; true when it belongs to a secret.
+// Takes the next character; returns true when it belongs to a secret.
 static bool is_secret(SecretScan *scan, char c)
 {
     if (!scan->inside) {

@@ -1,5 +1,5 @@
-// Runs on the thread at_sender. It does not wait for answers. A port that takes no bytes costs a command, not the
-// thread.
+// Runs on the thread at_sender. It does not wait for answers. When the port takes no bytes, a command is lost, but the
+// thread goes on.
 
 #include "at_sender.h"
 
@@ -64,7 +64,8 @@ static bool send_element(int fd, const TextElem *element)
     return written;
 }
 
-// Has the path become another port? A modem that restarted between two commands would lose the next one.
+// Does the path lead to another port than the open one? If the modem has restarted since the last command, the next one
+// would be lost.
 static bool port_replaced(int fd)
 {
     return file_exists(settings_g.port) && !port_is_same(fd, settings_g.port);

@@ -65,7 +65,7 @@ static struct uloop_timeout over_timer = {};
 static pthread_t worker;
 static bool worker_started;
 
-// What the calling thread is at.
+// The call that the calling thread carries out.
 static thread_local const MethodRow *arriving; // a call has come and may be put aside
 
 struct CallsLock : MutexLock {
@@ -120,7 +120,7 @@ static struct blob_attr *copy_of(const struct blob_attr *msg)
     return static_cast<struct blob_attr *>(copy ? memcpy(copy, msg, blob_raw_len(msg)) : nullptr);
 }
 
-// A place for one more call, or null. The caller holds the lock.
+// A free entry for one more call, or null. The caller holds the lock.
 static Call *free_place(size_t bytes)
 {
     if (stopping || !worker_started || waiting_bytes + bytes > MOST_WAITING_BYTES)
@@ -182,8 +182,8 @@ static bool earlier_of_same_caller(const Call &call)
     });
 }
 
-// Callers who ask the same and wait as well get the same answer, unless a caller's own earlier call is still to come.
-// While the modem is silent each has its own time-out.
+// Callers who wait with the same question get the same answer, except a caller who has an earlier call that still
+// waits. While the modem is silent each caller has a time-out of its own.
 static void take_twins(const Call *first)
 {
     if (first->row->kind != Kind::query || link_silent())
@@ -340,7 +340,7 @@ static void on_done(struct uloop_fd *watch, unsigned)
 {
     uint64_t count;
     if (read(watch->fd, &count, sizeof count) != sizeof count && errno == EAGAIN) {
-        // Another look has taken it; this one does no harm.
+        // An earlier look has taken it already, and this one does no harm.
     }
     tend_calls();
 }
@@ -367,7 +367,7 @@ void drop_calls()
     tend_calls();
 }
 
-// Is the worker still at a call whose caller waits?
+// Does the worker still carry out a call whose caller waits?
 static bool some_taken()
 {
     CallsLock lock;
@@ -375,7 +375,7 @@ static bool some_taken()
                        [](const Call &call) { return call.state == State::taken && call.wanted; });
 }
 
-// Of those who call while the daemon stops: refused, or answered if that needs neither modem nor script.
+// A call that comes while the daemon stops is refused, or answered when that needs neither the modem nor a script.
 static void take_in_calls()
 {
     uloop_cancelled = false; // else libubus reads nothing

@@ -64,7 +64,7 @@ void append_band_label(std::span<char, BAND_LIST_SIZE> list, const ServingCellRe
         std::string_view(cell->band) == "255")
         return;
     size_t used = strnlen(list.data(), list.size());
-    // Three labels of at most ten characters always fit; one more is left out whole.
+    // Three labels of at most ten characters always fit; a further label is left out completely.
     if (used + number.size() + 3 > list.size())
         return;
     snprintf(list.data() + used, list.size() - used, "%s%c%.*s", used ? "," : "", cell->rat == RAT_NR ? 'n' : 'b',

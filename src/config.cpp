@@ -75,7 +75,7 @@ static void read_number(const cJSON *settings, const char *key, uint32_t *value)
         *value = number > 0 ? UINT32_MAX : 0;
 }
 
-// The place of `text` among the names, or -1.
+// The position of `text` among the names, or -1.
 static int index_of(const char *text, std::span<const char *const> names)
 {
     for (size_t i = 0; i < names.size(); i++) {
@@ -85,8 +85,8 @@ static int index_of(const char *text, std::span<const char *const> names)
     return -1;
 }
 
-// *value becomes the place of a member's text among the names; without the member it stays. -1, after a log line that
-// names the `supported` ones, for any other text.
+// Sets *value to the position of the member's text among the names; it stays when there is no such member. Returns -1
+// for any other text, after a log line that gives the `supported` ones.
 static int read_choice(const cJSON *settings, const char *key, std::span<const char *const> names, const char *what,
                        const char *supported, uint32_t *value)
 {
@@ -158,7 +158,8 @@ int parse_settings()
     return 0;
 }
 
-// The texts of a JSON array, null where an item is none. `missing` names an item that cannot be fetched.
+// Reads the texts of a JSON array; an item that is no text becomes null. `missing` is the log's name for an item that
+// cannot be fetched.
 static char *copy_item(const cJSON *item, const char *function)
 {
     if (!cJSON_IsString(item)) {

@@ -35,7 +35,7 @@ int handle_get_autoconnect(HANDLER_ARGUMENTS)
     return reply_send(ctx, req);
 }
 
-// Setters that take one number as a switch: anything but 0 is on.
+// For setters whose only argument is a switch: every number but 0 means on.
 static int handle_switch(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg,
                          const struct blobmsg_policy (&policy)[1], result_t (*set)(uint8_t))
 {

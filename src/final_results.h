@@ -1,4 +1,5 @@
-// The final result codes that the configuration lists, such as "OK" and "+CME ERROR" (3GPP TS 27.007 9.2, ITU-T V.250 5.7.1).
+// The final result codes that the configuration lists, such as "OK" and "+CME ERROR" (3GPP TS 27.007 9.2, ITU-T
+// V.250 5.7.1).
 #pragma once
 
 #include <string_view>

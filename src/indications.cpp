@@ -49,7 +49,7 @@ static int32_t family_of(std::string_view type)
     return type.starts_with("IP") ? 0 : -1;
 }
 
-// The quoted text at the start of the field behind the second comma; empty without one.
+// The quoted text at the start of the third field; empty when there is none.
 static std::string_view apn_of(std::string_view line)
 {
     Cut rest = after_marker(after_marker(line, ",").text, ",");

@@ -1,7 +1,9 @@
-// What is to be sent: the commands that wait for their turn, and when the next one may go.
+// The commands that wait for their turn, and when the next one may be sent.
 #pragma once
 
 #include "link_state.h"
 
-void put_first(LinkMachine *m, const LinkCommand &command); // there is room for it
-void pump(LinkMachine *m, int64_t now);                     // sends what can be sent now
+// Puts a command in front of those that wait. The caller has checked that there is room for it.
+void put_first(LinkMachine *m, const LinkCommand &command);
+// Sends what can be sent now.
+void pump(LinkMachine *m, int64_t now);

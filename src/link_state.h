@@ -1,4 +1,4 @@
-// What the state machine of the link (link_machine.h) keeps.
+// The state that the state machine of the link (link_machine.h) keeps.
 #pragma once
 
 #include <cstddef>
@@ -6,20 +6,20 @@
 
 #include "link_text.h"
 
-// Leaves the prompt of a message (3GPP TS 27.005 3.5.1); the line end ends what a modem without prompt took for a
-// command.
+// ESC leaves the prompt of a message (3GPP TS 27.005 3.5.1). The line end behind it ends the command line of a modem
+// that was not at a prompt.
 constexpr char LINK_ESCAPE[] = "\x1b\r";
 
 constexpr uint32_t LINK_ANSWER_MAX = 256 * 1024; // bytes of an answer; a longer one is a failure
-constexpr unsigned LINK_NAMES = 32;              // commands of which is known how they are answered
+constexpr unsigned LINK_NAMES = 32;              // so many commands are remembered with the way they are answered
 constexpr unsigned LINK_RECENT = 16;             // answers whose times are kept
-constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: a caller's and 16 others
+constexpr unsigned LINK_WAITING_MAX = 17;        // commands that wait for their turn: one of a caller and 16 others
 constexpr unsigned LINK_OWED_MAX = 16;           // questions whose answers may still come
 
 enum class LinkCaller : uint8_t {
-    nobody, // the answer is not waited for
-    waits,  // for the answer
-    sends,  // for the prompt, then the text of a message follows and its answer (3GPP TS 27.005 3.5.1)
+    nobody, // nobody waits for the answer
+    waits,  // the caller waits for the answer
+    sends,  // the caller waits for the prompt, sends the text of a message and waits for the answer to that
 };
 
 struct LinkCommand {
@@ -48,7 +48,7 @@ enum class LinkDoubt : uint8_t {
     listing, // a text listing may hold a line "OK"
 };
 
-// What comes out of an event.
+// What the owner of the machine gets as the outcome of an event.
 struct LinkItem {
     enum class Kind : uint8_t {
         nothing,

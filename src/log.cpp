@@ -25,7 +25,7 @@ constexpr int STALL_MS = 50;
 constexpr int TRIES = 3; // room that poll has seen may be gone again
 constexpr char SYSTEM_LOG[] = "/dev/log";
 
-// Both set by open_log, before there are threads.
+// open_log sets both before there are other threads.
 static int output = STDOUT_FILENO;
 static bool output_is_socket = false;
 
@@ -34,7 +34,8 @@ static std::atomic<bool> stalled{false}; // the last write found no room: the ne
 
 void open_log()
 {
-    // The first files that the daemon opens would become its standard ones, and its lines go to the modem.
+    // Otherwise the first files that the daemon opens would become its standard output and error, and log lines would
+    // go to the modem.
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
         if (fcntl(fd, F_GETFD) == -1)
             (void)open("/dev/null", O_RDWR);
@@ -81,8 +82,8 @@ static bool write_out(const char *text, size_t length)
 static std::atomic<uint32_t> dropped_messages{0};
 static std::atomic<bool> system_log_stalled{false};
 
-// Sends what syslog(3) would. The C library does so on a socket that blocks for as long as the log's reader hangs, and
-// holds a lock meanwhile.
+// Sends what syslog(3) would send. The function of the C library uses a socket that blocks while the reader of the log
+// hangs, and it holds a lock meanwhile.
 static bool send_message(int fd, int level, const char *text)
 {
     char header[96];

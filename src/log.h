@@ -3,14 +3,15 @@
 
 #include <syslog.h>
 
-// Called by main before anything else: makes sure that standard input, output and error are open and that no line ever blocks on
-// standard output, be it a file, a pipe, a terminal or a socket. Without it lines are written as standard output takes them.
+// Called by main before anything else: makes sure that standard input, output and error are open and that no line ever
+// blocks on standard output, be it a file, a pipe, a terminal or a socket. Without it lines are written as standard
+// output takes them.
 void open_log();
 
-// Writes one line. `level` is a syslog priority (the daemon uses 3 errors, 6 information, 7 debug); `format` begins with
-// "[CELMUX: %s:%d] ", whose arguments are `function` and `line`. Any thread. Never blocks on a reader of standard output
-// or of the system log that has stopped reading: what cannot be written within a short while is dropped and counted, and the number
-// stands in the log once there is room again. errno is preserved.
+// Writes one line. `level` is a syslog priority (the daemon uses 3 errors, 6 information, 7 debug); `format` begins
+// with "[CELMUX: %s:%d] ", whose arguments are `function` and `line`. Any thread. Never blocks on a reader of standard
+// output or of the system log that has stopped reading: what cannot be written within a short while is dropped and
+// counted, and the number stands in the log once there is room again. errno is preserved.
 void ril_log(int level, const char *format, const char *function, int line, ...);
 
 // A plain diagnostic on standard output, without prefix; the text carries its own line end. Any thread, as ril_log.

@@ -37,7 +37,7 @@ struct Worker {
     std::atomic<uint8_t> ended;
 };
 
-// In the order of their start.
+// In the order in which they are started.
 static Worker workers[] = {{resp_processor, {}, false, {0}},
                            {at_listener, {}, false, {0}},
                            {at_sender, {}, false, {0}},
@@ -101,8 +101,8 @@ static void wait_for_stop(const sigset_t *signals)
     } while (sig != SIGINT && sig != SIGTERM);
 }
 
-// A worker may hang in a library or a device that knows nothing of `running`; what it holds is lost then, the messages
-// are not.
+// A worker may hang in a library or a driver that does not know `running`. What that worker holds is lost then, but the
+// messages are saved.
 static void leave_workers_behind()
 {
     CELMUX_LOG(LOG_ERR, "a thread does not end, leaving it behind", "main");

@@ -56,7 +56,7 @@ bool next_entry(EntryWalk *walk, MessageEntry *entry)
     return true;
 }
 
-// The octet at that place, or -1.
+// The octet at that position, or -1.
 static int octet_at(std::string_view pdu, size_t place)
 {
     uint64_t value;

@@ -60,7 +60,7 @@ bool parse_concatenation(std::string_view header, Concatenation *found)
     return valid;
 }
 
-// Outputs of the library that are of the size it was promised.
+// The library's output buffers, each of the size that the library was told.
 struct LibraryOutputs {
     DecodedMessage message;
     char line[LONGEST_LINE + 1];
@@ -84,8 +84,8 @@ static int split_line(LibraryOutputs *out, int *with_header)
     return length;
 }
 
-// The store keeps no header, so a text that needs the national language tables which its header names (TS 23.040
-// 9.2.3.24.15 and .16) is stored as UTF-8. The new length.
+// The store keeps no user-data header. So a text that needs the national language tables which its header names (3GPP
+// TS 23.040 9.2.3.24.15 and .16) is stored as UTF-8. Returns the new length.
 static int resolve_language(LibraryOutputs *out, int length)
 {
     char text[SMS_TEXT_SIZE], plain[SMS_TEXT_SIZE];

@@ -25,7 +25,8 @@ constexpr unsigned GROUP = 8;               // messages that one save serves
 constexpr int64_t SHORTEST_PAUSE_MS = 1000; // between two listings that fail
 constexpr int64_t LONGEST_PAUSE_MS = 300000;
 
-// While the requester reads, it stores what the answers hold; the response processor leaves them alone and counts them.
+// While the requester reads messages, it stores what the answers hold. The response processor does not store from those
+// answers; it only counts them.
 static std::atomic<uint8_t> reading{0};
 static std::atomic<uint32_t> answers_left{0};
 static std::atomic<uint8_t> at_once{0};
@@ -43,14 +44,15 @@ struct Batch {
     bool unread; // a message was added
 };
 
-// Between two exchanges: a bus call that waits to talk to the modem has been woken, and needs a moment to begin.
+// Called between two exchanges. A call of the bus that waits for its turn has just been woken and needs a moment to
+// begin its exchange.
 static void give_others_a_turn()
 {
     constexpr useconds_t TURN_US = 200;
     (void)usleep(TURN_US);
 }
 
-// The reason is told once, until nothing waits any more.
+// Logs the reason once; it is logged again only after everything that waited has been taken.
 static void note_trouble(MessageFetch *fetch, const char *reason)
 {
     if (!fetch->trouble)
@@ -92,7 +94,7 @@ static void take_message(MessageFetch *fetch, const MessageEntry &entry, const D
 {
     uint64_t fingerprint = fingerprint_of(entry.pdu);
     if (find_known(fetch, fingerprint)) {
-        // What is not there any more was deleted by a client, and must not come back.
+        // A message that is not in the store any more was deleted by a client and must not come back.
         add_place(batch, entry.place, fingerprint, message_is_stored(message));
         return;
     }
@@ -119,7 +121,7 @@ static void take_unreadable(MessageFetch *fetch, const MessageEntry &entry, Batc
     add_place(batch, entry.place, 0, false);
 }
 
-// False when the message has to be read again.
+// Returns false when the message has to be read again.
 static bool take_entry(MessageFetch *fetch, const MessageEntry &entry, bool last_try, Batch *batch)
 {
     DecodedMessage *message = nullptr;
@@ -151,7 +153,7 @@ static bool take_entry(MessageFetch *fetch, const MessageEntry &entry, bool last
     return last_try;
 }
 
-// Messages are read in PDU mode; the mode is the clients' setting and is put back behind the reading.
+// Messages are read in PDU mode. The mode is a setting of the clients, so it is restored after the reading.
 static bool borrow_pdu_mode(MessageFetch *fetch)
 {
     if (fetch->pdu_mode_borrowed || at_send_setter("AT+CMGF=0\r") != RESULT_OK)
@@ -167,7 +169,7 @@ static void return_pdu_mode(MessageFetch *fetch)
     fetch->pdu_mode_borrowed = false;
 }
 
-// Has the message read (place 0 or more) or all of them listed.
+// Asks for the message in `place`, or for a list of all messages when it is negative.
 static result_t read_messages(int32_t place, AtAnswer *answer)
 {
     uint32_t before = answers_left.load();
@@ -220,8 +222,8 @@ static bool take_place(MessageFetch *fetch, int32_t place, Batch *batch)
     return code != RESULT_REQUEST_FAILED;
 }
 
-// A deletion without an answer may have been carried out all the same, and the network may have put the next message
-// into the place: it is not tried again before the SIM has been listed.
+// A deletion that got no answer may have been carried out all the same, and the network may have put the next message
+// into the same place. So the deletion is not repeated before the SIM has been listed.
 static bool clear_place(const Place &place)
 {
     for (int i = 1; i <= TRIES; i++) {
@@ -277,7 +279,7 @@ bool next_announced(int32_t *place, uint32_t wait_ms, const uint32_t *since)
     return true;
 }
 
-// The next listing is tried with the next routine; `longer`: or with a later one each time.
+// The next listing is tried with the next routine, or, with `longer`, after a pause that grows each time.
 static void list_later(MessageFetch *fetch, bool longer)
 {
     int64_t pause_ms = int64_t{2} * fetch->pause_ms;
@@ -321,7 +323,7 @@ static bool in_text_mode()
     return at_exchange("AT+CMGF?\r", "+CMGF:", nullptr, &answer) == RESULT_OK && strstr(answer.text, "+CMGF: 1");
 }
 
-// Has it been taken over, and only waits for the disk?
+// Has the message been taken over, so that it only waits to be written to the disk?
 static bool waits_for_disk(MessageFetch *fetch, const MessageEntry &entry)
 {
     DecodedMessage *message = nullptr;
@@ -335,8 +337,8 @@ static bool waits_for_disk(MessageFetch *fetch, const MessageEntry &entry)
 
 enum class Listing { nothing, taken, failed };
 
-// The listing only tells the places: each message is read from its own one, so that a line that came damaged cannot
-// have another place cleared than that of its message.
+// The list only tells which places hold messages. Each message is then read from its place, so that a damaged line in
+// the list cannot make the daemon clear the place of another message.
 static Listing take_listed(MessageFetch *fetch, const AtAnswer &answer)
 {
     constexpr int32_t UNSENT = 2;
@@ -387,7 +389,8 @@ void fetch_listed(MessageFetch *fetch)
     result_t code = list_in_pdu_mode(fetch, &answer);
     bool listed = code == RESULT_OK || sim_unusable(answer);
     Listing outcome = code == RESULT_OK ? take_listed(fetch, answer) : Listing::nothing;
-    // A modem that shows the same again, although all of it was taken, would be listed without end.
+    // A modem that shows the same list again, although all of it was taken, would otherwise be asked for it without
+    // end.
     uint64_t shown = outcome == Listing::taken ? fingerprint_of(answer.view()) : 0;
     const bool again = shown != 0 && shown == fetch->last_taken;
     fetch->last_taken = again ? 0 : shown;

@@ -19,8 +19,8 @@ constexpr size_t WRITE_SIZE = 4096;
 constexpr const char *OPEN_FAILED = "open message data file failed: %d, %s\n";
 constexpr const char *WRITE_FAILED = "write message data file failed: %d, %s\n";
 
-// A failure is told once until something succeeds: what failed is tried again every few seconds. Guarded by the array's
-// mutex.
+// What failed is tried again every few seconds, so a failure is printed only once until something succeeds. Guarded by
+// the array's mutex.
 static bool failing;
 
 static bool first_failure()
@@ -114,7 +114,7 @@ bool keep_message_file(const char *path, const char *suffix, const char *reason)
     if (snprintf(kept, sizeof kept, "%s%s", path, suffix) >= PATH_MAX)
         return false;
     (void)file_unlink(kept); // usually there is none
-    // Some file systems have no links.
+    // Some file systems have no hard links.
     bool done = file_link(path, kept) == 0 || file_rename(path, kept) == 0;
     if (done)
         print_out("message data file %s, kept as %s\n", reason, kept);
@@ -166,7 +166,7 @@ static int read_open_file(int fd, const char *path, MessageArray *array)
     }
     if (outcome.result < 0 && first_failure())
         print_out("load message data file failed.\n");
-    // What cannot be kept must not be replaced either: as if it could not be read.
+    // A file of which no copy can be kept must not be replaced. It is treated as one that cannot be read.
     bool kept = (outcome.complete || keep_message_file(path, ".full", "not read completely")) &&
                 (outcome.intact || keep_message_file(path, ".damaged", "damaged"));
     if (outcome.result < 0 || !kept) {
@@ -204,8 +204,8 @@ bool message_file_appeared(const char *path, const MessageArray *array)
     return file_identity_of(path, &found) == 0 && (found.device != known.device || found.inode != known.inode);
 }
 
-// A folder that is mounted late, or a file that somebody put there: its messages come first, then those of the array.
-// 0, or -1 when the file cannot be read.
+// For a file that appears after the start, because its folder was mounted late or somebody put it there. Its messages
+// come first, those of the array behind them. Returns 0, or -1 when the file cannot be read.
 static int take_up_file(const char *path, MessageArray *array)
 {
     MessageArray joined = {};

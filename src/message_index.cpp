@@ -7,7 +7,8 @@ constexpr int64_t NO_INDEX = 0;
 constexpr unsigned PENDING_MAX = 128; // as many as incomming_sms_queue holds
 
 std::atomic<uint8_t> g_sms_sweep{0};
-// Indexes that wait in incomming_sms_queue, each plus 1: filled by this thread, emptied by the requester.
+// The indexes that wait in incomming_sms_queue, each plus 1. The response processor fills this array, the requester
+// empties it.
 static std::atomic<int64_t> pending_indexes[PENDING_MAX];
 
 static std::atomic<int64_t> *pending_slot(int64_t wanted)

@@ -112,7 +112,7 @@ static StoredMessage *message_from_json(const cJSON *object, uint8_t *bytes)
     return message;
 }
 
-// Finds the end of one JSON value without recursion; what it lets through is checked by the parser.
+// Finds the end of one JSON value without recursion. It accepts more than JSON; the parser checks the value afterwards.
 struct ValueScan {
     unsigned depth;
     bool in_string, escaped;
@@ -139,7 +139,7 @@ static bool value_ended(ValueScan *scan, uint8_t c, bool *last)
 
 enum class Element { none, value, oversize };
 
-// Measures the value at the reader's position. An oversize one is consumed as far as it goes.
+// Measures the value at the reader's position. A value that is too large is consumed up to its end.
 static Element find_element(MessageReader *reader, size_t *length)
 {
     ValueScan scan = {};

@@ -25,7 +25,7 @@ static MessageFields fields_of(const DecodedMessage *message)
     };
 }
 
-// Equal but for what a client changed?
+// Are both equal, apart from what a client may have changed?
 static bool same_message(const StoredMessage *stored, const StoredMessage *message)
 {
     constexpr size_t BEHIND_READ = RECORD_READ + 1;
@@ -33,7 +33,7 @@ static bool same_message(const StoredMessage *stored, const StoredMessage *messa
            memcmp(record_of(stored) + BEHIND_READ, record_of(message) + BEHIND_READ, message->size - BEHIND_READ) == 0;
 }
 
-// Takes the message over.
+// The message belongs to the array afterwards.
 static AddResult add_single(MessageArray *array, StoredMessage *message)
 {
     for (uint32_t i = 0; i < array->count; i++) {
@@ -49,14 +49,14 @@ static AddResult add_single(MessageArray *array, StoredMessage *message)
     return AddResult::refused;
 }
 
-// Of a text in national language tables those parts that need the tables are UTF-8, the others are not.
+// When a text uses national language tables, only those of its parts that need the tables are stored as UTF-8.
 static bool alphabets_match(int8_t stored, int8_t part)
 {
     return stored == part || (stored == SMS_ALPHABET_UTF8 && part == SMS_ALPHABET_GSM) ||
            (stored == SMS_ALPHABET_GSM && part == SMS_ALPHABET_UTF8);
 }
 
-// Parts of one message arrive at different times, so the time is none of the anchors.
+// The parts of one message arrive at different times, so their times are not compared.
 static bool belongs_to(const MessageFields &stored, const MessageFields &part)
 {
     return stored.is_long && stored.csms_ref == part.csms_ref && stored.total == part.total &&
@@ -88,7 +88,7 @@ static bool all_parts_present(const StoredMessage *message, uint8_t total)
     return sum == static_cast<uint16_t>(total * (total + 1) / 2);
 }
 
-// A part in its own alphabet and, once that was asked for, as UTF-8.
+// A part in its own alphabet, and also as UTF-8 once somebody has asked for that.
 struct PartForms {
     MessagePart own;
     int8_t alphabet;
@@ -163,7 +163,7 @@ static AddResult join_part(MessageArray *array, uint32_t position, const Message
     return AddResult::added;
 }
 
-// Seconds of a day; 0 for what is no "HH:MM:SS".
+// Seconds since midnight; 0 for a text that is not "HH:MM:SS".
 static int32_t seconds_of(std::string_view time)
 {
     if (time.size() < STAMP_SIZE - 1)

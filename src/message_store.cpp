@@ -84,7 +84,7 @@ void start_message_store()
         std::swap(own, message_array);
     array_free(&own);
     message_array.file = {false, message_array.count, identity}; // the next save replaces that file, not the older one
-    // Unless the older file still is the only one that holds these messages; it is read again at the next start.
+    // The older file stays when it is the only one that holds these messages; it is read again at the next start.
     if (taken ? save_messages(MESSAGE_FILE) == 0 : loaded >= 0 && !useful)
         (void)file_unlink(LEGACY_MESSAGE_FILE);
 }
@@ -208,7 +208,7 @@ static size_t fields_size(const MessageFields &fields, const OrderedContents &co
            member_size("message", bytes * member_size("", 2));
 }
 
-// There is room for everything, so no addition can fail.
+// The buffer has room for everything, so no addition can fail.
 static void add_fields(struct blob_buf *reply, const MessageFields &fields, const OrderedContents &contents)
 {
     blobmsg_add_string(reply, "alphabet", alphabet_name(fields.alphabet));
@@ -225,7 +225,7 @@ static void add_fields(struct blob_buf *reply, const MessageFields &fields, cons
     blobmsg_close_array(reply, array);
 }
 
-// In one piece: growing bit by bit would copy a listing again and again.
+// Makes room for the whole list at once. Growing step by step would copy the list again and again.
 static bool make_room(struct blob_buf *reply, size_t size)
 {
     size_t needed = blob_pad_len(reply->head) + size;
@@ -233,7 +233,7 @@ static bool make_room(struct blob_buf *reply, size_t size)
     return needed <= have || blob_buf_grow(reply, static_cast<int>(needed - have));
 }
 
-// A table of the listing: the message's index and its fields.
+// Adds one table to the list: the index of the message and its fields.
 static size_t table_size(const StoredMessage *message)
 {
     OrderedContents contents;
@@ -242,7 +242,7 @@ static size_t table_size(const StoredMessage *message)
     return member_size("", member_size("index", 4) + fields_size(fields, contents));
 }
 
-// Once, until a listing is whole again.
+// Logged once, and again only after a list was complete.
 static void tell_truncation(uint32_t left_out)
 {
     static bool told; // guarded by the mutex

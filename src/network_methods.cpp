@@ -190,7 +190,7 @@ const struct blobmsg_policy policy_at_passthrough[] = {
 
 int handle_at_passthrough(HANDLER_ARGUMENTS)
 {
-    // No other method that needs the modem is served meanwhile, and a negative number would mean weeks.
+    // No other method that needs the modem is served during the wait, and a negative number would mean a wait of weeks.
     constexpr uint32_t LONGEST_MS = 600'000;
     const auto [at, timeout] = parse_arguments(policy_at_passthrough, msg);
     if (!at)

@@ -1,4 +1,5 @@
-// What the daemon relies on in the router's libraries, so that a build against others fails here and not on a router. Holds no code.
+// What the daemon relies on in the router's libraries, so that a build against others fails here and not on a router.
+// Holds no code.
 
 #include <cstddef>
 #include <type_traits>

@@ -1,5 +1,5 @@
-// The queue between the daemon's threads. Any thread may call any operation; no lock is taken. The counters decide who
-// may claim or fill a slot, the slots themselves hand the elements over.
+// The queue between the daemon's threads. Any thread may call any operation, and no lock is taken. The counters decide
+// which thread may claim or fill a slot; the element itself is handed over in the slot.
 
 #include "pool_queue.h"
 
@@ -99,8 +99,8 @@ static void *take_for(const Ring &ring, uint32_t timeout_ms, bool end_when_woken
         if (element)
             return element;
         int64_t left = deadline - monotonic_ms();
-        // Between the reading of the event and the sleep: a stop that moved the event before it was read would be
-        // missed.
+        // This check stands between the reading of the event and the sleep. Otherwise a stop that changed the event
+        // just before it was read would be missed.
         if (left <= 0 || running.load() == 0)
             return nullptr;
         ring.event_waiters->fetch_add(1);

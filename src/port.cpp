@@ -25,13 +25,13 @@
 #define CMSPAR 010000000000
 #endif
 
-// What the two threads opened last, or main for the reader. They may be closed since.
+// The descriptors that the two threads, or main for the reader, opened last. They may have been closed since.
 static std::atomic<int> reader_fd{-1}, writer_fd{-1};
 static std::atomic<int> claimed_fd{-1}; // opened by claim_port, for the reader's first open
 static std::atomic<uint8_t> claim_kept{0};
 
-// A pseudo-terminal keeps the mark when all its users are gone, also killed ones, and then only root can open it: it
-// has to do with the lock of the file.
+// A pseudo-terminal keeps that state after all its users have ended or were killed, and then only root can open it. So
+// the lock of the file has to be enough for a pseudo-terminal.
 static bool is_pseudo_terminal(int fd)
 {
     constexpr unsigned FIRST_MAJOR = 136, LAST_MAJOR = 143;
@@ -47,7 +47,7 @@ static void mark_exclusive(bool exclusive)
     }
 }
 
-// Held by the reader's descriptor alone: it is the process's for as long as that is open.
+// Only the reader's descriptor holds the lock. The process has the lock for as long as that descriptor is open.
 static bool lock_port(int fd)
 {
     return flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
@@ -118,7 +118,7 @@ int open_configured_port(const Settings *settings, int flags, const char *thread
     return fd;
 }
 
-// Errors of a device that is going away or not there yet.
+// Errors that a device gives which is about to disappear or is not there yet.
 static bool device_absent(int error)
 {
     return error == ENOENT || error == ENXIO || error == ENODEV || error == EIO || error == EAGAIN || error == EBUSY;

@@ -31,7 +31,7 @@ constexpr int QUIET_MS = 100; // without an answer after the last command
 
 static const char *const COMMANDS[] = {"AT+CGSN=1\n", "AT+GMM?\n", "AT+CGMI?\n", "ATI9\n", "ATI8\n"};
 
-// The line under construction.
+// The line that is being put together.
 struct InfoLine {
     std::span<char> out;
     size_t used;
@@ -144,7 +144,7 @@ static void read_device(const char *device, int out)
     }
 }
 
-// The open end of its pipe tells the parent that it is still at work.
+// As long as the child's end of the pipe is open, the parent knows that the child still works.
 static void write_device(const char *device, int)
 {
     poll(nullptr, 0, START_MS);
@@ -162,7 +162,7 @@ struct Answers {
     size_t size;
 };
 
-// False at the reader's end.
+// Returns false when the reader has ended.
 static bool read_answers(int fd, Answers *answers)
 {
     char chunk[256];
@@ -176,7 +176,7 @@ static bool read_answers(int fd, Answers *answers)
     return true;
 }
 
-// Gathers answers until the writer is done and the modem quiet, the reader ends, or time is up.
+// Gathers answers until the writer is done and the modem is quiet, the reader has ended, or the time is over.
 static void gather_answers(int reader_fd, int writer_fd, Answers *answers)
 {
     const int64_t deadline = monotonic_ms() + CONVERSATION_MS;

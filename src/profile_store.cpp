@@ -54,7 +54,7 @@ struct ShownValue {
     }
 };
 
-// Takes `value`, a heap text, over.
+// `value` is a heap text; it belongs to the profile afterwards.
 static void store_field(ApnProfile *record, const ProfileField &field, char *value)
 {
     if (field.type == FieldType::NUMBER) {
@@ -231,8 +231,8 @@ static int append_profile(UciSession *session, void *state)
     return code != 0 ? code : set_values(session, change->name, *change->values);
 }
 
-// Somebody else has begun a section under the name that ours got: he keeps that place, with what he has set, and ours
-// goes to the end.
+// Somebody else has saved a section under the name that ours got. Theirs keeps the name with everything that was set in
+// it, and ours is added at the end.
 static int move_profile(UciSession *session, void *state)
 {
     ProfileChange *change = static_cast<ProfileChange *>(state);

@@ -139,7 +139,8 @@ int exec_retry(const char *command, char **answer, int append_cr, int tries)
     return -1;
 }
 
-// One step of the message exchange: the prompt, or the result behind the text. True when it holds `wanted`.
+// One step of sending a message: waits for the prompt, or for the answer to the text. Returns true when what came holds
+// `wanted`.
 static bool message_step(uint32_t number, const char *command, const char *wanted, uint32_t timeout_ms)
 {
     char *answer = nullptr;

@@ -155,7 +155,7 @@ static uint32_t idle_wait_ms(const RequesterState *state)
 static void serve_messages(RequesterState *state, uint32_t since)
 {
     if (g_scanning.load()) {
-        // Every command is refused during a scan; an index taken now would be lost.
+        // Every command is refused during a scan, so an index that is taken off the queue now would be lost.
         (void)sleep_while_running(SHORT_PAUSE_MS);
         return;
     }

@@ -16,7 +16,7 @@
 
 constexpr uint32_t IDLE_MS = 60000; // a push wakes the thread at once
 
-// Passes an answer on to its caller; takes the text over. When the queue is full its oldest answer makes room.
+// Passes an answer on to its caller and takes over the text. When the queue is full, its oldest answer is dropped.
 static void resp_enqueue(const TextElem *element)
 {
     TextElem *answer = static_cast<TextElem *>(pool_queue_try_alloc(&resp_queue));
@@ -36,7 +36,7 @@ static void resp_enqueue(const TextElem *element)
     pool_queue_push(&resp_queue, answer);
 }
 
-// A modem that says so after a silence has started, and may not answer what it was asked before.
+// A modem that sends this after a silence has just started and may never answer what it was asked before.
 static void watch_for_start(const char *text)
 {
     constexpr int64_t SILENCE_MS = 3000;
@@ -69,7 +69,7 @@ static void scan_lines(const char *text)
     free(copy);
 }
 
-// The answer goes to its caller when what it says has been acted on.
+// The answer goes to its caller after the daemon has acted on what it says.
 static void pass_on(const LinkItem &item)
 {
     if (item.text) {

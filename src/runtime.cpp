@@ -1,5 +1,5 @@
-// What the headers of the C++ library call where one of their checks fails. The daemon is linked without that library, and a
-// check that fails is a fault of ours: it ends the process at once, for its supervisor to start anew.
+// What the headers of the C++ library call where one of their checks fails. The daemon is linked without that library,
+// and a check that fails is a fault of ours: it ends the process at once, for its supervisor to start anew.
 
 #include <cstdlib>
 

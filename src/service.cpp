@@ -52,7 +52,8 @@ static void handle_signal(int sig, siginfo_t *, void *)
 
 static bool take_stop_signal()
 {
-    // The handler first: a stop may have come before this thread, and its signal waits to be unblocked.
+    // The signal handler is set up first: a stop may have come before this thread started, and its signal is delivered
+    // as soon as it is unblocked.
     struct sigaction action = {};
     action.sa_sigaction = handle_signal;
     sigemptyset(&action.sa_mask);
@@ -80,7 +81,7 @@ static void add_object()
         CELMUX_LOG(LOG_ERR, "failed to add object: %s", "server_main", ubus_strerror(status));
 }
 
-// The broker may restart while the daemon runs: come back at once, then every second.
+// The broker may restart while the daemon runs. The daemon connects again at once, and then tries every second.
 static void reconnect(struct uloop_timeout *timer)
 {
     if (connection_lost && ubus_reconnect(bus, nullptr) != 0) {
@@ -133,7 +134,7 @@ static void describe_object()
     celmux_object.n_methods = static_cast<int>(METHOD_COUNT);
 }
 
-// The folder is everybody's: what stands there already, a link too, is left as it is.
+// Everybody may write to this folder. Whatever has that name already, even a link, is left as it is.
 static bool mark_first_start()
 {
     int fd = open(FIRST_START_MARKER, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
@@ -184,7 +185,7 @@ static void serve()
     take_leave();
 }
 
-// A broker that is not there yet comes later.
+// The broker may not be there yet; the daemon then tries again.
 static bool connect_to_bus()
 {
     bus = ubus_connect(nullptr);

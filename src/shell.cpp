@@ -60,7 +60,7 @@ static pid_t start_shell(const char *command, int output_fd)
     return -1;
 }
 
-// Has the time of a command passed, also because the daemon stops?
+// Is the time of a command over? It is also over when the daemon stops.
 static bool overdue(int64_t started)
 {
     static std::atomic<int64_t> stop_seen{0};
@@ -120,7 +120,7 @@ int run_shell_format(const char *format, ...)
     return run_shell(command);
 }
 
-// Reads to the end of the output, keeping what fits; false when the time passed first.
+// Reads to the end of the output and keeps what fits. Returns false when the time was over before the end.
 static bool read_output(int fd, char output[COMMAND_OUTPUT_SIZE], int64_t started)
 {
     constexpr int LOOK_MS = 100;

@@ -54,7 +54,7 @@ struct Lookup {
     uci_ptr found;
 };
 
-// Error number of the lookup; what does not exist is told by `found`.
+// Returns the error number of the lookup. `found` tells whether the key exists.
 static int look_up(UciSession *session, const char *key, Lookup *lookup)
 {
     if (!session->context || !copy_text(lookup->key, key))
@@ -183,7 +183,7 @@ int uci_session_delete(UciSession *session, const char *key)
     return code == UCI_OK ? uci_delete(session->context, &lookup.found) : code;
 }
 
-// What `edit` makes of the copy.
+// Has `edit` change the copy.
 static int edit_copy(const UciCopy &copy, UciEdit edit, void *state, UciText *text)
 {
     UciSession session(copy.config, copy.saved);

@@ -156,7 +156,7 @@ static void wait_for_other_commit(const UciFile &file)
         pause_shortly();
 }
 
-// The lock of a file that was replaced meanwhile is worth nothing.
+// A lock on a file that has been replaced in the meantime protects nothing.
 static int open_config(UciFile *file, const char *path)
 {
     constexpr int TRIES = 50;
@@ -224,7 +224,8 @@ int uci_file_open(UciFile *file, const char *confdir, const char *savedir, const
     return code;
 }
 
-// Locked before anybody can find it at its final name, and proved by reading it back.
+// The new file is locked before anybody can find it under its final name, and it is read back to prove that it is
+// complete.
 static int write_temporary(const UciFile &file, const char *path, const char *text, size_t size)
 {
     struct stat info;
@@ -257,8 +258,8 @@ static void sync_folder(char *path)
     close(fd);
 }
 
-// A lease for writing is given only to whoever alone has the file open. Where the file system has none, nobody seems to
-// have it.
+// The kernel gives a write lease only to a process that alone has the file open. On a file system without leases the
+// file counts as not open anywhere else.
 static bool others_have_it_open(int fd)
 {
     if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0)
@@ -267,8 +268,8 @@ static bool others_have_it_open(int fd)
     return false;
 }
 
-// Who waited for the old file holds its lock now, which keeps nobody from the new one: until he has put his own file in
-// place, no change may begin.
+// A process that waited for the old file holds its lock now, which does not protect the new file. No change may begin
+// until that process has put its own file in place.
 static void see_waiters_off(const UciFile &file)
 {
     (void)flock(file.fd, LOCK_UN);
@@ -277,8 +278,8 @@ static void see_waiters_off(const UciFile &file)
     wait_for_other_commit(file);
 }
 
-// Puts the temporary file in place while nobody can add to what is pending. False in *current: somebody has, or has put
-// his own file there.
+// Puts the temporary file in place while nobody can add to what is pending. *current becomes false when somebody has
+// added to it before or has put a file of their own there.
 static bool move_into_place(const UciFile &file, const char *temporary, bool *current)
 {
     int pending = -1;

@@ -37,7 +37,7 @@ int celmuxd_wanmd_socket_init()
     return 0;
 }
 
-// 0, or the error number.
+// Returns 0 or the error number.
 static int send_notice(std::string_view text)
 {
     const WanmdSocket *link = &celmuxd_wanmd_sockfd;
