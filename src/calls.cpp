@@ -65,8 +65,8 @@ static struct uloop_timeout over_timer = {};
 static pthread_t worker;
 static bool worker_started;
 
-// The call that the calling thread carries out.
-static thread_local const MethodRow *arriving; // a call has come and may be put aside
+// The row of the call that has come to this thread and may still be put aside; null otherwise.
+static thread_local const MethodRow *arriving;
 
 struct CallsLock : MutexLock {
     CallsLock() : MutexLock(&calls_mutex) {}
