@@ -187,8 +187,8 @@ TEST(DaemonStart, ASecondOneOrAnArgumentEndsAtOnce)
     EXPECT_TRUE(wait_for([&] { return daemon.call("get_imei").result() == 0; }));
 }
 
-// The commands that the modem got, in order: the record's lines without time and number. The escape that leaves a prompt
-// comes before the first, and is no command.
+// The commands that the modem got, in order: the record's lines without time and number. The escape that leaves a
+// prompt comes before the first, and is no command.
 static std::vector<std::string> commands(const std::string &record)
 {
     std::vector<std::string> result;
