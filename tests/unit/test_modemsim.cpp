@@ -1,145 +1,248 @@
-#include "test_modemsim_rig.h"
-
+// Runs the courses of tests/data/modemsim: what a simulated modem is told and what it says.
+//
+//   profile JSON    another modem, as modemsim/README.md has profiles; echo is off and messages are sent at once
+//   > TEXT          a command line; the carriage return is added. Bytes are written as \r \n \xNN.
+//   >> TEXT         bytes as they are
+//   wait MS         time passes; nothing else makes it pass
+//   ctl WORDS       a control command; its answer is shown when it is refused
+//   state POINTER   shows a part of the modem's state
+//   < TEXT          what came since the last line; a CR LF is written as ~
+//
+// With CELMUX_KEEP_OUTPUT in the environment the outputs are written anew instead of being compared.
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <optional>
+#include <sstream>
+
+#include "modemsim/control.h"
+#include "modemsim/engine.h"
 
 namespace {
 
-struct Exchange {
-    const char *profile;
-    const char *command;
-    const char *answer; ///< the lines before OK; as a whole answer when it begins with a line end
-};
+// A simulated modem without a port and without a clock: time passes only where a test says so.
+struct Rig {
+    std::string out;
+    modemsim::Engine engine{modemsim::Host{[this](std::string_view bytes) { out += bytes; }, [](bool) {},
+                                           [](int64_t, uint64_t, std::string_view) {}}};
+    modemsim::Control control{engine};
 
-constexpr const char *usual = "{}";
-constexpr const char *no_sim = R"({"modem":{"sim":{"state":"absent"}}})";
-constexpr const char *no_sim_text = R"({"modem":{"sim":{"state":"absent"},"settings":{"cmee":2}}})";
-constexpr const char *no_sim_fm160 = R"({"modem":{"sim":{"state":"absent"},"behaviour":{"no_sim":"fm160"}}})";
-constexpr const char *no_errors = R"({"modem":{"sim":{"state":"absent"},"settings":{"cmee":0}}})";
-constexpr const char *pin = R"({"modem":{"sim":{"state":"pin"}}})";
-constexpr const char *endc = R"({"modem":{"network":{"cell":"endc"},"settings":{"creg":2}}})";
-constexpr const char *nowhere = R"({"modem":{"network":{"cell":"none"}}})";
-constexpr const char *off = R"({"modem":{"settings":{"cfun":4}}})";
-
-const Exchange exchanges[] = {
-    {usual, "at+cgmi", "Fibocom Wireless Inc."},
-    {usual, "AT+CGMI?;+NONSENSE;+CGSN?", "\r\n+CGMI: \"Fibocom Wireless Inc.\"\r\n\r\nERROR\r\n"},
-    {usual, "0021\x0f noise AT+CMGF?", "+CMGF: 0"},
-    {usual, "AT+GTACT=,,,999999", "\r\nERROR\r\n"},
-    {usual, "AT+COPS=3,2;+COPS?", "+COPS: 0,2,\"46001\",7"},
-    {usual, "AT+CPINR=\"SIM PUK\"", "+CPINR: SIM PUK,10,10"},
-    {usual, "AT+CLCC", "\r\nOK\r\n"},
-    {no_sim, "AT+CPIN?", "\r\n+CME ERROR: 10\r\n"},
-    {no_sim, "AT+CCID", "\r\n+CME ERROR: 13\r\n"},
-    {no_sim, "AT+CNUM", "\r\nERROR\r\n"},
-    {no_sim, "AT+CMGL=4", "\r\n+CMS ERROR: 310\r\n"},
-    {no_sim, "AT+COPS?", "+COPS: 0"},
-    {no_sim_text, "AT+CPIN?", "\r\n+CME ERROR: SIM not inserted\r\n"},
-    {no_sim_fm160, "AT+CMGF?", "\r\n+CME ERROR: 10\r\n"},
-    {no_sim_fm160, "AT+CPMS?", "\r\nERROR\r\n"},
-    {no_errors, "AT+CPIN?", "\r\nERROR\r\n"},
-    {pin, "AT+CIMI?", "\r\n+CME ERROR: 11\r\n"},
-    {pin, "AT+CMGF?", "\r\n+CMS ERROR: 311\r\n"},
-    {usual, "AT+GTCCINFO?",
-     "+GTCCINFO: \r\nLTE service cell: \r\n1,4,460,01,4F50,52AB337,672,1E4,103,100,44,63,63,24\r\n"
-     "LTE neighbor cell: \r\n2,4,,,,,672,190,,44,44,2\r\n2,4,,,,,64,EA,,32,32,10"},
-    {endc, "AT+CREG?", "+CREG: 2,1,\"4F50\",\"052AB337\",13"},
-    {nowhere, "AT+GTCCINFO?", "+GTCCINFO: "},
-    {nowhere, "AT+CSQ", "+CSQ: 99,99"},
-    {nowhere, "AT$QCRMCALL=1,1", "\r\nNO CARRIER\r\n"},
-    {off, "AT+CREG?", "+CREG: 0,0"},
-};
-
-TEST(ModemsimAnswer, HasTheFormOfTheRealModem)
-{
-    for (const Exchange &exchange : exchanges) {
-        Rig rig(exchange.profile);
-        const std::string text = exchange.answer;
-        EXPECT_EQ(rig.at(exchange.command), text.starts_with("\r") ? text : answer(text)) << exchange.command;
+    // Starts with a JSON patch of the state; echo is off unless the patch says otherwise.
+    explicit Rig(const std::string &profile = "{}")
+    {
+        engine.modem.state.settings.echo = false;
+        engine.modem.state.behaviour.sms_send_ms = 0;
+        control.load_profile(profile);
+        engine.start();
+        run(0);
     }
+
+    void run(int64_t ms)
+    {
+        engine.timers.run_until(engine.timers.now() + ms);
+    }
+
+    // What comes back within `wait_ms` of bytes that are written.
+    std::string send(const std::string &bytes, int64_t wait_ms = 0)
+    {
+        out.clear();
+        engine.input(bytes);
+        run(wait_ms);
+        return out;
+    }
+
+    // Likewise of a command line, which gets its carriage return here.
+    std::string at(const std::string &line, int64_t wait_ms = 0)
+    {
+        return send(line + "\r", wait_ms);
+    }
+
+    nlohmann::json ctl(const std::string &line)
+    {
+        return nlohmann::json::parse(control.run(line));
+    }
+
+    nlohmann::json state(const std::string &pointer)
+    {
+        return ctl("state " + pointer).at("state");
+    }
+};
+
+std::string shown(const std::string &bytes)
+{
+    std::string text;
+    for (size_t i = 0; i < bytes.size(); i++) {
+        const unsigned char c = static_cast<unsigned char>(bytes[i]);
+        if (bytes.compare(i, 2, "\r\n") == 0) {
+            text += '~';
+            i++;
+        } else if (c < ' ' || c > '~') {
+            text += fmt::format("\\x{:02x}", c);
+        } else {
+            text += bytes[i];
+        }
+    }
+    return text;
 }
 
-TEST(Modemsim, EchoesUntilItIsTold)
+std::string bytes_of(const std::string &text)
 {
-    Rig rig(R"({"modem":{"settings":{"echo":true}}})");
-    EXPECT_EQ(rig.send("ATI8\n"), "ATI8\r\n\"89614.1000.00.04.01.02\"\r\n\r\nOK\r\n"); // a line feed ends it, too
-    EXPECT_EQ(rig.send("AT\r\n"), "AT\r\r\nOK\r\n");
-    EXPECT_EQ(rig.at("ATE0"), "ATE0\r\r\nOK\r\n");
-    EXPECT_EQ(rig.at("AT"), ok);
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text.compare(i, 2, "\\x") == 0) {
+            bytes += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
+            i += 3;
+        } else if (text.compare(i, 2, "\\r") == 0 || text.compare(i, 2, "\\n") == 0) {
+            bytes += text[++i] == 'r' ? '\r' : '\n';
+        } else {
+            bytes += text[i];
+        }
+    }
+    return bytes;
 }
 
-TEST(Modemsim, CarriesOutOneCommandAfterTheOther)
+// Carries out one line and returns what is to be seen of it.
+std::string carry_out(std::optional<Rig> &rig, const std::string &line)
 {
-    Rig rig(R"({"modem":{"behaviour":{"latency_ms":10,"delays":{"AT+CSQ":50}}}})");
-    EXPECT_EQ(rig.send("AT+CSQ\rAT+CMGF?\r", 59), "");
-    rig.run(1);
-    EXPECT_EQ(rig.out, answer("+CSQ: 27,99"));
-    rig.run(10);
-    EXPECT_EQ(rig.out, answer("+CSQ: 27,99") + answer("+CMGF: 0"));
+    const std::string word = line.substr(0, line.find(' ')), rest = line.substr(std::min(line.size(), word.size() + 1));
+    rig->out.clear();
+    if (word == "profile") {
+        rig.emplace(rest);
+        rig->out.clear();
+    } else if (word == ">") {
+        rig->send(bytes_of(rest) + "\r");
+    } else if (word == ">>") {
+        rig->send(bytes_of(rest));
+    } else if (word == "wait") {
+        rig->run(std::stoll(rest));
+    } else if (word == "state") {
+        return rig->state(rest).dump();
+    } else if (word == "ctl") {
+        nlohmann::json answer = rig->ctl(rest);
+        return answer["ok"] == true ? shown(rig->out) : answer.dump();
+    }
+    return shown(rig->out);
 }
 
-TEST(Modemsim, RecordsWhatComesInWithNumbersAndSaysThemInItsAnswers)
+class Course : public testing::TestWithParam<std::filesystem::path> {};
+
+TEST_P(Course, GoesAsItIsWritten)
 {
-    Rig rig(R"({"modem":{"behaviour":{"serial_numbers":true}}})");
-    EXPECT_EQ(rig.at("AT+CMGF?"), answer("+CMGF: 0\r\n+SN: 1"));
-    EXPECT_EQ(rig.at("ATE0"), answer("+SN: 2"));
-    EXPECT_EQ(rig.at("AT+NONSENSE"), "\r\n+SN: 3\r\n\r\nERROR\r\n");
-    rig.at("AT+CMGS=3");
-    EXPECT_EQ(rig.send("\x1b"), answer("+SN: 4"));
-    EXPECT_EQ(rig.recorded,
-              (std::vector<std::string>{"1 AT+CMGF?\r", "2 ATE0\r", "3 AT+NONSENSE\r", "4 AT+CMGS=3\r", "4 \x1b"}));
+    std::ifstream file(GetParam());
+    std::optional<Rig> rig(std::in_place);
+    std::string written, gone, line;
+    while (std::getline(file, line)) {
+        written += line + "\n";
+        if (line.starts_with("< "))
+            continue;
+        gone += line + "\n";
+        std::string output = carry_out(rig, line);
+        if (!output.empty())
+            gone += "< " + output + "\n";
+    }
+    if (getenv("CELMUX_KEEP_OUTPUT"))
+        std::ofstream(GetParam()) << gone;
+    else
+        EXPECT_EQ(gone, written);
 }
 
-TEST(Modemsim, LetsOtherCommandsWaitForTheScanWhereSoSet)
+std::vector<std::filesystem::path> courses()
 {
-    Rig rig(R"({"modem":{"behaviour":{"scan_ms":5000,"scan_refusal":"queue"}}})");
-    rig.at("AT+COPS=?");
-    EXPECT_EQ(rig.at("AT+CSQ", 4999), "");
-    rig.run(1);
-    EXPECT_TRUE(rig.out.starts_with("\r\n+COPS: (")) << rig.out;
-    EXPECT_TRUE(rig.out.ends_with(answer("+CSQ: 27,99"))) << rig.out;
+    return {std::filesystem::directory_iterator(TEST_DATA_DIR "/modemsim"), std::filesystem::directory_iterator()};
+}
+INSTANTIATE_TEST_SUITE_P(Of, Course, testing::ValuesIn(courses()),
+                         [](const auto &each) { return each.param.stem().string(); });
+
+const std::string ok = "\r\nOK\r\n";
+const std::string csq = "\r\n+CSQ: 27,99\r\n\r\nOK\r\n";
+
+std::string troubled(const std::string &rules)
+{
+    return R"({"seed":7,"troubles":[)" + rules + "]}";
 }
 
-TEST(Modemsim, LosesItsSettingsWithARestart)
+TEST(ModemsimTroubles, PutLinesAndBytesInside)
 {
-    Rig rig(R"({"modem":{"settings":{"creg":1}}})");
-    EXPECT_EQ(rig.at("AT+CFUN=15"), ok);
-    rig.run(60);
-    EXPECT_FALSE(rig.present);
-    EXPECT_EQ(rig.at("AT"), "");
-    rig.run(1500);
-    EXPECT_TRUE(rig.present);
-    EXPECT_EQ(rig.at("AT+CPIN?"), "AT+CPIN?\r\r\n+CME ERROR: 14\r\n");
-    rig.out.clear();
-    rig.run(1000);
-    EXPECT_EQ(rig.out, "\r\n+SIM READY\r\n");
-    rig.at("ATE0");
-    EXPECT_EQ(rig.at("AT+CNMI?"), answer("+CNMI: 0,0,0,0,0"));
-    EXPECT_EQ(rig.at("AT+CREG?"), answer("+CREG: 0,1"));
+    Rig rig(troubled(R"({"kind":"holds","text":"OK or ERROR"})"));
+    std::string held = rig.at("AT+CSQ");
+    size_t place = held.find("OK or ERROR\r\n");
+    ASSERT_NE(place, held.npos);
+    EXPECT_GT(place, 0u);
+    EXPECT_EQ(held.erase(place, 13), csq);
+
+    Rig noisy(troubled(R"({"kind":"rubbish","where":"inside","bytes":40})"));
+    EXPECT_EQ(noisy.at("AT+CSQ").size(), csq.size() + 40);
 }
 
-TEST(Modemsim, ReportsRegistrationAndTheCardUnasked)
+TEST(ModemsimTroubles, PutReportsIntoTheMiddleOfALine)
 {
-    Rig rig(R"({"modem":{"settings":{"creg":1,"cereg":1}}})");
-    rig.at("AT+CFUN=4");
-    EXPECT_EQ(
-        rig.at("AT+CFUN=1", 1000),
-        ok +
-            "\r\n+SIM: Inserted\r\n\r\n+CREG: 2\r\n\r\n+CEREG: 2\r\n\r\n+SIM READY\r\n\r\n+CREG: 1\r\n\r\n+CEREG: 1\r\n");
-    rig.out.clear();
-    rig.ctl("sim pull");
-    EXPECT_TRUE(rig.out.starts_with("\r\n+SIM: Removed\r\n\r\n+SIM DROP\r\n")) << rig.out;
+    const std::string report = "\r\nNO CARRIER\r\n";
+    Rig anywhere(troubled(R"({"kind":"unsolicited","where":"anywhere","text":"NO CARRIER","ms":5})"));
+    bool in_a_line = false;
+    for (int i = 0; i < 50; i++) {
+        std::string all = anywhere.at("AT+CSQ", 10);
+        size_t place = all.find(report);
+        ASSERT_NE(place, all.npos);
+        in_a_line = in_a_line || all[place - 1] != '\n';
+        EXPECT_EQ(all.erase(place, report.size()), csq);
+    }
+    EXPECT_TRUE(in_a_line);
 }
 
-TEST(Modemsim, RingsUntilTheCallIsOver)
+std::string course(const std::string &profile, uint64_t seed)
 {
-    Rig rig;
-    rig.ctl("ring +370000000");
-    const std::string bell = "\r\nRING\r\n\r\n+CLIP: \"+370000000\",145\r\n";
-    rig.run(3000);
-    EXPECT_TRUE(rig.out.starts_with(bell) && rig.out.ends_with(bell));
-    EXPECT_EQ(rig.at("AT+CLCC"), answer("+CLCC: 1,1,4,0,0,\"+370000000\",145,\"\""));
-    EXPECT_EQ(rig.at("ATH"), ok);
-    EXPECT_EQ(rig.at("AT+CLCC", 10000), ok);
+    Rig rig(profile);
+    rig.engine.troubles.seed(seed);
+    std::string all;
+    for (int i = 0; i < 200; i++) {
+        rig.engine.input("AT+CSQ\rAT+CMGL=4\r");
+        rig.run(50);
+        all += rig.out + "|";
+        rig.out.clear();
+    }
+    return all;
+}
+
+std::string read_file(const std::filesystem::path &path)
+{
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+TEST(ModemsimProfiles, AreRepeatableBySeed)
+{
+    std::string mixed = read_file(SOURCE_DIR "/modemsim/profiles/mixed.json");
+    std::string once = course(mixed, 3);
+    EXPECT_EQ(once, course(mixed, 3));
+    EXPECT_NE(once, course(mixed, 4));
+}
+
+TEST(ModemsimProfiles, AllLoadAndRun)
+{
+    int loaded = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(SOURCE_DIR "/modemsim/profiles")) {
+        SCOPED_TRACE(entry.path());
+        Rig rig(read_file(entry.path()));
+        for (int i = 0; i < 60; i++) {
+            rig.engine.input("AT+CSQ\r");
+            rig.run(1000);
+        }
+        EXPECT_EQ(rig.control.event_error(), "");
+        loaded++;
+    }
+    EXPECT_GT(loaded, 20);
+}
+
+TEST(ModemsimProfiles, RefuseWhatTheyDoNotKnow)
+{
+    for (const char *profile :
+         {"nonsense", R"({"modemm":{}})", R"({"modem":{"sim":{"state":"burnt"}}})", R"({"modem":{"kept":{"imx":1}}})",
+          R"({"troubles":[{"kind":"late","sm":1}]})", R"({"events":[{"do":"dance"}]})"}) {
+        Rig rig;
+        EXPECT_THROW(rig.control.load_profile(profile), std::invalid_argument) << profile;
+    }
 }
 
 TEST(Modemsim, SurvivesWhateverComesIn)
