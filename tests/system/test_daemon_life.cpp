@@ -25,51 +25,6 @@ static int64_t ms_since(Clock::time_point from)
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - from).count();
 }
 
-TEST(DaemonStart, RefusesABadConfiguration)
-{
-    const std::string port = R"("port": "/dev/ttyMODEM", "type": "serial")";
-    const struct {
-        const char *name;
-        std::string text; // empty: no file
-        const char *message;
-    } rows[] = {
-        {"missing", "", "[CELMUX: read_json:"},
-        {"missing", "", "configuration file not exist."},
-        {"missing", "", "[CELMUX: load_pre_execute:"},
-        {"cut", R"({"settings": {"port": )", "configurations not loaded"},
-        {"no JSON", "# port=/dev/ttyMODEM\n", "configurations not loaded"},
-        {"empty", "\n", "configurations not loaded"},
-        {"settings no object", R"({"settings": "/dev/ttyMODEM"})", "port not defined or not valid"},
-        {"no port", R"({"settings": {"type": "serial"}})", "port not defined or not valid"},
-        {"port a number", R"({"settings": {"port": 1, "type": "serial"}})", "port not defined or not valid"},
-        {"no type", R"({"settings": {"port": "/dev/ttyMODEM"}})",
-         R"(port type not specified. (support "file","serial"))"},
-        {"type unknown", R"({"settings": {"port": "/dev/ttyMODEM", "type": "usb"}})",
-         R"(invalid port type: usb(only support "file","serial"))"},
-        {"stop bits", R"({"settings": {)" + port + R"(, "serial_stopbits": "1.0"}})",
-         R"(invalid stop bit setting: 1.0(only support "1","1.5","2"))"},
-        {"parity", R"({"settings": {)" + port + R"(, "serial_parity": "maybe"}})",
-         R"(invalid parity setting: maybe(only support "none","even","odd","mark","space"))"},
-        {"flow control", R"({"settings": {)" + port + R"(, "serial_flowcontrol": "rts"}})",
-         R"(invalid flowcontrol setting: rts(only support "software","hardware"))"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        PrivateRoot root;
-        root.remove("/etc/ril.json");
-        if (!row.text.empty()) {
-            root.write_file("/etc/ril.json", row.text);
-        }
-        Process celmuxd = root.start({"celmuxd"});
-        std::optional<ExitStatus> status = celmuxd.wait_exit();
-        ASSERT_TRUE(status.has_value());
-        EXPECT_EQ(status->code, 1);
-        EXPECT_TRUE(wait_for([&] { return root.syslog().contains("] initialize failed"); }));
-        EXPECT_TRUE(wait_for([&] { return root.syslog().contains(row.message); }));
-        EXPECT_THAT(celmuxd.output(), Not(HasSubstr("thread")));
-    }
-}
-
 // Line settings that only the port itself refuses end its two threads, not the daemon.
 TEST(DaemonStart, RunsOnWhenThePortCannotBeSetUp)
 {
@@ -152,39 +107,6 @@ TEST(DaemonStart, FirstStartSinceBoot)
         EXPECT_FALSE(root.exists("/tmp/elsewhere"));
         EXPECT_EQ(count_of(root.read_file("/tmp/calls.log"), stop_call), row.stops ? 1U : 0U);
     }
-}
-
-// Two daemons at one port would take answers and messages from each other.
-TEST(DaemonStart, ASecondOneOrAnArgumentEndsAtOnce)
-{
-    PrivateRoot root;
-    Daemon daemon(root);
-    ASSERT_TRUE(daemon.wait_until_calm());
-    const struct {
-        std::vector<std::string> command;
-        int status;
-        const char *output, *errors;
-    } rows[] = {
-        {{"celmuxd"}, 1, "", "celmuxd: another process has the port /dev/ttyMODEM\n"},
-        {{"celmuxd", "--help"}, 0, "Usage: celmuxd", ""},
-        {{"celmuxd", "--version"}, 0, "celmuxd 1.", ""},
-        {{"celmuxd", "-d"}, 1, "", "celmuxd: there is no argument -d\n"},
-    };
-    std::string record = daemon.modem().record();
-    for (const auto &row : rows) {
-        Process second = root.start(row.command);
-        std::optional<ExitStatus> status = second.wait_exit();
-        ASSERT_TRUE(status.has_value());
-        EXPECT_EQ(status->code, row.status);
-        EXPECT_THAT(second.output(), HasSubstr(row.output));
-        EXPECT_THAT(second.errors(), testing::StartsWith(row.errors));
-    }
-    EXPECT_EQ(daemon.modem().record(), record);
-    EXPECT_EQ(daemon.call("get_imei").result(), 0);
-    daemon.celmuxd().signal(SIGKILL);
-    (void)daemon.celmuxd().wait_exit();
-    daemon.start_again();
-    EXPECT_TRUE(wait_for([&] { return daemon.call("get_imei").result() == 0; }));
 }
 
 // The commands that the modem got, in order: the record's lines without time and number. The escape that leaves a

@@ -122,21 +122,6 @@ TEST_F(DaemonRubbish, AnswersOfAnotherShape)
 
 constexpr const char *in_two_bursts = R"(trouble {"kind": "split", "at": 14, "ms": 20, "command": "AT+CGSN"})";
 
-TEST_F(DaemonRubbish, AnAnswerInTwoBurstsIsOneAnswer)
-{
-    control(in_two_bursts);
-    EXPECT_EQ(daemon.call("get_imei").result(), 0);
-    control("trouble clear");
-}
-
-TEST_F(DaemonRubbish, AnAnswerThatIsTooLongIsAFailure)
-{
-    control(R"(trouble {"kind": "endless", "bytes": 600000, "answer": true, "command": "AT+CGSN"})");
-    EXPECT_EQ(daemon.call("get_imei").result(), 65537);
-    control("trouble clear");
-    expect_service("without it");
-}
-
 TEST(DaemonBurstGap, JoinsAnAnswerInSeveralBursts)
 {
     PrivateRoot root;

@@ -172,22 +172,6 @@ TEST_F(LinkStuck, AStopBeforeThePromptLeavesTheModemAtNone)
     EXPECT_FALSE(modem->at_prompt());
 }
 
-TEST_F(LinkStuck, TheFinalResultOfAScanEndsItWhateverStandsBeforeIt)
-{
-    set({{"AT+COPS=?", at_once("\r\nOK\r\n", 20)}}); // at the start, too
-    start(false);
-    ASSERT_TRUE(daemon->bus.wait_for_object("celmux"));
-    EXPECT_TRUE(wait_for([&] { return served(); }, milliseconds(5000))) << "the first scan";
-    for (const char *answer :
-         {"\r\nOK\r\n", "\r\n+COPS: ,,(0-4),(0-2)\r\n\r\nOK\r\n", "\r\n+COPS: \r\n\r\nOK\r\n",
-          "\r\n+COPS:\r\n\r\nOK\r\n", "\r\n+COPS:(2,\"One\",\"One\",\"26201\",7),,(0-4),(0-2)\r\n\r\nOK\r\n",
-          "\r\n+CME ERROR: 30\r\n", "\r\nERROR\r\n"}) {
-        set({{"AT+COPS=?", at_once(answer, 20)}});
-        EXPECT_EQ(call("scan_network").result(), 0) << answer;
-        EXPECT_TRUE(wait_for([&] { return served(); }, milliseconds(2000))) << answer;
-    }
-}
-
 TEST_F(LinkStuck, APauseInAnAnswerDoesNotEndIt) // burst_gap_ms is missing here
 {
     start();
@@ -302,39 +286,6 @@ TEST_F(LinkStuck, WhatIsKnownIsNotWaitedFor)
     }
 }
 
-TEST_F(LinkStuck, EqualAnswersOfDifferentCommandsAreBothDelivered)
-{
-    start();
-    set({{"AT+CSIM=", at_once(framed({"+CSIM: 4,\"9000\""}))},
-         {"at+csq", at_once(framed({"+CSQ: 27,99"}))},
-         {"AT+CLCK=", at_once(framed({"+CLCK: 0"}))}});
-    auto raw = [](const char *at) { return std::pair<std::string, json>("at_passthrough", {{"at", at}}); };
-    auto method = [](const char *name) { return std::pair<std::string, json>(name, json::object()); };
-    const std::pair<std::string, json> calls[] = {
-        raw("AT+CSIM=1,\"00\""), raw("AT+CSIM=1,\"01\""), raw("AT+CSIM=1,\"01\""),
-        method("get_rssi"),      raw("at+csq"),           method("get_rssi"),
-        method("get_rssi"),      raw("AT+CLCK=\"PN\",2"), method("get_sim_lock_status"),
-        raw("AT+CLCK=\"SC\",2")};
-    for (const auto &[name, arguments] : calls) {
-        Outcome outcome = call(name, arguments);
-        EXPECT_EQ(outcome.result(), 0) << name << arguments;
-        EXPECT_LT(outcome.ms, at_once_ms) << name << arguments;
-    }
-}
-
-TEST_F(LinkStuck, PartsThatGetTheSameReferenceAreSent)
-{
-    start();
-    set({{"AT+CMGS=", prompt_after(0)}, {"\x1A", at_once(framed({"+CMGS: 7"}), 5)}});
-    Outcome outcome =
-        call("send_message", {{"dest", "+491701234567"}, {"type", 0}, {"content", std::string(400, 'x')}});
-    EXPECT_EQ(outcome.result(), 0);
-    EXPECT_LT(outcome.ms, at_once_ms);
-    std::vector<Input> inputs = modem->inputs();
-    EXPECT_EQ(
-        std::count_if(inputs.begin(), inputs.end(), [](const Input &each) { return each.text.ends_with('\x1A'); }), 3);
-}
-
 TEST_F(LinkStuck, AnAnswerIsWholeOrAFailure)
 {
     start();
@@ -377,56 +328,6 @@ TEST_F(LinkStuck, ReportsWithinAnAnswerAreNotItsValues)
         EXPECT_EQ(outcome.result(), 0) << row.answer;
         EXPECT_EQ(outcome.answer.data.value(row.key, ""), row.value) << row.answer;
     }
-}
-
-// Forty calls back to back, as a shell loop makes them; the tenth meets a stray line.
-TEST_F(LinkStuck, AStrayLineShiftsNoAnswers)
-{
-    start();
-    latency = 20;
-    struct Row {
-        const char *text;
-        bool after; // the answer, by 5 ms; otherwise between the command and its answer
-        int wrong;  // at most
-    };
-    for (const Row &row :
-         {Row{"NO CARRIER", false, 0}, Row{"BUSY", false, 0}, Row{"NO ANSWER", false, 0}, Row{"CONNECT", false, 0},
-          Row{"NO CARRIER", true, 0}, Row{"OK", false, 1}, Row{"ERROR", false, 1}, Row{"OK", true, 1}}) {
-        const std::string struck = "AT+CSIM=1,\"10", stray = framed({}, row.text);
-        std::vector<int> wrong;
-        for (int i = 1; i <= 40; i++) {
-            if (i == 10) {
-                std::string answer = framed({"+CSIM: 4,\"#?\""});
-                set({{struck,
-                      row.after ? in_pieces({{20, answer}, {5, stray}}) : in_pieces({{5, stray}, {15, answer}})}});
-            }
-            Outcome outcome = pass(fmt::format("AT+CSIM=1,\"{}\"", i));
-            std::vector<Input> inputs = modem->inputs();
-            size_t mark = outcome.text().find('#');
-            size_t number = mark == std::string::npos ? inputs.size() : std::stoul(outcome.text().substr(mark + 1));
-            if (number >= inputs.size() || inputs[number].text != fmt::format("AT+CSIM=1,\"{}\"", i))
-                wrong.push_back(i);
-        }
-        clear();
-        EXPECT_LE(wrong.size(), static_cast<size_t>(row.wrong))
-            << row.text << (row.after ? " behind" : " before") << " the tenth answer: calls "
-            << testing::PrintToString(wrong);
-    }
-}
-
-TEST_F(LinkStuck, NoCallersTextIsASecondCommand)
-{
-    start();
-    for (const char *text : {"AT+CSQ\rAT+GTWRONG", "AT+CSQ\nAT+GTWRONG", "AT+CSQ\r\nAT+GTWRONG\r"}) {
-        Outcome outcome = pass(text);
-        EXPECT_NE(outcome.result(), 0) << text;
-        EXPECT_LT(outcome.ms, at_once_ms);
-    }
-    for (const char *oper :
-         {"26201;+GTWRONG", "26201\x7F+GTWRONG", "26201\t+GTWRONG", "26201\b+GTWRONG", "26201\r+GTWRONG"})
-        EXPECT_NE(call("select_operator", {{"mode", 1}, {"format", 2}, {"oper", oper}}).result(), 0) << oper;
-    EXPECT_FALSE(asked("GTWRONG"));
-    expect_served_at_once("afterwards");
 }
 
 } // namespace
